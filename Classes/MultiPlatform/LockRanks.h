@@ -1,0 +1,22 @@
+// The order in which the product's locks are taken, outermost first.
+//
+// A thread that holds one may only take those below it. Leaves call nothing out.
+#pragma once
+
+namespace tessel {
+
+enum LockRank {
+    kRankFilterState = 0,   // state changes, pin creation
+    kRankSeek = 10,         // the file source's seeking
+    kRankReceive = 20,      // one sample at a time from upstream
+    kRankStreaming = 30,    // input buffer and parser
+    kRankTable = 40,        // section filters, table store, service list
+    kRankContentBind = 50,  // a content binds to its program
+    kRankPin = 60,          // a pin's content, thread and flags
+    kRankPinMap = 70,       // changes of a pin's PID map
+    kRankContent = 80,      // a content's buffer and queues
+    kRankPcr = 90,          // PCR clocks
+    kRankLeaf = 100,        // lists, counters, queues: taken last, held briefly
+};
+
+}  // namespace tessel

@@ -17,13 +17,14 @@ HRESULT DvbCollectionBase::Add(IUnknown* item) {
 }
 
 HRESULT DvbCollectionBase::Clear() {
-    std::vector<ComPtr<IUnknown>> released;  // items go after the lock
-    CScopedLock lock(&m_lock);
-    released.swap(m_items);
+    Detach();
     return S_OK;
 }
 
-DvbCollectionBase::~DvbCollectionBase() = default;
+std::vector<ComPtr<IUnknown>> DvbCollectionBase::Detach() {
+    CScopedLock lock(&m_lock);
+    return std::exchange(m_items, {});
+}
 
 HRESULT DvbCollectionBase::GetCount(uint32_t* out) {
     if (out == nullptr)
@@ -62,12 +63,10 @@ HRESULT DvbKeyedCollection<Index>::AddAndIndex(int32_t key, IUnknown* item) {
 }
 
 template <class Index>
-HRESULT DvbKeyedCollection<Index>::Clear() {
-    std::vector<ComPtr<IUnknown>> released;
+std::vector<ComPtr<IUnknown>> DvbKeyedCollection<Index>::Detach() {
     CScopedLock lock(&m_lock);
-    released.swap(m_items);
     m_index.clear();
-    return S_OK;
+    return std::exchange(m_items, {});
 }
 
 template <class Index>

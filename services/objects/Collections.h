@@ -53,9 +53,12 @@ class DvbCollectionBase {
 public:
     virtual HRESULT Add(IUnknown* item);
     virtual HRESULT Clear();
-    virtual ~DvbCollectionBase();
+    virtual ~DvbCollectionBase() = default;
     virtual HRESULT GetCount(uint32_t* out);
     virtual HRESULT GetItem(int32_t index, IUnknown** out);
+
+    // Empties the list into the result, for a caller that releases the items after its locks.
+    virtual std::vector<ComPtr<IUnknown>> Detach();
 
 protected:
     CCritSec m_lock{"list", kRankLeaf};
@@ -74,7 +77,7 @@ public:
 template <class Index>
 class DvbKeyedCollection : public DvbCollectionBase, public CIfc<IDvbMapping> {
 public:
-    HRESULT Clear() override;
+    std::vector<ComPtr<IUnknown>> Detach() override;
     HRESULT GetCount(uint32_t* out) override { return DvbCollectionBase::GetCount(out); }
     HRESULT GetItem(int32_t index, IUnknown** out) override { return DvbCollectionBase::GetItem(index, out); }
     HRESULT Lookup(int32_t key, IUnknown** out) override;

@@ -1,0 +1,251 @@
+#include "core/TsFilterBase.h"
+
+#include <new>
+
+#include "Classes/MultiPlatform/GenUtilMP.h"
+#include "Classes/MultiPlatform/LockRanks.h"
+#include "tables/TableFactory.h"
+
+namespace tessel {
+
+namespace {
+
+constexpr uint32_t kAnyTable = 0xFFFFFFFF;
+
+struct DefaultFilter {
+    uint32_t tableId;
+    uint32_t pid;
+};
+
+// In this order: the two ATSC tables share a PID, so the last request finds it occupied.
+constexpr DefaultFilter kPatFilter = {kProgramAssociationTable, 0x0000};
+constexpr DefaultFilter kNameFilters[] = {
+    {kServiceDescriptionTable, 0x0011}, {kMasterGuideTable, 0x1FFB}, {kVirtualChannelTable, 0x1FFB}};
+
+const char* NameOfMode(StreamingMode mode) {
+    switch (mode) {
+    case StreamingMode::kLive:
+        return "live";
+    case StreamingMode::kStream:
+        return "strm";
+    case StreamingMode::kRecording:
+        return "rec ";
+    case StreamingMode::kFile:
+        return "file";
+    }
+    return "";
+}
+
+template <class Factory>
+std::unique_ptr<ITableFactory> MakeFactory() {
+    return std::unique_ptr<ITableFactory>(new (std::nothrow) Factory);
+}
+
+}  // namespace
+
+CTsFilterBase::CTsFilterBase(const char* name, int32_t requestedCapacity)
+    : CUnknown(name, nullptr),
+      m_tableLock("tables", kRankTable),
+      m_parser(requestedCapacity),
+      m_sectionFilterSlots(new std::atomic<SectionFilter*>[kPidCount]()),
+      m_tables(*this) {}
+
+CTsFilterBase::~CTsFilterBase() {
+    __ResetTables();
+    CScopedLock lock(&m_tableLock);
+    DeleteSectionFilters(0);
+}
+
+HRESULT CTsFilterBase::NonDelegatingQueryInterface(const IID& iid, void** out) {
+    if (out != nullptr && iid == ITableDecoder::kIid)
+        return GetInterface<ITableDecoder>(this, out);
+    return CUnknown::NonDelegatingQueryInterface(iid, out);
+}
+
+HRESULT CTsFilterBase::SetMode(StreamingMode mode, int32_t parameter) {
+    m_mode = mode;
+    m_modeParameter = mode == StreamingMode::kLive ? 1 : parameter;
+    m_modeName = NameOfMode(mode);
+
+    CScopedLock lock(&m_tableLock);
+    const bool decoders =
+        m_tables.AddDecoder(kProgramAssociationTable, MakeFactory<ProgramAssociationTableFactory>()) &&
+        m_tables.AddDecoder(kProgramMapTable, MakeFactory<ProgramMapTableFactory>()) &&
+        m_tables.AddDecoder(kServiceDescriptionTable, MakeFactory<ServiceDescriptionTableFactory>()) &&
+        m_tables.AddDecoder(kMasterGuideTable, MakeFactory<MasterGuideTableFactory>()) &&
+        m_tables.AddDecoder(kVirtualChannelTable, MakeFactory<VirtualChannelTableFactory>());
+    m_services.reset(new (std::nothrow) CDvbServices(m_tableLock, *this));
+    return decoders && m_services ? S_OK : E_FAIL;
+}
+
+HRESULT CTsFilterBase::StartStreaming() {
+    const HRESULT result = m_parser.CreateBuffer();
+    if (FAILED(result))
+        return result;
+    InternalReset();
+    m_parser.ResetPositions();
+    m_streaming.store(true, std::memory_order_relaxed);
+    return S_OK;
+}
+
+HRESULT CTsFilterBase::StopStreaming() {
+    if (m_streaming.exchange(false, std::memory_order_relaxed))
+        m_parser.DestroyBuffer();
+    return S_OK;
+}
+
+HRESULT CTsFilterBase::AddData(const uint8_t** data, int32_t* length) {
+    return IsStreaming() ? m_parser.AddData(data, length) : S_FALSE;
+}
+
+void CTsFilterBase::NoteArrival() {
+    if (m_mode == StreamingMode::kLive)
+        m_parser.NoteArrival(CurrentStreamTime());
+}
+
+int CTsFilterBase::ParsePacket(const uint8_t* packet) {
+    const TsHeader header = DecodeTsHeader(packet);
+    const uint32_t pid = header.Pid();
+    const bool scrambled = header.TransportScramblingControl() != 0;
+    m_pidStatus.Update(pid, scrambled);
+    if (header.TransportErrorIndicator() || scrambled)
+        return 0;
+
+    AdaptationFieldHeader adaptation;
+    if (header.HasAdaptationField()) {
+        adaptation = DecodeAdaptationFieldHeader(packet);
+        if (adaptation.length > kMaxAdaptationFieldLength)
+            return 0;
+    }
+
+    const bool hasSectionFilter = m_sectionFilterSlots[pid].load(std::memory_order_acquire) != nullptr;
+    if (hasSectionFilter && FAILED(ParseSections(packet, header, adaptation)))
+        return 0;
+    const bool refused = m_router.OfferPacket(packet, header, adaptation, hasSectionFilter);
+    return refused && m_mode == StreamingMode::kFile ? 1 : 0;
+}
+
+HRESULT CTsFilterBase::ParseSections(const uint8_t* packet, const TsHeader& header,
+                                     const AdaptationFieldHeader& adaptation) {
+    HRESULT status = S_OK;
+    std::span<const uint8_t> section;
+    {
+        CScopedLock lock(&m_tableLock);
+        SectionFilter* filter = m_sectionFilterSlots[header.Pid()].load(std::memory_order_relaxed);
+        if (filter == nullptr || !header.HasPayload())
+            return S_OK;
+        const int32_t offset = PayloadOffset(header, adaptation);
+        const int32_t length = kTransportPacketSize - offset;
+        if (length < 1)
+            return E_FAIL;
+        status = filter->AssembleSection(packet + offset, length, header.PayloadUnitStartIndicator(),
+                                         adaptation.DiscontinuityIndicator(), header.ContinuityCounter());
+        section = filter->TakeCompleted();
+        if (!section.empty())
+            DispatchSection(section);
+    }
+    // Outside the table lock: the bytes stay until this PID's next section completes, on this thread.
+    if (!section.empty())
+        m_router.OfferSection(header, section);
+    return status;
+}
+
+HRESULT CTsFilterBase::DispatchSection(std::span<const uint8_t> section) {
+    CScopedLock lock(&m_tableLock);
+    if (section.size() >= 5 && section[0] == kProgramAssociationTable) {
+        const auto transportStreamId = static_cast<uint32_t>(section[3] << 8 | section[4]);
+        if (transportStreamId != CurrentTransportStreamId())
+            NewTSID(transportStreamId);
+    }
+    m_tables.Dispatch(section);
+    return S_OK;
+}
+
+void CTsFilterBase::InternalReset() {
+    m_parser.FlushBuffer();
+    CScopedLock lock(&m_tableLock);
+    m_currentTransportStreamId.store(0, std::memory_order_relaxed);
+    m_pidStatus.Clear();
+    __ResetTables();
+    DeleteSectionFilters(0);
+    InstallSectionFilters(DefaultFilters::kWithPat);
+}
+
+void CTsFilterBase::NewTSID(uint32_t transportStreamId) {
+    CScopedLock lock(&m_tableLock);
+    __ResetTables();
+    // The PAT that announced the new stream is still being handled on PID 0, so its filter stays.
+    DeleteSectionFilters(1);
+    InstallSectionFilters(DefaultFilters::kWithoutPat);
+    m_currentTransportStreamId.store(transportStreamId, std::memory_order_relaxed);
+}
+
+HRESULT CTsFilterBase::__ResetTables() {
+    std::vector<TableRecords> tables;
+    std::vector<ComPtr<IUnknown>> services;
+    CScopedLock lock(&m_tableLock);
+    tables = m_tables.Detach();
+    if (m_services)
+        services = m_services->Detach();
+    return S_OK;
+}
+
+void CTsFilterBase::DeleteSectionFilters(uint32_t firstPid) {
+    for (uint32_t pid = firstPid; pid < kPidCount; ++pid)
+        delete m_sectionFilterSlots[pid].exchange(nullptr, std::memory_order_acq_rel);
+}
+
+void CTsFilterBase::InstallSectionFilters(DefaultFilters which) {
+    if (which == DefaultFilters::kWithPat)
+        AddTablePid(kPatFilter.tableId, 0, kPatFilter.pid);
+    for (const DefaultFilter& filter : kNameFilters)
+        AddTablePid(filter.tableId, 0, filter.pid);
+    for (size_t sink = 0; sink < m_router.SinkCount(); ++sink)
+        for (const uint32_t pid : m_router.Sink(sink)->SectionPids())
+            AddTablePid(kAnyTable, 0, pid);
+}
+
+HRESULT CTsFilterBase::AddTablePid(uint32_t, uint32_t, uint32_t pid) {
+    if (pid >= kPidCount)
+        return E_INVALIDARG;
+    CScopedLock lock(&m_tableLock);
+    std::atomic<SectionFilter*>& slot = m_sectionFilterSlots[pid];
+    if (slot.load(std::memory_order_relaxed) != nullptr)
+        return E_ACCESSDENIED;
+    try {
+        slot.store(new SectionFilter(static_cast<uint16_t>(pid)), std::memory_order_release);
+    } catch (const std::bad_alloc&) {
+        return E_OUTOFMEMORY;
+    }
+    return S_OK;
+}
+
+HRESULT CTsFilterBase::EnumTables(uint32_t tableId, IDvbCollection** out) {
+    CScopedLock lock(&m_tableLock);
+    return m_tables.EnumTables(tableId, out);
+}
+
+HRESULT CTsFilterBase::GetTable(uint32_t tableId, uint32_t key, IDvbTable** out) {
+    CScopedLock lock(&m_tableLock);
+    return m_tables.GetTable(tableId, key, out);
+}
+
+HRESULT CTsFilterBase::GetFirstTable(uint32_t tableId, IDvbTable** out) {
+    CScopedLock lock(&m_tableLock);
+    return m_tables.GetFirstTable(tableId, out);
+}
+
+std::vector<TableStore::Version> CTsFilterBase::TableVersions() {
+    CScopedLock lock(&m_tableLock);
+    return m_tables.Versions();
+}
+
+HRESULT CTsFilterBase::OnTableReady(uint32_t tableId, uint32_t key) {
+    return m_services ? m_services->TableComplete(tableId, key) : S_OK;
+}
+
+HRESULT CTsFilterBase::OnTableStale(uint32_t tableId, uint32_t key) {
+    return m_services ? m_services->TableChanging(tableId, key) : S_OK;
+}
+
+}  // namespace tessel

@@ -1,0 +1,93 @@
+// From bytes to packets: the input buffer, packet size and sync, stream positions and arrival times.
+//
+// The parser works in place: there is no queue, and a packet is handed on as a pointer into the buffer.
+// It has no lock; its owner calls one operation at a time.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <span>
+
+#include "Classes/MultiPlatform/ByteBuffer.h"
+#include "core/stream/TsHeader.h"
+#include "platform/com/Result.h"
+
+namespace tessel {
+
+using REFERENCE_TIME = int64_t;  // 100 ns units
+
+// When the first byte of an input sample arrived.
+struct ArrivalRecord {
+    int64_t position;     // BytesReceived before that byte; INT64_MIN for none
+    REFERENCE_TIME time;  // stream time of the arrival
+};
+
+// Sees every packet that stands between two sync bytes.
+class IPacketHandler {
+public:
+    // packet: 188 bytes. 0 to go on; 1 to stop, leaving the packet unread.
+    virtual int ParsePacket(const uint8_t* packet) = 0;
+
+protected:
+    ~IPacketHandler() = default;
+};
+
+class PacketParser {
+public:
+    static constexpr int32_t kDefaultCapacity = 819'200;
+
+    explicit PacketParser(int32_t requestedCapacity) : m_requestedCapacity(requestedCapacity) {}
+
+    // Makes the buffer if there is none (E_OUTOFMEMORY) and empties it.
+    HRESULT CreateBuffer();
+    void DestroyBuffer() { m_buffer.reset(); }
+    // Positions back to 0, no arrivals.
+    void ResetPositions();
+
+    // Copies as many bytes as fit; moves the caller's pointer on and its length down by that number.
+    // E_UNEXPECTED without a buffer, E_OUTOFMEMORY when nothing fits.
+    HRESULT AddData(const uint8_t** data, int32_t* length);
+    // Remembers that the next byte added arrives at time.
+    void NoteArrival(REFERENCE_TIME time) { m_arrivals.push_back({m_bytesReceived, time}); }
+
+    // An in-place write of up to length bytes; empty when there is no room.
+    std::span<uint8_t> Reserve(int32_t length);
+    void Commit(int32_t written);
+
+    // Throws away what is buffered; it counts as consumed. E_UNEXPECTED without a buffer.
+    HRESULT FlushBuffer();
+
+    // Finds four sync bytes at an equal spacing of 188 or 192 bytes and stops at the first of them.
+    // E_ABORT when more data is needed; E_UNEXPECTED without a buffer.
+    HRESULT DetectPacketSize();
+
+    // Hands every complete packet to handler. A packet is complete when the next sync byte and 6 bytes
+    // more are there. S_OK when the data ran out; S_FALSE when the handler stopped; E_UNEXPECTED without
+    // a buffer.
+    HRESULT ParseData(IPacketHandler& handler);
+
+    int32_t PacketSize() const { return m_packetSize; }
+    void SetPacketSize(int32_t size) { m_packetSize = size; }
+    // Input bytes consumed: the offset in the stream of the byte at the read offset.
+    int64_t StreamPosition() const { return m_streamPosition; }
+    int64_t BytesReceived() const { return m_bytesReceived; }
+    const ArrivalRecord& CurrentArrival() const { return m_currentArrival; }
+
+private:
+    // The next packet, at the read offset; null when more data is needed.
+    const uint8_t* SkipUntilSync();
+    const uint8_t* SearchSync();
+    void Consume(int32_t count);
+    void TakeArrivals();
+
+    std::unique_ptr<ByteBuffer> m_buffer;
+    const int32_t m_requestedCapacity;
+    int32_t m_packetSize = kTransportPacketSize;
+    int64_t m_streamPosition = 0;
+    int64_t m_bytesReceived = 0;
+    std::deque<ArrivalRecord> m_arrivals;
+    ArrivalRecord m_currentArrival{INT64_MIN, 0};
+};
+
+}  // namespace tessel

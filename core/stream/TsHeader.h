@@ -1,0 +1,61 @@
+// The transport packet header and the head of the adaptation field, ISO/IEC 13818-1 clauses 2.4.3.2
+// and 2.4.3.4.
+#pragma once
+
+#include <cstdint>
+
+namespace tessel {
+
+inline constexpr int32_t kTransportPacketSize = 188;
+inline constexpr int32_t kTimestampedPacketSize = 192;  // 4 further bytes after each packet
+inline constexpr uint8_t kSyncByte = 0x47;
+inline constexpr uint32_t kPidCount = 8192;
+inline constexpr uint32_t kNullPid = 0x1FFF;
+
+struct TsHeader {
+    uint8_t sync = 0;
+    uint16_t flagsAndPid = 0;  // bytes 1 and 2, big-endian
+    uint8_t control = 0;       // byte 3
+
+    uint32_t Pid() const { return flagsAndPid & 0x1FFF; }
+    bool TransportErrorIndicator() const { return (flagsAndPid & 0x8000) != 0; }
+    bool PayloadUnitStartIndicator() const { return (flagsAndPid & 0x4000) != 0; }
+    bool TransportPriority() const { return (flagsAndPid & 0x2000) != 0; }
+    uint8_t TransportScramblingControl() const { return control >> 6; }
+    bool HasAdaptationField() const { return (control & 0x20) != 0; }
+    bool HasPayload() const { return (control & 0x10) != 0; }
+    uint8_t ContinuityCounter() const { return control & 0x0F; }
+};
+
+// packet: at least 4 bytes.
+inline TsHeader DecodeTsHeader(const uint8_t* packet) {
+    return {packet[0], static_cast<uint16_t>(packet[1] << 8 | packet[2]), packet[3]};
+}
+
+struct AdaptationFieldHeader {
+    uint8_t length = 0;  // adaptation_field_length
+    uint8_t flags = 0;   // 0 when the length is 0
+
+    bool DiscontinuityIndicator() const { return (flags & 0x80) != 0; }
+    bool RandomAccessIndicator() const { return (flags & 0x40) != 0; }
+    bool ElementaryStreamPriorityIndicator() const { return (flags & 0x20) != 0; }
+    bool PcrFlag() const { return (flags & 0x10) != 0; }
+    bool OpcrFlag() const { return (flags & 0x08) != 0; }
+    bool SplicingPointFlag() const { return (flags & 0x04) != 0; }
+    bool TransportPrivateDataFlag() const { return (flags & 0x02) != 0; }
+    bool AdaptationFieldExtensionFlag() const { return (flags & 0x01) != 0; }
+};
+
+inline constexpr uint8_t kMaxAdaptationFieldLength = 183;
+
+// packet: 188 bytes whose header says that it has an adaptation field.
+inline AdaptationFieldHeader DecodeAdaptationFieldHeader(const uint8_t* packet) {
+    return {packet[4], packet[4] >= 1 ? packet[5] : uint8_t{0}};
+}
+
+// Bytes before the payload. The result may lie past the packet: adaptation_field_length can be anything.
+inline int32_t PayloadOffset(const TsHeader& header, const AdaptationFieldHeader& adaptation) {
+    return header.HasAdaptationField() ? 4 + 1 + adaptation.length : 4;
+}
+
+}  // namespace tessel

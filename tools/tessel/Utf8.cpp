@@ -1,0 +1,75 @@
+#include "tools/tessel/Utf8.h"
+
+#include <cstdint>
+
+namespace tessel::tool {
+
+namespace {
+
+void AppendUtf8(std::string& out, char32_t c) {
+    if (c < 0x80) {
+        out += static_cast<char>(c);
+    } else if (c < 0x800) {
+        out += static_cast<char>(0xC0 | c >> 6);
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+        out += static_cast<char>(0xE0 | c >> 12);
+        out += static_cast<char>(0x80 | (c >> 6 & 0x3F));
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+        out += static_cast<char>(0xF0 | c >> 18);
+        out += static_cast<char>(0x80 | (c >> 12 & 0x3F));
+        out += static_cast<char>(0x80 | (c >> 6 & 0x3F));
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    }
+}
+
+bool IsHigh(char16_t unit) {
+    return unit >= 0xD800 && unit <= 0xDBFF;
+}
+
+bool IsLow(char16_t unit) {
+    return unit >= 0xDC00 && unit <= 0xDFFF;
+}
+
+}  // namespace
+
+std::string ToUtf8(std::u16string_view text) {
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char16_t unit = text[i];
+        if (IsHigh(unit) && i + 1 < text.size() && IsLow(text[i + 1])) {
+            AppendUtf8(out, 0x10000 + (static_cast<char32_t>(unit - 0xD800) << 10) + (text[i + 1] - 0xDC00u));
+            ++i;
+        } else {
+            AppendUtf8(out, IsHigh(unit) || IsLow(unit) ? U'\uFFFD' : unit);
+        }
+    }
+    return out;
+}
+
+std::string ToTerminal(std::string_view utf8) {
+    std::string out;
+    for (size_t i = 0; i < utf8.size(); ++i) {
+        const auto byte = static_cast<uint8_t>(utf8[i]);
+        const auto next = static_cast<uint8_t>(i + 1 < utf8.size() ? utf8[i + 1] : 0);
+        if (byte < 0x20 || byte == 0x7F) {
+            AppendUtf8(out, byte == 0x7F ? U'\u2421' : U'\u2400' + byte);
+        } else if (byte == 0xC2 && next < 0xA0 && next >= 0x80) {  // C1 controls
+            AppendUtf8(out, U'\uFFFD');
+            ++i;
+        } else {
+            out += static_cast<char>(byte);
+        }
+    }
+    return out;
+}
+
+size_t Columns(std::string_view utf8) {
+    size_t columns = 0;
+    for (const char c : utf8)
+        columns += (static_cast<uint8_t>(c) & 0xC0) != 0x80;
+    return columns;
+}
+
+}  // namespace tessel::tool

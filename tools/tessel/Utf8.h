@@ -1,0 +1,18 @@
+// UTF-16 as the library speaks it, UTF-8 as terminals and JSON want it.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace tessel::tool {
+
+// Half a surrogate pair becomes U+FFFD.
+std::string ToUtf8(std::u16string_view text);
+
+// The same with control characters made visible: a broadcast must not drive the reader's terminal.
+std::string ToTerminal(std::string_view utf8);
+
+// Columns that utf8 takes on a terminal, counting one for each character.
+size_t Columns(std::string_view utf8);
+
+}  // namespace tessel::tool

@@ -1,0 +1,272 @@
+// DVB text, language codes and names.
+#include <gtest/gtest.h>
+#include <iconv.h>
+
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "descriptors/DvbText.h"
+#include "descriptors/LanguageCode.h"
+#include "descriptors/NameTable.h"
+
+namespace tessel {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+std::u16string Decode(const Bytes& bytes) {
+    const Bytes exact(bytes);  // no spare capacity: a read past the end is seen by the sanitizers
+    return DecodeDvbText(exact.data(), static_cast<int32_t>(exact.size()));
+}
+
+Bytes InTable(uint8_t number, const Bytes& text) {
+    Bytes bytes{0x10, 0x00, number};
+    bytes.insert(bytes.end(), text.begin(), text.end());
+    return bytes;
+}
+
+// The same tables as the C library has them.
+class SystemTable {
+public:
+    explicit SystemTable(const std::string& name) : m_converter(iconv_open("UTF-16LE", name.c_str())) {}
+    ~SystemTable() { iconv_close(m_converter); }
+
+    bool IsOpen() const { return m_converter != reinterpret_cast<iconv_t>(-1); }
+
+    std::optional<char16_t> Convert(uint8_t byte) {
+        char in = static_cast<char>(byte);
+        char out[4] = {};
+        char* from = &in;
+        char* to = out;
+        size_t fromLeft = 1;
+        size_t toLeft = sizeof(out);
+        iconv(m_converter, nullptr, nullptr, nullptr, nullptr);
+        if (iconv(m_converter, &from, &fromLeft, &to, &toLeft) != 0 || toLeft != sizeof(out) - 2)
+            return {};
+        return static_cast<char16_t>(static_cast<uint8_t>(out[0]) | static_cast<uint8_t>(out[1]) << 8);
+    }
+
+private:
+    iconv_t m_converter;
+};
+
+TEST(DvbText, EachPartOfIso8859IsThePublishedTable) {
+    for (const uint8_t part : {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 13, 14, 15, 16}) {
+        SystemTable table("ISO-8859-" + std::to_string(part));
+        ASSERT_TRUE(table.IsOpen()) << int{part};
+        int undefined = 0;
+        for (int byte = 0; byte < 256; ++byte) {
+            if (byte == 0x86 || byte == 0x87 || byte == 0x8A)
+                continue;  // control codes
+            auto expected = table.Convert(static_cast<uint8_t>(byte));
+            if (!expected) {
+                ++undefined;
+                expected = part == 11 ? u'\uFFFD' : u' ';
+            }
+            EXPECT_EQ(Decode(InTable(part, {static_cast<uint8_t>(byte)})), std::u16string(1, *expected))
+                << "part " << int{part} << std::hex << " byte " << byte;
+        }
+        static const std::map<int, int> kUndefined = {{3, 7}, {6, 45}, {7, 3}, {8, 36}, {11, 8}};
+        EXPECT_EQ(undefined, kUndefined.contains(part) ? kUndefined.at(part) : 0) << "part " << int{part};
+    }
+}
+
+TEST(DvbText, Iso6937SingleBytesAreTheStandardsButForKnownOnes) {
+    // Revisions of the standard, and oddities that receivers have come to show.
+    const std::map<int, char16_t> differing = {{0xA4, u'$'}, {0xA6, u'#'}, {0xB4, u'x'}, {0xD0, u'–'}, {0xD1, u'ו'},
+                                               {0xD6, u'€'}, {0xD7, u'‰'}, {0xD8, u'α'}, {0xD9, u' '}, {0xDA, u' '},
+                                               {0xDB, u' '}, {0xE3, u'ā'}, {0xE5, u' '}, {0xEB, u'ō'}, {0xF0, u'κ'},
+                                               {0xF9, u'Ø'}, {0xFC, u'Þ'}, {0xFF, u'■'}};
+    SystemTable table("ISO_6937");
+    ASSERT_TRUE(table.IsOpen());
+    for (int byte = 0; byte < 256; ++byte) {
+        if ((byte >= 0x80 && byte < 0xA0) || (byte >= 0xC0 && byte < 0xD0))
+            continue;
+        const auto known = differing.find(byte);
+        const auto expected = known != differing.end() ? known->second : table.Convert(static_cast<uint8_t>(byte));
+        ASSERT_TRUE(expected) << std::hex << byte;
+        EXPECT_EQ(Decode(InTable(0, {static_cast<uint8_t>(byte)})), std::u16string(1, *expected)) << std::hex << byte;
+    }
+}
+
+TEST(DvbText, Iso6937MarksComposeWithTheLettersThatTakeThem) {
+    struct Mark {
+        uint8_t byte;
+        char16_t spacing;
+        std::string_view letters;
+        std::u16string_view composed;
+    };
+    const Mark marks[] = {
+        {0xC0, u' ', "", u""},
+        {0xC1, u'`', "AEIOUWYaeiouwy", u"ÀÈÌÒÙẀỲàèìòùẁỳ"},
+        {0xC2, u'´', "ACEILNORSUWYZaceilnorsuwyz", u"ÁĆÉÍĹŃÓŔŚÚẂÝŹáćéíĺńóŕśúẃýź"},
+        {0xC3, u'ˆ', "ACEGHIJOSUWYaceghijosuwy", u"ÂĈÊĜĤÎĴÔŜÛŴŶâĉêĝĥîĵôŝûŵŷ"},
+        {0xC4, u'˜', "AEINOUYaeinouy", u"ÃẼĨÑÕŨỸãẽĩñõũỹ"},
+        {0xC5, u'ˉ', "AEIOUaeiou", u"ĀĒĪŌŪāēīōū"},
+        {0xC6, u'ˇ', "AEGILOUaegilou", u"ĂĔĞĬĽŎŬăĕğĭľŏŭ"},
+        {0xC7, u'˙', "CEGIZcegiz", u"ĊĖĠİŻċėġİż"},
+        {0xC8, u'¨', "AEIOUWYaeiouwy", u"ÄËÏÖÜẄŸäëïöüẅÿ"},
+        {0xC9, u'.', "AEIOUYaeiouy", u"ẠẸỊỌỤỴạẹịọụỵ"},
+        {0xCA, u'˚', "AUau", u"ÅŮåů"},
+        {0xCB, u'¸', "CGKLNRSTcgklnrst", u"ÇĢĶĻŅŖŞŢçģķļņŗşţ"},
+        {0xCC, u'_', "", u""},
+        {0xCD, u'˝', "OUou", u"ŐŰőű"},
+        {0xCE, u'˛', "AEIUaeiu", u"ĄĘĮŲąęįų"},
+        {0xCF, u'ˇ', "ACDEINORSTUZacdeinorstuz", u"ǍČĎĚǏŇǑŘŠŤǓŽǎčďěǐňǒřšťǔž"},
+    };
+    for (const Mark& mark : marks) {
+        EXPECT_EQ(Decode(InTable(0, {mark.byte, ' '})), std::u16string(1, mark.spacing)) << int{mark.byte};
+        EXPECT_EQ(Decode(InTable(0, {'a', mark.byte})), (std::u16string{u'a', mark.spacing})) << int{mark.byte};
+        ASSERT_EQ(mark.letters.size(), mark.composed.size());
+        for (int base = 0; base < 256; ++base) {
+            if (base == ' ' || base == 0x86 || base == 0x87 || base == 0x8A)
+                continue;
+            const size_t at = mark.letters.find(static_cast<char>(base));
+            const auto expected = at != mark.letters.npos ? mark.composed[at] : static_cast<char16_t>(base);
+            EXPECT_EQ(Decode(InTable(0, {mark.byte, static_cast<uint8_t>(base), 'z'})),
+                      (std::u16string{expected, u'z'}))
+                << std::hex << int{mark.byte} << " " << base;
+        }
+    }
+}
+
+TEST(DvbText, TheFirstByteChoosesTheTable) {
+    struct Case {
+        const char* what;
+        Bytes bytes;
+        std::u16string_view text;
+    };
+    const Case cases[] = {
+        {"no selector is part 1", {'H', 'a', 'l', 'l', 'o'}, u"Hallo"},
+        {"no selector, upper half", {0xE9}, u"é"},
+        {"1 is part 5", {0x01, 0xB0}, u"А"},
+        {"2 is part 6", {0x02, 0xC7}, u"ا"},
+        {"3 is part 7", {0x03, 0xC1}, u"Α"},
+        {"4 is part 8", {0x04, 0xE0}, u"א"},
+        {"5 is part 9", {0x05, 0xD0, 0xC0}, u"ĞÀ"},
+        {"6 is reserved", {0x06, 'a'}, u""},
+        {"7 is reserved", {0x07, 'a', 'b'}, u""},
+        {"0F is reserved", {0x0F, 'a'}, u""},
+        {"0 is no text", {0x00, 'a'}, u""},
+        {"10 with a part", {0x10, 0x00, 0x02, 0xA1}, u"Ą"},
+        {"10 with ISO 6937", {0x10, 0x00, 0x00, 0xC2, 0x65}, u"é"},
+        {"10 with the part that was never made", {0x10, 0x00, 0x0C, 'a'}, u""},
+        {"10 with a part beyond the last", {0x10, 0x00, 0x11, 'a'}, u""},
+        {"10 takes both bytes of the number", {0x10, 0x01, 0x02, 0xA1}, u""},
+        {"10 with two bytes a character", {0x10, 0x00, 0x12, 0x01, 0x04}, u"Ą"},
+        {"10 without a number", {0x10, 0x00}, u""},
+        {"10 without text", {0x10, 0x00, 0x01}, u""},
+        {"11 drops emphasis and an odd byte", {0x11, 0x00, 'A', 0xE0, 0x86, 0x00, 'B', 0x00}, u"AB"},
+        {"11 drops its control codes only", {0x11, 0xE0, 0x87, 0xE0, 0x8A, 0x00, 0x86, 0xE0, 0x8B}, u"\u0086\uE08B"},
+        {"12 has no converter", {0x12, 'a', 'b'}, u""},
+        {"13 is reserved", {0x13, 'a'}, u""},
+        {"1F is reserved", {0x1F, 0x01, 'a'}, u""},
+        {"control codes go, others stay", {'a', 0x86, 'b', 0x87, 0x8A, 0x8B}, u"ab\u008B"},
+        {"a mark hides no control code", {0x10, 0x00, 0x00, 0xC8, 0x8A, 'b'}, u"b"},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(Decode(c.bytes), c.text) << c.what;
+    EXPECT_EQ(Decode({'a', 0, 'b'}), (std::u16string{u'a', 0, u'b'}));
+    EXPECT_EQ(DecodeDvbText(nullptr, 3), u"");
+    const uint8_t byte = 'a';
+    EXPECT_EQ(DecodeDvbText(&byte, 0), u"");
+    EXPECT_EQ(DecodeDvbText(&byte, -1), u"");
+}
+
+TEST(LanguageCode, SynonymsMeetInOneCode) {
+    struct Case {
+        const char bytes[4];
+        const char* code;
+    };
+    for (const Case c : {Case{"GER", "ger"}, Case{"deu", "ger"}, Case{"\0de", "ger"}, Case{"2CH", "ger"},
+                         Case{"xyz", "xyz"}, Case{"RUM", "ron"}, Case{"\0ro", "ron"}, Case{"mak", "mac"},
+                         Case{"fra", "fre"}, Case{"\0FR", "fre"}, Case{"\0aa", "aar"}, Case{"\0zu", "zul"},
+                         Case{"bod", "tib"}, Case{"zho", "chi"}, Case{"de\0", "de"}, Case{"\0qq", "qq"}}) {
+        const auto* b = reinterpret_cast<const uint8_t*>(c.bytes);
+        const std::string_view code(c.code);
+        EXPECT_EQ(LanguageName(NormaliseLanguage(b[0], b[1], b[2])), std::u16string(code.begin(), code.end()))
+            << c.code;
+    }
+    EXPECT_EQ(NormaliseLanguage('D', 'E', 'U'), 0x676572u);
+    EXPECT_EQ(NormaliseLanguage(0xC4, '[', '@'), 0xC45B40u) << "only A to Z have a lower case";
+}
+
+TEST(LanguageCode, ANormalisedCodeStaysAsItIs) {
+    const std::string_view characters(
+        "\0"
+        "2abcdefghijklmnopqrstuvwxyz",
+        28);
+    int two = 0;
+    int three = 0;
+    for (const char first : characters) {
+        for (const char second : characters) {
+            for (const char third : characters) {
+                const auto normalise = [](uint32_t b0, uint32_t b1, uint32_t b2) {
+                    return NormaliseLanguage(static_cast<uint8_t>(b0), static_cast<uint8_t>(b1),
+                                             static_cast<uint8_t>(b2));
+                };
+                const auto code = static_cast<uint32_t>(first << 16 | second << 8 | third);
+                const uint32_t normal = normalise(code >> 16, code >> 8, code);
+                EXPECT_EQ(normalise(normal >> 16, normal >> 8, normal), normal) << std::hex << code;
+                if (normal != code)
+                    ++(first == 0 ? two : three);
+            }
+        }
+    }
+    EXPECT_EQ(two, 134);
+    EXPECT_EQ(three, 26);
+}
+
+TEST(LanguageCode, ShowsWhatIsThere) {
+    EXPECT_EQ(LanguageName(0), u"Unknown");
+    EXPECT_EQ(LanguageName(0xFFFFFF), u"Invalid");
+    EXPECT_EQ(LanguageName(0x676572), u"ger");
+    EXPECT_EQ(LanguageName(0x006465), u"de");
+    EXPECT_EQ(LanguageName(0xE90041), u"éA");
+}
+
+TEST(NameTable, KnowsItsRowsBothWays) {
+    struct Case {
+        const NameTable& table;
+        std::u16string_view name;
+        int rows;
+        uint32_t first;
+        uint32_t last;
+    };
+    for (const Case& c : {Case{DescriptorTagNames(), u"DescriptorTag[", 101, 0x02, 0x92},
+                          Case{StreamTypeNames(), u"StreamType[", 30, 0x00, 0x81},
+                          Case{ServiceTypeNames(), u"ServiceType[", 21, 0x00, 0x98},
+                          Case{LinkageTypeNames(), u"LinkageType[", 10, 0x00, 0x90}}) {
+        std::vector<uint32_t> known;
+        for (uint32_t key = 0; key < 0x300; ++key) {
+            const std::u16string name = c.table.GetName(key);
+            const bool isRow = !name.starts_with(c.name);
+            EXPECT_EQ(c.table.GetKey(name), isRow ? static_cast<int32_t>(key) : -1);
+            if (isRow)
+                known.push_back(key);
+        }
+        ASSERT_EQ(known.size(), static_cast<size_t>(c.rows));
+        EXPECT_EQ(known.front(), c.first);
+        EXPECT_EQ(known.back(), c.last);
+    }
+}
+
+TEST(NameTable, ShowsNamesAndUnknownCodes) {
+    EXPECT_EQ(DescriptorTagNames().GetName(0x4A), u"Linkage");
+    EXPECT_EQ(DescriptorTagNames().GetName(0x1E), u"SL");
+    EXPECT_EQ(DescriptorTagNames().GetName(0x1F), u"FMC");
+    EXPECT_EQ(DescriptorTagNames().GetName(0x07), u"TargentBackgroundGrid");
+    EXPECT_EQ(DescriptorTagNames().GetName(0x30), u"AVCTimig");
+    EXPECT_EQ(DescriptorTagNames().GetName(0x7F), u"DescriptorTag[7f]");
+    EXPECT_EQ(StreamTypeNames().GetName(0x00), u"Reserved");
+    EXPECT_EQ(StreamTypeNames().GetName(0x0E), u"ISO13818-1 Auxilary");
+    EXPECT_EQ(StreamTypeNames().GetName(0xFFFFFFFF), u"StreamType[ffffffff]");
+    EXPECT_EQ(ServiceTypeNames().GetName(0x98), u"HDTV MPEG2 MP@HL");
+    EXPECT_EQ(LinkageTypeNames().GetName(0x09), u"LinkageType[9]");
+    EXPECT_EQ(DescriptorTagNames().GetKey(u"Teletext"), 0x56);
+    EXPECT_EQ(DescriptorTagNames().GetKey(u"teletext"), -1);
+}
+
+}  // namespace
+}  // namespace tessel

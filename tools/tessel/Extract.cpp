@@ -1,0 +1,91 @@
+#include "tools/tessel/Extract.h"
+
+#include <algorithm>
+#include <charconv>
+
+#include "tools/tessel/Failure.h"
+#include "tools/tessel/StreamReader.h"
+
+namespace tessel::tool {
+
+namespace {
+
+// Writes what it is offered of its PIDs.
+class ExtractSink final : public IPacketSink {
+public:
+    ExtractSink(std::vector<uint32_t> pids, ExtractWhat what, OutputFile& output)
+        : m_pids(std::move(pids)), m_what(what), m_output(output) {}
+
+    int DeliverPacket(const uint8_t* packet, const TsHeader&, const AdaptationFieldHeader&, bool) override {
+        Write({packet, kTransportPacketSize});
+        return 0;
+    }
+    int DeliverSection(const TsHeader& header, std::span<const uint8_t> section) override {
+        if (m_what == ExtractWhat::kSections && std::find(m_pids.begin(), m_pids.end(), header.Pid()) != m_pids.end())
+            Write(section);
+        return 0;
+    }
+    std::vector<uint32_t> SectionPids() const override {
+        return m_what == ExtractWhat::kSections ? m_pids : std::vector<uint32_t>();
+    }
+
+    int64_t Count() const { return m_count; }
+
+private:
+    void Write(std::span<const uint8_t> bytes) {
+        m_output.Write(bytes);
+        ++m_count;
+    }
+
+    const std::vector<uint32_t> m_pids;
+    const ExtractWhat m_what;
+    OutputFile& m_output;
+    int64_t m_count = 0;
+};
+
+uint32_t ParsePid(const std::string& text) {
+    const bool hex = text.starts_with("0x") || text.starts_with("0X");
+    const char* const begin = text.data() + (hex ? 2 : 0);
+    const char* const end = text.data() + text.size();
+    uint32_t pid = 0;
+    const auto [stop, error] = std::from_chars(begin, end, pid, hex ? 16 : 10);
+    if (error != std::errc() || stop != end || pid >= kPidCount)
+        throw Misuse("\"" + text + "\" is no PID; a PID is a number from 0 to 8191 (0x1FFF)");
+    return pid;
+}
+
+}  // namespace
+
+std::vector<uint32_t> ParsePidList(const std::string& text) {
+    std::vector<uint32_t> pids;
+    for (size_t start = 0; start <= text.size();) {
+        const size_t comma = std::min(text.find(',', start), text.size());
+        pids.push_back(ParsePid(text.substr(start, comma - start)));
+        start = comma + 1;
+    }
+    return pids;
+}
+
+int64_t Extract(InputFile& input, const std::vector<uint32_t>& pids, ExtractWhat what, OutputFile& output) {
+    const ComPtr<StreamReader> reader = MakeStreamReader();
+    ExtractSink sink(pids, what, output);
+    reader->Router().Attach(&sink);
+    for (const uint32_t pid : pids) {
+        if (what == ExtractWhat::kPackets)
+            reader->Router().Want(&sink, pid, true);
+        else
+            reader->AddTablePid(0xFFFFFFFF, 0, pid);
+    }
+    while (reader->ReadSome(input)) {
+    }
+    reader->Router().Detach(&sink);
+    if (!reader->FoundPackets())
+        throw Failure(NoStreamText(input, *reader));
+    output.Close();
+    if (sink.Count() == 0)
+        throw Failure(input.Name() + ": no " + (what == ExtractWhat::kPackets ? "clear packet" : "complete section") +
+                      " on the PIDs asked for; `tessel info --pids` lists those that it has");
+    return sink.Count();
+}
+
+}  // namespace tessel::tool

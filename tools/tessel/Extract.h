@@ -1,0 +1,20 @@
+// `tessel extract`: the packets, or the completed sections, of some PIDs.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/tessel/Files.h"
+
+namespace tessel::tool {
+
+enum class ExtractWhat { kPackets, kSections };
+
+// "256", "0x100", "17,0x11": PIDs below 8192; Misuse for anything else.
+std::vector<uint32_t> ParsePidList(const std::string& text);
+
+// Returns the number of packets or sections written; Failure when there is no stream or nothing to write.
+int64_t Extract(InputFile& input, const std::vector<uint32_t>& pids, ExtractWhat what, OutputFile& output);
+
+}  // namespace tessel::tool

@@ -1,0 +1,128 @@
+#include <algorithm>
+#include <cstdio>
+
+#include "tools/tessel/Info.h"
+#include "tools/tessel/Utf8.h"
+
+namespace tessel::tool {
+
+namespace {
+
+std::string Hex(uint32_t value) {
+    char text[16];
+    std::snprintf(text, sizeof(text), "0x%04X", value);
+    return text;
+}
+
+std::string HexOr(const std::optional<uint32_t>& value, const char* otherwise) {
+    return value ? Hex(*value) + " (" + std::to_string(*value) + ")" : otherwise;
+}
+
+using Row = std::vector<std::string>;
+
+// Aligned columns; the last one runs free.
+std::string Columned(const std::vector<Row>& rows, const std::string& indent) {
+    std::vector<size_t> widths;
+    for (const Row& row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (size_t i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], Columns(row[i]));
+    }
+    std::string text;
+    for (const Row& row : rows) {
+        std::string line = indent;
+        for (size_t i = 0; i < row.size(); ++i) {
+            line += row[i];
+            if (i + 1 < row.size())
+                line.append(widths[i] - Columns(row[i]) + 2, ' ');
+        }
+        line.erase(line.find_last_not_of(' ') + 1);
+        text += line + "\n";
+    }
+    return text;
+}
+
+std::string DescriptorNames(const ComponentInfo& component) {
+    std::string names;
+    for (const DescriptorInfo& descriptor : component.descriptors)
+        names += (names.empty() ? "" : " ") + descriptor.name;
+    return names;
+}
+
+std::string Components(const ServiceInfo& service) {
+    std::vector<Row> rows = {{"PID", "MEDIA", "LANG", "STREAM TYPE", "DESCRIPTORS"}};
+    for (const ComponentInfo& component : service.components) {
+        std::string media = component.media.value_or("-");
+        if (component.scrambled)
+            media += " (scrambled)";
+        rows.push_back({std::to_string(component.pid), media, component.language.value_or("-"),
+                        component.streamTypeName, DescriptorNames(component)});
+    }
+    return Columned(rows, "    ");
+}
+
+std::string Quoted(const std::optional<std::string>& text, const char* otherwise) {
+    return text ? "\"" + ToTerminal(*text) + "\"" : otherwise;
+}
+
+std::string Heading(const ServiceInfo& service) {
+    std::string text = "service " + std::to_string(service.id) + "  " + Quoted(service.name, "(no name)");
+    if (service.channel)
+        text += "  channel " + std::to_string(service.channel->major) + "." + std::to_string(service.channel->minor);
+    if (service.scrambled)
+        text += "  scrambled";
+    return text + "\n";
+}
+
+std::string Details(const ServiceInfo& service) {
+    std::vector<Row> rows;
+    if (service.provider)
+        rows.push_back({"provider", Quoted(service.provider, "")});
+    if (service.type)
+        rows.push_back({"type", *service.typeName + " (" + std::to_string(*service.type) + ")"});
+    rows.push_back({"PMT PID", service.pmtPid ? std::to_string(*service.pmtPid) : "not in the PAT"});
+    if (service.hasProgramMap)
+        rows.push_back({"PCR PID", service.pcrPid ? std::to_string(*service.pcrPid) : "none"});
+    return Columned(rows, "  ");
+}
+
+std::string WhatIsMissing(const StreamInfo& info) {
+    if (!info.transportStreamId)
+        return "no program association table";
+    std::string missing;
+    for (const ServiceInfo& service : info.services)
+        if (service.pmtPid && !service.hasProgramMap)
+            missing += (missing.empty() ? "no usable program map of service " : ", ") + std::to_string(service.id);
+    if (!info.named)
+        missing += missing.empty() ? "no service names" : "; no service names";
+    return missing.empty() ? "tables are changing" : missing;
+}
+
+std::string PidTable(const std::vector<PidInfo>& pids) {
+    std::vector<Row> rows = {{"PID", "", ""}};
+    for (const PidInfo& pid : pids)
+        rows.push_back({std::to_string(pid.pid), Hex(pid.pid), pid.scrambled ? "scrambled" : ""});
+    return Columned(rows, "  ");
+}
+
+}  // namespace
+
+std::string InfoAsText(const StreamInfo& info, bool withPids) {
+    std::string text = Columned(
+        {{"packet size", std::to_string(info.packetSize) + " bytes"},
+         {"transport stream", HexOr(info.transportStreamId, "unknown")},
+         {"original network", HexOr(info.originalNetworkId, "unknown")},
+         {"information", info.complete ? "complete" : "incomplete after " + std::to_string(info.bytesRead) +
+                                                          " bytes: " + WhatIsMissing(info)}},
+        "");
+    for (const ServiceInfo& service : info.services) {
+        text += "\n" + Heading(service) + Details(service);
+        if (!service.components.empty())
+            text += Components(service);
+    }
+    if (withPids)
+        text += "\n" + PidTable(info.pids);
+    return text;
+}
+
+}  // namespace tessel::tool

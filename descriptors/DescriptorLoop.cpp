@@ -54,7 +54,7 @@ std::span<const TypedTag> TypedTags(DescriptorContext context) {
 void AddDescriptor(std::span<const uint8_t> payload, DescriptorContext context, uint8_t descriptorTag,
                    DvbMapping& descriptors) {
     if (descriptors.Contains(descriptorTag))
-        return;
+        return;  // it would be dropped: not worth parsing
     try {
         const auto descriptor = MakeDescriptor(context, descriptorTag);
         if (descriptor && SUCCEEDED(descriptor->Parse(payload)))

@@ -157,7 +157,7 @@ TEST(Descriptors, VideoStream) {
 }
 
 TEST(Descriptors, AVCVideo) {
-    const auto video = Parsed<IDvbDescAVCVideo>(0x28, {100, 0xB5, 41, 0x7F});
+    const auto video = Parsed<IDvbDescAVCVideo>(0x28, {100, 0xB5, 41, 0x5F});
     uint32_t profile = 0;
     uint32_t level = 0;
     uint32_t compatible = 0;

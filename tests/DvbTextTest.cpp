@@ -139,7 +139,7 @@ TEST(DvbText, TheFirstByteChoosesTheTable) {
     };
     const Case cases[] = {
         {"no selector is part 1", {'H', 'a', 'l', 'l', 'o'}, u"Hallo"},
-        {"no selector, upper half", {0xE9}, u"é"},
+        {"no selector, the ends of its range", {' ', 0xE9}, u" é"},
         {"1 is part 5", {0x01, 0xB0}, u"А"},
         {"2 is part 6", {0x02, 0xC7}, u"ا"},
         {"3 is part 7", {0x03, 0xC1}, u"Α"},

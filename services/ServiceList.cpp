@@ -8,8 +8,6 @@ namespace tessel {
 
 namespace {
 
-constexpr int32_t kTagConditionalAccess = 0x09;
-constexpr int32_t kTagService = 0x48;
 constexpr uint32_t kUndefinedServiceType = 0x80;
 constexpr uint32_t kNoTable = 0xFFFFFFFF;
 
@@ -246,7 +244,7 @@ void CDvbServices::ApplyServiceDescription(IDvbServiceDescription* entry) {
     if (!service)
         return;
 
-    if (const auto description = LookupAs<IDvbDescService>(descriptors.Get(), kTagService)) {
+    if (const auto description = LookupAs<IDvbDescService>(descriptors.Get(), tag::kService)) {
         uint32_t serviceType = 0;
         CBstr name;
         CBstr provider;
@@ -259,7 +257,7 @@ void CDvbServices::ApplyServiceDescription(IDvbServiceDescription* entry) {
     }
     const auto params = ComPtr<IDvbServiceDescription>(entry).As<IGetSetParam>();
     ComPtr<IUnknown> conditionalAccess;
-    if (SUCCEEDED(descriptors->Lookup(kTagConditionalAccess, conditionalAccess.Put())) ||
+    if (SUCCEEDED(descriptors->Lookup(tag::kConditionalAccess, conditionalAccess.Put())) ||
         (params && Param(params.Get(), param::kScrambled) == 1))
         service->SetParam(param::kScrambled, 1);
 }

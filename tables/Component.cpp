@@ -8,10 +8,6 @@ namespace tessel {
 
 namespace {
 
-constexpr int32_t kTagIso639Language = 0x0A;
-constexpr int32_t kTagTeletext = 0x56;
-constexpr int32_t kTagSubtitling = 0x59;
-constexpr int32_t kTagAc3 = 0x6A;
 constexpr uint32_t kPrivatePes = 0x06;
 
 struct MediaTypeRow {
@@ -31,9 +27,9 @@ constexpr MediaTypeRow kMediaTypes[] = {
     {0x04, 0, MEDIATYPE_Audio, MEDIASUBTYPE_MPEG2_AUDIO},
     {0x0F, 0, MEDIATYPE_Audio, MEDIASUBTYPE_AAC_AUDIO},
     {0x81, 0, MEDIATYPE_Audio, MEDIASUBTYPE_DOLBY_AC3},
-    {kPrivatePes, kTagAc3, MEDIATYPE_Audio, MEDIASUBTYPE_DOLBY_AC3},
-    {kPrivatePes, kTagTeletext, KSDATAFORMAT_TYPE_VBI, KSDATAFORMAT_SUBTYPE_TELETEXT},
-    {kPrivatePes, kTagSubtitling, MEDIATYPE_Stream, MEDIASUBTYPE_DVB_SUBTITLE},
+    {kPrivatePes, tag::kAc3, MEDIATYPE_Audio, MEDIASUBTYPE_DOLBY_AC3},
+    {kPrivatePes, tag::kTeletext, KSDATAFORMAT_TYPE_VBI, KSDATAFORMAT_SUBTYPE_TELETEXT},
+    {kPrivatePes, tag::kSubtitling, MEDIATYPE_Stream, MEDIASUBTYPE_DVB_SUBTITLE},
 };
 
 }  // namespace
@@ -90,9 +86,9 @@ HRESULT DvbComponent::GetMediaType(AM_MEDIA_TYPE* out) {
 
 HRESULT DvbComponent::GetLanguage(uint32_t* out) {
     *out = 0;
-    if (!HasDescriptor(kTagIso639Language))
+    if (!HasDescriptor(tag::kISO639Language))
         return S_OK;
-    const auto languages = LookupAs<IDvbDescISO639Language>(m_descriptors.Get(), kTagIso639Language);
+    const auto languages = LookupAs<IDvbDescISO639Language>(m_descriptors.Get(), tag::kISO639Language);
     if (!languages)
         return E_POINTER;
     ComPtr<IDvbDescISO639LanguageItem> first;

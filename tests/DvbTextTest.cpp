@@ -21,8 +21,10 @@ std::u16string Decode(const Bytes& bytes) {
 }
 
 Bytes InTable(uint8_t number, const Bytes& text) {
-    Bytes bytes{0x10, 0x00, number};
-    bytes.insert(bytes.end(), text.begin(), text.end());
+    Bytes bytes(3 + text.size());
+    bytes[0] = 0x10;
+    bytes[2] = number;
+    std::copy(text.begin(), text.end(), bytes.begin() + 3);
     return bytes;
 }
 
@@ -30,7 +32,10 @@ Bytes InTable(uint8_t number, const Bytes& text) {
 class SystemTable {
 public:
     explicit SystemTable(const std::string& name) : m_converter(iconv_open("UTF-16LE", name.c_str())) {}
-    ~SystemTable() { iconv_close(m_converter); }
+    ~SystemTable() {
+        if (IsOpen())
+            iconv_close(m_converter);
+    }
 
     bool IsOpen() const { return m_converter != reinterpret_cast<iconv_t>(-1); }
 

@@ -76,11 +76,12 @@ int64_t Extract(InputFile& input, const std::vector<uint32_t>& pids, ExtractWhat
         else
             reader->AddTablePid(0xFFFFFFFF, 0, pid);
     }
-    while (reader->ReadSome(input)) {
-    }
+    for (auto bytes = input.Read(); !bytes.empty(); bytes = input.Read())
+        reader->Push(bytes);
+    reader->Finish();
     reader->Router().Detach(&sink);
     if (!reader->FoundPackets())
-        throw Failure(NoStreamText(input, *reader));
+        throw Failure(NoStreamText(input));
     output.Close();
     if (sink.Count() == 0)
         throw Failure(input.Name() + ": no " + (what == ExtractWhat::kPackets ? "clear packet" : "complete section") +

@@ -13,6 +13,7 @@ namespace tessel::tool {
 
 namespace {
 
+constexpr size_t kReadSize = 256 * 1024;
 constexpr size_t kOutputBuffer = 1 << 20;
 
 std::string Reason() {
@@ -51,11 +52,14 @@ InputFile::~InputFile() {
         close(m_descriptor);
 }
 
-size_t InputFile::Read(std::span<uint8_t> into) {
+std::span<const uint8_t> InputFile::Read() {
+    m_buffer.resize(kReadSize);
     for (;;) {
-        const ssize_t count = read(m_descriptor, into.data(), into.size());
-        if (count >= 0)
-            return static_cast<size_t>(count);
+        const ssize_t count = read(m_descriptor, m_buffer.data(), m_buffer.size());
+        if (count >= 0) {
+            m_bytesRead += count;
+            return std::span(m_buffer).first(static_cast<size_t>(count));
+        }
         if (errno != EINTR)
             throw Failure(m_name + ": cannot read: " + Reason());
     }

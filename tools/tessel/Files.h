@@ -16,8 +16,9 @@ public:
     InputFile(const InputFile&) = delete;
     InputFile& operator=(const InputFile&) = delete;
 
-    // Bytes read; 0 at the end.
-    size_t Read(std::span<uint8_t> into);
+    // Some more bytes, valid until the next call; none at the end.
+    std::span<const uint8_t> Read();
+    int64_t BytesRead() const { return m_bytesRead; }
     // The path, or "standard input".
     const std::string& Name() const { return m_name; }
     int Descriptor() const { return m_descriptor; }
@@ -25,6 +26,8 @@ public:
 private:
     std::string m_name;
     int m_descriptor = -1;
+    std::vector<uint8_t> m_buffer;
+    int64_t m_bytesRead = 0;
 };
 
 // Throws OutputClosed when the reader of a pipe has gone.

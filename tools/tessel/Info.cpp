@@ -141,20 +141,37 @@ bool NothingMoreToCome(StreamReader& reader) {
            (HasTable(tables, kVirtualChannelTable) || !reader.PidStatus().IsPresent(kPsipBasePid));
 }
 
+void ReadTables(InputFile& input, bool allPids, StreamReader& reader) {
+    std::vector<uint8_t> head;
+    for (auto bytes = input.Read(); !bytes.empty(); bytes = input.Read()) {
+        reader.Push(bytes);
+        if (input.BytesRead() <= kByteLimit)
+            head.insert(head.end(), bytes.begin(), bytes.end());
+        if (!allPids && (input.BytesRead() >= kByteLimit || NothingMoreToCome(reader)))
+            break;
+    }
+    reader.Finish();
+    // A program map table counts once packets of its PCR PID have been seen. In a short recording every copy
+    // may come before the first of them: with the PIDs known, the tables are read once more.
+    if (reader.Services()->IsPmtComplete() != S_OK) {
+        reader.FlushBuffer();
+        reader.Push(head);
+        reader.Finish();
+    }
+}
+
 }  // namespace
 
 StreamInfo ReadStreamInfo(InputFile& input, bool allPids) {
     const ComPtr<StreamReader> reader = MakeStreamReader();
-    while (reader->ReadSome(input))
-        if (!allPids && (reader->BytesRead() >= kByteLimit || NothingMoreToCome(*reader)))
-            break;
+    ReadTables(input, allPids, *reader);
     if (!reader->FoundPackets())
-        throw Failure(NoStreamText(input, *reader));
+        throw Failure(NoStreamText(input));
 
     StreamInfo info;
     CDvbServices& list = *reader->Services();
     info.packetSize = reader->Parser().PacketSize();
-    info.bytesRead = reader->BytesRead();
+    info.bytesRead = input.BytesRead();
     info.complete = list.IsComplete() == S_OK;
     info.tables = reader->TableVersions();
     info.named = HasTable(info.tables, kServiceDescriptionTable) || HasTable(info.tables, kVirtualChannelTable);

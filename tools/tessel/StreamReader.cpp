@@ -5,12 +5,6 @@
 
 namespace tessel::tool {
 
-namespace {
-
-constexpr int32_t kReadSize = 256 * 1024;
-
-}  // namespace
-
 StreamReader::StreamReader() : CTsFilterBase("StreamReader") {
     if (FAILED(SetMode(StreamingMode::kRecording, 0)) || FAILED(StartStreaming()))
         throw Failure("out of memory");
@@ -23,21 +17,23 @@ ComPtr<StreamReader> MakeStreamReader() {
     return reader;
 }
 
-bool StreamReader::ReadSome(InputFile& input) {
-    const std::span<uint8_t> room = ReserveData(kReadSize);
-    if (room.empty())
-        throw Failure("out of memory");
-    const size_t count = input.Read(room);
-    CommitData(static_cast<int32_t>(count));
-    m_bytesRead += static_cast<int64_t>(count);
-    if (count == 0) {
-        // Too little may be left to be sure of the packet size: then the default holds.
-        m_resyncPending = false;
-        if (!FoundPackets())
-            DetectPacketSize();
+void StreamReader::Push(std::span<const uint8_t> bytes) {
+    const uint8_t* data = bytes.data();
+    auto length = static_cast<int32_t>(bytes.size());
+    while (length > 0) {
+        // A parsed buffer holds at most one packet and its look-ahead, so there is room again.
+        if (FAILED(AddData(&data, &length)))
+            throw Failure("out of memory");
+        Parse();
     }
+}
+
+void StreamReader::Finish() {
+    // Too little may have come to be sure of the packet size: then the default holds.
+    if (m_resyncPending)
+        DetectPacketSize();
+    m_resyncPending = false;
     Parse();
-    return count != 0;
 }
 
 void StreamReader::Parse() {
@@ -56,10 +52,10 @@ bool StreamReader::FoundPackets() const {
     return false;
 }
 
-std::string NoStreamText(const InputFile& input, const StreamReader& reader) {
-    if (reader.BytesRead() == 0)
+std::string NoStreamText(const InputFile& input) {
+    if (input.BytesRead() == 0)
         return input.Name() + ": is empty; name a transport stream";
-    return input.Name() + ": no transport stream packets in " + std::to_string(reader.BytesRead()) +
+    return input.Name() + ": no transport stream packets in " + std::to_string(input.BytesRead()) +
            " bytes; packets are 188 or 192 bytes long and begin with 0x47";
 }
 

@@ -11,17 +11,17 @@ public:
     // Starts streaming; Failure when there is no memory for it.
     StreamReader();
 
-    // Reads some more and parses it; false at the end of the input, when all that is complete is parsed.
-    bool ReadSome(InputFile& input);
+    // Parses bytes; those after the last whole packet wait for more.
+    void Push(std::span<const uint8_t> bytes);
+    // No more bytes come: parses what is complete.
+    void Finish();
 
-    int64_t BytesRead() const { return m_bytesRead; }
     // Whether any packet has been parsed.
     bool FoundPackets() const;
 
 private:
     void Parse();
 
-    int64_t m_bytesRead = 0;
     bool m_resyncPending = true;
 };
 
@@ -29,6 +29,6 @@ private:
 ComPtr<StreamReader> MakeStreamReader();
 
 // The text of the failure of an input that is no transport stream.
-std::string NoStreamText(const InputFile& input, const StreamReader& reader);
+std::string NoStreamText(const InputFile& input);
 
 }  // namespace tessel::tool

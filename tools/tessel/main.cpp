@@ -1,7 +1,9 @@
 // The command line: `tessel COMMAND INPUT ...`.
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <new>
 
 #include "tools/tessel/Extract.h"

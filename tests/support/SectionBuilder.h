@@ -27,6 +27,11 @@ class BitWriter {
 public:
     BitWriter& Put(uint64_t value, unsigned bits);
     BitWriter& Put(std::span<const uint8_t> bytes);  // at a byte border only
+    // Leaves the rest of the last byte zero.
+    BitWriter& Align() {
+        m_free = 0;
+        return *this;
+    }
     const Bytes& bytes() const { return m_bytes; }
 
 private:

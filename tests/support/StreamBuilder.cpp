@@ -28,7 +28,7 @@ void PutTime(BitWriter& out, uint8_t prefix, int64_t time) {
     out.Put(prefix, 4).Put(value >> 30, 3).Put(1, 1).Put(value >> 15, 15).Put(1, 1).Put(value, 15).Put(1, 1);
 }
 
-// ISO/IEC 13818-1, Table 2-21: these stream ids carry their data directly after PES_packet_length.
+// ISO/IEC 13818-1, 2.4.3.6: these stream ids carry their data directly after PES_packet_length.
 bool HasPesHeader(uint8_t streamId) {
     constexpr uint8_t kPlain[] = {0xBC, 0xBE, 0xBF, 0xF0, 0xF1, 0xF2, 0xF8, 0xFF};
     return std::find(std::begin(kPlain), std::end(kPlain), streamId) == std::end(kPlain);
@@ -129,15 +129,15 @@ StreamBuilder& StreamBuilder::Sections(uint16_t pid, const std::vector<Bytes>& s
     size_t toStart = options.lead.size();  // from rest to the next section start
     auto following = sections.begin();
     PacketOptions packet = options.packet;
-    std::optional<uint8_t> pointer = options.pointer;
+    bool lie = options.pointer.has_value();
 
     while (!rest.empty()) {
         const size_t room = Room(packet);
         Bytes payload;
         // A section start needs its pointer_field and a first byte in the same packet.
-        packet.unitStart = pointer || (following != sections.end() && toStart + 1 < room);
+        packet.unitStart = lie || (following != sections.end() && toStart + 1 < room);
         if (packet.unitStart)
-            payload.push_back(pointer.value_or(static_cast<uint8_t>(toStart)));
+            payload.push_back(lie ? *options.pointer : static_cast<uint8_t>(toStart));
         size_t take = std::min(rest.size(), room - payload.size());
         if (!packet.unitStart && following != sections.end())
             take = std::min(take, toStart);  // stuffed up to the next packet, which then starts it
@@ -149,7 +149,7 @@ StreamBuilder& StreamBuilder::Sections(uint16_t pid, const std::vector<Bytes>& s
         toStart -= std::min(toStart, take);
         Packet(pid, payload, packet);
         packet = {};
-        pointer.reset();
+        lie = false;
     }
     return *this;
 }

@@ -39,12 +39,15 @@ uint32_t Advance(uint32_t crc, std::span<const uint8_t> bytes) {
 uint32_t Mpeg2Crc32(std::span<const uint8_t> bytes) {
     uint32_t crc = 0xFFFFFFFF;
     while (bytes.size() >= kSlices) {
-        uint32_t next = 0;
-        for (size_t i = 0; i < kSlices; ++i) {
-            const uint8_t carried = i < 4 ? static_cast<uint8_t>(crc >> (24 - 8 * i)) : uint8_t{0};
-            next ^= kTables[kSlices - 1 - i][bytes[i] ^ carried];
-        }
-        crc = next;
+        // The CRC so far is carried by the first four bytes; the sixteen look-ups wait for nothing else.
+        const uint8_t* const p = bytes.data();
+        const auto at = [p](size_t i) { return kTables[kSlices - 1 - i][p[i]]; };
+        const uint32_t tail = at(4) ^ at(5) ^ at(6) ^ at(7) ^ at(8) ^ at(9) ^ at(10) ^ at(11) ^ at(12) ^ at(13) ^
+                              at(14) ^ at(15);
+        crc ^= static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
+               static_cast<uint32_t>(p[2]) << 8 | p[3];
+        crc = kTables[15][crc >> 24] ^ kTables[14][crc >> 16 & 0xFF] ^ kTables[13][crc >> 8 & 0xFF] ^
+              kTables[12][crc & 0xFF] ^ tail;
         bytes = bytes.subspan(kSlices);
     }
     return Advance(crc, bytes);

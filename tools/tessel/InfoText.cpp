@@ -108,13 +108,13 @@ std::string PidTable(const std::vector<PidInfo>& pids) {
 }  // namespace
 
 std::string InfoAsText(const StreamInfo& info, bool withPids) {
-    std::string text = Columned(
-        {{"packet size", std::to_string(info.packetSize) + " bytes"},
-         {"transport stream", HexOr(info.transportStreamId, "unknown")},
-         {"original network", HexOr(info.originalNetworkId, "unknown")},
-         {"information", info.complete ? "complete" : "incomplete after " + std::to_string(info.bytesRead) +
-                                                          " bytes: " + WhatIsMissing(info)}},
-        "");
+    std::string text = Columned({{"packet size", std::to_string(info.packetSize) + " bytes"},
+                                 {"transport stream", HexOr(info.transportStreamId, "unknown")},
+                                 {"original network", HexOr(info.originalNetworkId, "unknown")},
+                                 {"information", info.complete ? "complete"
+                                                               : "incomplete after " + std::to_string(info.bytesRead) +
+                                                                     " bytes: " + WhatIsMissing(info)}},
+                                "");
     for (const ServiceInfo& service : info.services) {
         text += "\n" + Heading(service) + Details(service);
         if (!service.components.empty())

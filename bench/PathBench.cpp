@@ -1,0 +1,105 @@
+// The packet path, each step beside a bare loop over the same bytes in memory.
+#include <benchmark/benchmark.h>
+
+#include "bench/BenchStream.h"
+#include "core/TsFilterBase.h"
+#include "services/objects/Collections.h"
+
+namespace tessel::bench {
+namespace {
+
+constexpr int32_t kChunk = 64 * 1024;
+
+class Filter final : public CTsFilterBase {
+public:
+    Filter() : CTsFilterBase("Filter") { SetMode(StreamingMode::kRecording, 0); }
+};
+
+void ReportBytes(benchmark::State& state, const std::vector<uint8_t>& stream) {
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(stream.size()));
+}
+
+// Reads the four header bytes of every packet and nothing else.
+void BareLoop(benchmark::State& state) {
+    const auto& stream = SharedStream();
+    for (auto _ : state) {
+        uint32_t sum = 0;
+        const uint8_t* const end = stream.data() + stream.size();
+        for (const uint8_t* packet = stream.data(); packet + kTransportPacketSize <= end;
+             packet += kTransportPacketSize)
+            sum += packet[0] + (packet[1] << 8 | packet[2]) + packet[3];
+        benchmark::DoNotOptimize(sum);
+    }
+    ReportBytes(state, stream);
+}
+
+// Copies the bytes into the input buffer and does nothing with them.
+void InputCopy(benchmark::State& state) {
+    const auto& stream = SharedStream();
+    PacketParser parser(PacketParser::kDefaultCapacity);
+    parser.CreateBuffer();
+    for (auto _ : state) {
+        const uint8_t* data = stream.data();
+        for (auto left = static_cast<int32_t>(stream.size()); left > 0;) {
+            int32_t chunk = std::min(left, kChunk);
+            left -= chunk;
+            parser.AddData(&data, &chunk);
+            parser.FlushBuffer();
+        }
+    }
+    ReportBytes(state, stream);
+}
+
+// Input copy, sync and packet hand-off to a handler that reads the header.
+void SyncAndHeaderWalk(benchmark::State& state) {
+    struct Handler final : IPacketHandler {
+        int ParsePacket(const uint8_t* packet) override {
+            const TsHeader header = DecodeTsHeader(packet);
+            sum += header.Pid() + header.ContinuityCounter();
+            return 0;
+        }
+        uint32_t sum = 0;
+    } handler;
+    const auto& stream = SharedStream();
+    PacketParser parser(PacketParser::kDefaultCapacity);
+    parser.CreateBuffer();
+    for (auto _ : state) {
+        const uint8_t* data = stream.data();
+        for (auto left = static_cast<int32_t>(stream.size()); left > 0;) {
+            int32_t chunk = std::min(left, kChunk);
+            left -= chunk;
+            parser.AddData(&data, &chunk);
+            parser.ParseData(handler);
+        }
+        benchmark::DoNotOptimize(handler.sum);
+    }
+    ReportBytes(state, stream);
+}
+
+// Everything: input copy, parsing, sections, tables, and at the end the services.
+void WholePath(benchmark::State& state) {
+    const auto& stream = SharedStream();
+    const auto filter = MakeObject<Filter>();
+    for (auto _ : state) {
+        filter->StartStreaming();
+        const uint8_t* data = stream.data();
+        for (auto left = static_cast<int32_t>(stream.size()); left > 0;) {
+            int32_t chunk = std::min(left, kChunk);
+            left -= chunk;
+            filter->AddData(&data, &chunk);
+            filter->ParseData();
+        }
+        if (filter->Services()->IsComplete() != S_OK)
+            state.SkipWithError("the services did not come");
+        filter->StopStreaming();
+    }
+    ReportBytes(state, stream);
+}
+
+BENCHMARK(BareLoop)->Unit(benchmark::kMillisecond);
+BENCHMARK(InputCopy)->Unit(benchmark::kMillisecond);
+BENCHMARK(SyncAndHeaderWalk)->Unit(benchmark::kMillisecond);
+BENCHMARK(WholePath)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace tessel::bench

@@ -1,0 +1,38 @@
+# Shared by the scripts: where the project is, what a machine needs, how it is built.
+set -euo pipefail
+
+project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$project"
+
+# Installs, where it can, the Debian packages among the arguments that are missing.
+need() {
+    local package missing=()
+    for package in "$@"; do
+        [ "$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null)" = "install ok installed" ] || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return
+    local root=()
+    if [ "$(id -u)" -ne 0 ]; then
+        if ! command -v sudo >/dev/null; then
+            echo "These Debian packages are needed; install them and run this again: ${missing[*]}" >&2
+            exit 1
+        fi
+        root=(sudo)
+    fi
+    echo "Installing: ${missing[*]}" >&2
+    "${root[@]}" apt-get -qq update >&2
+    "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq install -y --no-install-recommends "${missing[@]}" \
+        >/dev/null
+}
+
+build_packages=(cmake g++ ninja-build libcli11-dev nlohmann-json3-dev)
+test_packages=(libgtest-dev libgmock-dev libbenchmark-dev clang clang-format libclang-rt-14-dev ccache ffmpeg python3)
+
+# configure PRESET [cmake argument...]; quiet unless it fails.
+configure() {
+    local preset=$1 log
+    shift
+    mkdir -p build
+    log=build/configure-$preset.log
+    cmake --preset "$preset" "$@" >"$log" 2>&1 || { cat "$log" >&2; return 1; }
+}

@@ -167,10 +167,10 @@ Bytes PmtOfC() {
     return Pmt({.program = kC.id, .pcrPid = kPcrC, .streams = streams});
 }
 
-// Four character tables: ISO 8859-5, UCS-2, ISO 6937 (a diaeresis before its letter) and ISO 8859-2.
+// Four character tables: ISO 8859-5, UCS-2, ISO 8859-9 and ISO 8859-2.
 Bytes Names() {
     const Bytes a = ServiceDescriptor(0x01, Cyrillic(u"Тессера"), Cyrillic(u"Мозаика"));
-    const Bytes b = ServiceDescriptor(0x16, Text("Mosa\310ique"), Ucs2(u"Ψηφιδωτό モザイク"));
+    const Bytes b = ServiceDescriptor(0x16, Text("\5Mosa\357que"), Ucs2(u"Ψηφιδωτό モザイク"));
     const Bytes c = ServiceDescriptor(0x01, Text("Tessel"), Text("\020\000\002Mozaika p\263atna"sv));
     const SdtService scrambled = {.serviceId = kC.id, .descriptors = {c}, .freeCaMode = true};
     return Sdt({.transportStreamId = kTransportStreamId,

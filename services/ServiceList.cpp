@@ -156,7 +156,7 @@ ComPtr<_IDvbService> CDvbServices::FindService(uint32_t programNumber) {
     if (auto known = LookupAs<_IDvbService>(m_services.Get(), key))
         return known;
     const auto made = MakeObject<DvbService>(programNumber);
-    const ComPtr<_IDvbService> service(made.Get());
+    ComPtr<_IDvbService> service(made.Get());
     if (!service || FAILED(m_services->AddKeyed(key, service.Get())))
         return nullptr;
     return service;

@@ -92,6 +92,9 @@ int Run(int argc, char** argv) {
     AddInfo(app, info);
     ExtractArguments extract;
     AddExtract(app, extract);
+    const auto named = [&](CLI::App* command) { return command->check_name(argv[1]); };
+    if (argc > 1 && argv[1][0] != '-' && app.get_subcommands(named).empty())
+        throw Misuse("there is no command \"" + std::string(argv[1]) + "\"; see `tessel --help`");
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& success) {
@@ -119,6 +122,8 @@ int Main(int argc, char** argv) {
         return Say(kWrongUse, misuse.what());
     } catch (const std::bad_alloc&) {
         return Say(kCouldNot, "out of memory");
+    } catch (const std::exception& error) {
+        return Say(kCouldNot, error.what());
     }
 }
 

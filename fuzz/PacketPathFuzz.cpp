@@ -16,6 +16,7 @@ namespace {
 constexpr size_t kScriptSize = 16;
 constexpr size_t kMaxSinks = 3;
 constexpr int kMaxSteps = 1000;
+constexpr int kMaxControls = 16;  // they cost more than all else
 constexpr int32_t kCapacities[] = {1024, 4096, 16384, 65536};
 
 volatile uint32_t g_read;  // what keeps the reading of delivered bytes
@@ -121,11 +122,11 @@ public:
 
 private:
     void Step(uint8_t step) {
-        const auto wanted = static_cast<int32_t>(1 + (step >> 3) * 37);
-        const auto length = std::min(wanted, static_cast<int32_t>(m_rest.size()));
         // All but a restart may happen while a write is open.
         if ((step & 7) != 7 || step >> 3 == 2)
             CloseWrite();
+        const auto wanted = static_cast<int32_t>(1 + (step >> 3) * 37);
+        const auto length = std::min(wanted, static_cast<int32_t>(m_rest.size()));
         switch (step & 7) {
         case 3:
             OpenWrite(length);
@@ -143,7 +144,8 @@ private:
             Add(length);
             return;
         case 7:
-            Control(step >> 3);
+            if (m_controlsLeft-- > 0)
+                Control(step >> 3);
             break;
         default:
             Add(length);
@@ -237,6 +239,7 @@ private:
     const std::span<const uint8_t> m_steps;
     std::array<Sink, kMaxSinks> m_sinks;
     std::span<uint8_t> m_write;
+    int m_controlsLeft = kMaxControls;
 };
 
 // Puts the bytes that are sync bytes in a whole stream, so that mutations reach what lies behind the sync.

@@ -2,7 +2,8 @@
 //
 // The input is a sequence of records of a kind and what belongs to it. Kinds 0 to 4 are sections: 16 bits, of
 // which 0 to 11 are the size and 12 to 13 choose the PID of a program map table, then what stands between
-// section_length and CRC_32. Kind 5 is a packet of a PID, 6 reads, 7 completes the list or resets.
+// section_length and CRC_32. Kind 5 is a packet of a PID, 6 reads, 7 completes the list or resets
+// (with bit 7).
 #include <algorithm>
 #include <array>
 
@@ -16,6 +17,7 @@ namespace {
 constexpr int32_t kCapacity = 8192;
 constexpr size_t kPayloadSize = 184;
 constexpr size_t kMaxBody = 4080;
+constexpr int kMaxCostly = 8;  // resets, and readings of everything, in one run
 constexpr uint16_t kFirstPmtPid = 0x0100;
 
 constexpr struct {
@@ -31,6 +33,7 @@ class Stream {
 public:
     FuzzFilter& Filter() { return *m_filter; }
     size_t BytesFed() const { return m_bytesFed; }
+    bool TakeCostly() { return m_costlyLeft-- > 0; }
 
     void Packet(uint16_t pid, std::span<const uint8_t> payload, bool unitStart) {
         std::array<uint8_t, kTransportPacketSize> packet;
@@ -68,6 +71,7 @@ private:
     const ComPtr<FuzzFilter> m_filter = MakeObject<FuzzFilter>(StreamingMode::kRecording, kCapacity);
     std::array<uint8_t, kPidCount> m_continuity{};
     size_t m_bytesFed = 0;
+    int m_costlyLeft = kMaxCostly;
 };
 
 std::vector<uint8_t> WholeSection(uint8_t tableId, std::span<const uint8_t> body) {
@@ -87,12 +91,13 @@ void Play(Stream& stream, ByteReader& reader) {
         stream.Packet(reader.U16() & 0x1FFF, {}, false);
         break;
     case 6:
-        stream.Settle();
-        stream.Filter().ReadAll(stream.BytesFed());
-        break;
     case 7:
+        if (!stream.TakeCostly())
+            break;
         stream.Settle();
-        if (kind & 0x80)
+        if (kind % 8 == 6)
+            stream.Filter().ReadAll(stream.BytesFed());
+        else if ((kind & 0x80) != 0)
             stream.Filter().InternalReset();
         else
             FinishServices(*stream.Filter().Services());

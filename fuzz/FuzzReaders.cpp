@@ -217,9 +217,9 @@ void ReadServices(CDvbServices& services) {
     Require(services.GetOriginalNetworkId(&value) == S_OK && value <= kLast16);
     ComPtr<IDvbMapping> list;
     Require(services.GetServices(list.Put()) == S_OK);
-    ReadMapping<IDvbService>(*list, kLast16, [](IDvbService& service) {
-        uint32_t serviceId = 0;
-        Require(service.GetServiceId(&serviceId) == S_OK && serviceId >= 1 && serviceId <= kLast16);
+    ReadMapping<IDvbService>(*list, kLast16 + 1, [](IDvbService& service) {
+        uint32_t serviceId = ~0u;
+        Require(service.GetServiceId(&serviceId) == S_OK && serviceId <= kLast16);
         CBstr text;
         Require(service.GetName(text.Put()) == S_OK && service.GetProviderName(text.Put()) == S_OK);
         Require(service.IsScrambled() == S_OK || service.IsScrambled() == S_FALSE);

@@ -192,7 +192,8 @@ HRESULT CTsFilterBase::__ResetTables() {
 
 void CTsFilterBase::DeleteSectionFilters(uint32_t firstPid) {
     for (uint32_t pid = firstPid; pid < kPidCount; ++pid)
-        delete m_sectionFilterSlots[pid].exchange(nullptr, std::memory_order_acq_rel);
+        if (m_sectionFilterSlots[pid].load(std::memory_order_relaxed) != nullptr)
+            delete m_sectionFilterSlots[pid].exchange(nullptr, std::memory_order_acq_rel);
 }
 
 void CTsFilterBase::InstallSectionFilters(DefaultFilters which) {

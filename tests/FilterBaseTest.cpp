@@ -1,0 +1,382 @@
+// The data path from bytes to tables and outputs.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/FilterFixture.h"
+
+namespace tessel {
+namespace {
+
+using build::Bytes;
+using build::Pat;
+using build::Pmt;
+using build::StreamBuilder;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+const Bytes kPayload(184, 0x22);
+
+bool Has(const ComPtr<BareFilter>& filter, uint32_t tableId, uint32_t key) {
+    ComPtr<IDvbTable> table;
+    return filter->GetTable(tableId, key, table.Put()) == S_OK;
+}
+
+uint32_t ServiceCount(const ComPtr<BareFilter>& filter) {
+    ComPtr<IDvbMapping> list;
+    uint32_t count = 99;
+    filter->Services()->GetServices(list.Put());
+    list->GetCount(&count);
+    return count;
+}
+
+// One program, everything that a complete list needs.
+TableStream CompleteStream(uint16_t transportStreamId, uint16_t pmtPid = 0x100) {
+    TableStream stream;
+    stream.Packet(0x101, kPayload);
+    stream.Table(0, Pat(transportStreamId, {{1, pmtPid}}))
+        .Table(pmtPid, Pmt({.program = 1, .pcrPid = 0x101, .streams = {{2, 0x101}}}))
+        .Table(0x11, build::Sdt({.transportStreamId = transportStreamId, .services = {{1}}}));
+    return stream;
+}
+
+TEST(PacketRouter, OffersWhatEachSinkWantsInOrderOfAttachment) {
+    RecordingSink a, b, c;
+    PacketRouter router;
+    for (RecordingSink* sink : {&a, &b, &c})
+        ASSERT_TRUE(router.Attach(sink));
+    router.Want(&a, 0x10, true);
+    router.Want(&b, 0x10, true);
+    router.Want(&b, 0x2000, true);  // no PID
+    router.WantTables(&b, true);
+    router.WantAll(&c, true);
+    const auto offer = [&](uint16_t pid, bool hasFilter) {
+        const TsHeader header = {0x47, pid, 0x10};
+        return router.OfferPacket(kPayload.data(), header, {}, hasFilter);
+    };
+    offer(0x10, false);
+    offer(0x11, true);
+    offer(0x12, false);
+    EXPECT_THAT(a.Pids(), ElementsAre(0x10));
+    EXPECT_THAT(b.packets, ElementsAre(std::pair(0x10, false), std::pair(0x11, true)));
+    EXPECT_THAT(c.Pids(), ElementsAre(0x10, 0x11, 0x12));
+
+    // The sinks behind a detached one keep their own wishes.
+    router.Detach(&a);
+    router.Detach(&a);
+    EXPECT_EQ(router.SinkCount(), 2u);
+    router.WantAll(&c, false);
+    router.Want(&c, 0x13, true);
+    offer(0x10, false);
+    offer(0x11, true);
+    offer(0x13, false);
+    EXPECT_EQ(a.packets.size(), 1u);
+    EXPECT_THAT(b.Pids(), ElementsAre(0x10, 0x11, 0x10, 0x11));
+    EXPECT_THAT(c.Pids(), ElementsAre(0x10, 0x11, 0x12, 0x13));
+    router.Detach(&b);
+    RecordingSink late;
+    ASSERT_TRUE(router.Attach(&late));
+    offer(0x10, true);
+    EXPECT_THAT(late.packets, IsEmpty()) << "a new sink inherits nothing";
+
+    std::vector<RecordingSink> many(PacketRouter::kMaxSinks);
+    for (size_t i = router.SinkCount(); i < PacketRouter::kMaxSinks; ++i)
+        EXPECT_TRUE(router.Attach(&many[i]));
+    EXPECT_FALSE(router.Attach(&many[0]));
+}
+
+// Whether the parser would have to wait: every sink refuses, or cannot take any packet.
+TEST(PacketRouter, SaysWhenEverySinkRefuses) {
+    RecordingSink a, b;
+    PacketRouter router;
+    const TsHeader header = {0x47, 0x10, 0x10};
+    const auto refused = [&] { return router.OfferPacket(kPayload.data(), header, {}, false); };
+    EXPECT_FALSE(refused()) << "no sinks";
+    router.Attach(&a);
+    router.Attach(&b);
+    router.WantAll(&a, true);
+    router.WantAll(&b, true);
+    EXPECT_FALSE(refused());
+    a.refuse = true;
+    EXPECT_FALSE(refused());
+    b.refuse = true;
+    EXPECT_TRUE(refused());
+    router.WantAll(&b, false);
+    EXPECT_FALSE(refused()) << "who does not want a packet is not in the way of it";
+    router.SetDeliverable(&b, false);
+    EXPECT_TRUE(refused());
+    router.WantAll(&a, false);
+    EXPECT_FALSE(refused());
+    router.SetDeliverable(&a, false);
+    EXPECT_TRUE(refused());
+}
+
+TEST(FilterBase, DecodesAStreamFromEveryPacketSize) {
+    for (const bool units : {false, true}) {
+        const auto filter = MakeFilter();
+        const Bytes packets = CompleteStream(5).Take();
+        const Bytes bytes = units ? build::Units192(packets, {1, 2, 3, 4}) : packets;
+        const Bytes garbage(77, 0x46);
+        filter->Feed(garbage);
+        const uint8_t* data = bytes.data();
+        auto length = static_cast<int32_t>(bytes.size());
+        ASSERT_EQ(filter->AddData(&data, &length), S_OK);
+        ASSERT_EQ(filter->DetectPacketSize(), S_OK);
+        EXPECT_EQ(filter->ParseData(), S_OK);
+        EXPECT_EQ(filter->Services()->IsComplete(), S_OK);
+        EXPECT_EQ(filter->CurrentTransportStreamId(), 5u);
+        EXPECT_EQ(filter->TableVersions().size(), 3u);
+    }
+}
+
+TEST(FilterBase, TakesDataWhileStreamingOnly) {
+    const auto filter = MakeObject<BareFilter>(1000);
+    const Bytes bytes(2000);
+    const uint8_t* data = bytes.data();
+    int32_t length = 2000;
+    EXPECT_EQ(filter->SetMode(StreamingMode::kLive, 7), S_OK);
+    EXPECT_EQ(filter->ModeParameter(), 1);
+    EXPECT_EQ(filter->AddData(&data, &length), S_FALSE);
+    EXPECT_EQ(filter->ParseData(), E_UNEXPECTED);
+    EXPECT_EQ(filter->StartStreaming(), S_OK);
+    EXPECT_EQ(filter->AddData(&data, &length), S_OK);
+    EXPECT_EQ(length, 1000);
+    EXPECT_EQ(filter->AddData(&data, &length), E_OUTOFMEMORY);
+    EXPECT_EQ(filter->FlushBuffer(), S_OK);
+    EXPECT_EQ(filter->Parser().StreamPosition(), 1000);
+    EXPECT_EQ(filter->StartStreaming(), S_OK);
+    EXPECT_EQ(filter->Parser().StreamPosition(), 0);
+    EXPECT_EQ(filter->Parser().BytesReceived(), 0);
+    EXPECT_EQ(filter->StopStreaming(), S_OK);
+    EXPECT_EQ(filter->AddData(&data, &length), S_FALSE);
+}
+
+TEST(FilterBase, NotesArrivalsInLiveModeOnly) {
+    for (const StreamingMode mode : {StreamingMode::kLive, StreamingMode::kStream}) {
+        const auto filter = MakeFilter(mode);
+        filter->m_time = 1234;
+        filter->NoteArrival();
+        filter->Feed(TableStream().Table(0, Pat(1, {})).Take());
+        const bool live = mode == StreamingMode::kLive;
+        EXPECT_EQ(filter->Parser().CurrentArrival().position, live ? 0 : INT64_MIN);
+        EXPECT_EQ(filter->Parser().CurrentArrival().time, live ? 1234 : 0);
+    }
+}
+
+// What becomes of a packet with a PAT section, at the tables and at a sink that wants all.
+TEST(FilterBase, DropsPacketsThatCannotBeRead) {
+    const struct {
+        const char* name;
+        build::PacketOptions options;
+        bool table;
+        bool offered;
+        bool scrambled;
+    } cases[] = {
+        {"plain", {}, true, true, false},
+        {"with an adaptation field", {.stuffing = 100}, true, true, false},
+        {"damaged", {.transportError = true}, false, false, false},
+        {"scrambled", {.scrambling = 2}, false, false, true},
+        {"adaptation field over the whole packet", {.stuffing = 1, .adaptationLength = 183}, false, false, false},
+        {"adaptation field beyond the packet", {.stuffing = 1, .adaptationLength = 184}, false, false, false},
+        {"adaptation field far beyond", {.stuffing = 1, .adaptationLength = 255}, false, false, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto filter = MakeFilter();
+        RecordingSink sink;
+        filter->Router().Attach(&sink);
+        filter->Router().WantAll(&sink, true);
+        TableStream stream;
+        stream.Section(0, Pat(1, {}), {.packet = c.options});
+        filter->Feed(stream.Take());
+        EXPECT_EQ(sink.packets.size(), c.offered ? 1u : 0u);
+        EXPECT_TRUE(filter->PidStatus().IsPresent(0));
+        EXPECT_EQ(filter->PidStatus().IsScrambled(0), c.scrambled);
+        filter->Feed(stream.Table(0, Pat(1, {})).Take());
+        EXPECT_FALSE(filter->PidStatus().IsScrambled(0)) << "the last packet counts";
+        EXPECT_TRUE(Has(filter, 0, 1));
+        EXPECT_EQ(sink.sections.size(), c.table ? 2u : 1u);
+    }
+}
+
+TEST(FilterBase, APacketWithoutPayloadIsOfferedButHoldsNoSection) {
+    const auto filter = MakeFilter();
+    RecordingSink sink;
+    filter->Router().Attach(&sink);
+    filter->Router().WantAll(&sink, true);
+    TableStream stream;
+    stream.Section(0, Pat(1, {}));
+    stream.Packet(0, {}, {.unitStart = true, .stuffing = 1}).Packet(0, Bytes(184, 200), {.unitStart = true});
+    stream.Packet(7, kPayload);
+    filter->Feed(stream.Take());
+    // The third packet's pointer_field lies: it goes nowhere.
+    EXPECT_THAT(sink.packets, ElementsAre(std::pair(0, true), std::pair(0, true), std::pair(7, false)));
+}
+
+TEST(FilterBase, ADiscontinuityIndicatorJoinsASectionOverAGap) {
+    for (const bool announced : {false, true}) {
+        const auto filter = MakeFilter();
+        std::vector<build::PatProgram> many;
+        for (uint16_t program = 1; program <= 60; ++program)
+            many.push_back({program, 0x100});
+        const Bytes pat = build::Join({Bytes{0}, Pat(1, many)});  // pointer_field and 252 bytes
+        TableStream stream;
+        stream.Packet(0, {pat.data(), 184}, {.unitStart = true});
+        stream.Packet(0, {pat.data() + 184, pat.size() - 184}, {.continuity = 9, .discontinuity = announced});
+        filter->Feed(stream.Table(0, build::ShortSection(0xFE, {})).Take());
+        EXPECT_EQ(ServiceCount(filter), announced ? 60u : 0u);
+    }
+}
+
+TEST(FilterBase, ANewTransportStreamStartsOver) {
+    const auto filter = MakeFilter();
+    RecordingSink sink;
+    sink.sectionPids = {0x30, 0x31};
+    filter->Router().Attach(&sink);
+    TableStream stream = CompleteStream(5);
+    filter->Feed(stream.Take());
+    ASSERT_EQ(filter->Services()->IsComplete(), S_OK);
+    ComPtr<IDvbTable> old;
+    ASSERT_EQ(filter->GetFirstTable(0, old.Put()), S_OK);
+    EXPECT_EQ(filter->AddTablePid(2, 1, 0x100), E_ACCESSDENIED);
+
+    // A PAT of two sections: the one that announces the stream is decoded into the fresh store.
+    const auto part = [](uint16_t program, uint8_t number) {
+        return Pat(6, {{program, 0x200}}, {.sectionNumber = number, .lastSectionNumber = 1});
+    };
+    filter->Feed(stream.Table(0, part(1, 0)).Take());
+    EXPECT_EQ(filter->CurrentTransportStreamId(), 6u);
+    EXPECT_THAT(filter->TableVersions(), IsEmpty());
+    EXPECT_EQ(ServiceCount(filter), 0u);
+    filter->Feed(stream.Table(0, part(2, 1)).Take());
+    EXPECT_TRUE(Has(filter, 0, 6));
+    EXPECT_EQ(ServiceCount(filter), 2u);
+    EXPECT_EQ(old->IsComplete(), S_OK);
+
+    // The PMT PID of the old stream is free; the sink's PIDs and the fixed ones are still read.
+    EXPECT_EQ(filter->AddTablePid(2, 1, 0x100), S_OK);
+    for (const uint32_t pid : {0x00u, 0x11u, 0x1FFBu, 0x30u, 0x31u, 0x200u})
+        EXPECT_EQ(filter->AddTablePid(2, 1, pid), E_ACCESSDENIED) << std::hex << pid;
+    const Bytes section = build::LongSection(0xC0, 1, {1, 2, 3});
+    sink.sections.clear();
+    filter->Feed(stream.Table(0x31, section).Take());
+    EXPECT_THAT(sink.sections, ElementsAre(std::pair(0x31u, section)));
+}
+
+TEST(FilterBase, AResetForgetsTheStreamAndReadsItAgain) {
+    const auto filter = MakeFilter();
+    RecordingSink sink;
+    sink.sectionPids = {0x30, 0x2000};
+    filter->Router().Attach(&sink);
+    for (int round = 0; round < 2; ++round) {
+        filter->Feed(CompleteStream(5).Take());
+        ASSERT_EQ(filter->Services()->IsComplete(), S_OK);
+        filter->InternalReset();
+        EXPECT_EQ(filter->CurrentTransportStreamId(), 0u);
+        EXPECT_FALSE(filter->PidStatus().IsPresent(0x101));
+        EXPECT_THAT(filter->TableVersions(), IsEmpty());
+        EXPECT_EQ(ServiceCount(filter), 0u);
+        EXPECT_EQ(filter->AddTablePid(0, 0, 0x30), E_ACCESSDENIED);
+        EXPECT_EQ(filter->AddTablePid(0, 0, 0x100), S_OK);
+    }
+    EXPECT_EQ(filter->AddTablePid(0, 0, 0x2000), E_INVALIDARG);
+    EXPECT_EQ(filter->AddTablePid(0, 0, 0xFFFFFFFF), E_INVALIDARG);
+}
+
+TEST(FilterBase, APmtIsAppliedOnceItsPcrPidIsSeen) {
+    const auto filter = MakeFilter();
+    TableStream stream;
+    const Bytes pmt = Pmt({.program = 1, .pcrPid = 0x101, .streams = {{2, 0x101}}});
+    stream.Table(0, Pat(1, {{1, 0x100}})).Table(0x100, pmt);
+    filter->Feed(stream.Take());
+    EXPECT_FALSE(Has(filter, 2, 1));
+    stream.Packet(0x101, kPayload, {.scrambling = 3});  // seen all the same
+    filter->Feed(stream.Table(0x100, pmt).Take());
+    EXPECT_TRUE(Has(filter, 2, 1));
+    EXPECT_EQ(filter->Services()->IsPmtComplete(), S_OK);
+}
+
+TEST(FilterBase, DecodesThePmtsThatShareAPidAndTheTablesOfTheGuide) {
+    const auto filter = MakeFilter();
+    TableStream stream;
+    stream.Packet(0x101, kPayload);
+    stream.Table(0, Pat(1, {{1, 0x100}, {2, 0x100}}))
+        .Table(0x100, Pmt({.program = 2, .pcrPid = 0x101}))
+        .Table(0x100, Pmt({.program = 1, .pcrPid = 0x101}))
+        .Table(0x1FFB, build::Mgt({{0x0100, 0x1D00}}))
+        .Table(0x1FFB, build::Vct(1, {{.shortName = u"CH1", .program = 1}}));
+    filter->Feed(stream.Take());
+    EXPECT_EQ(filter->Services()->IsComplete(), S_OK);
+    EXPECT_EQ(filter->AddTablePid(0xCB, 0, 0x1D00), E_ACCESSDENIED);
+}
+
+TEST(FilterBase, OutputsGetASectionAfterTheTablesAndBeforeItsPacket) {
+    class Sink final : public IPacketSink {
+    public:
+        explicit Sink(CTsFilterBase& filter) : m_filter(filter) {}
+        int DeliverPacket(const uint8_t*, const TsHeader&, const AdaptationFieldHeader&, bool) override {
+            order += 'p';
+            return 0;
+        }
+        int DeliverSection(const TsHeader&, std::span<const uint8_t>) override {
+            ComPtr<IDvbTable> table;
+            order += m_filter.GetTable(0, 1, table.Put()) == S_OK ? 'S' : 's';
+            return 1;
+        }
+        std::string order;
+
+    private:
+        CTsFilterBase& m_filter;
+    };
+    const auto filter = MakeFilter();
+    Sink sink(*filter);
+    filter->Router().Attach(&sink);
+    filter->Router().WantTables(&sink, true);
+    TableStream stream;
+    filter->Feed(stream.Section(0, Pat(1, {})).Section(0, Pat(1, {})).Packet(7, kPayload).Null().bytes());
+    EXPECT_EQ(sink.order, "pSp");
+}
+
+TEST(FilterBase, FileModeStopsAtAPacketThatEveryOutputRefuses) {
+    for (const StreamingMode mode : {StreamingMode::kFile, StreamingMode::kStream}) {
+        const auto filter = MakeFilter(mode);
+        RecordingSink a, b;
+        for (RecordingSink* sink : {&a, &b}) {
+            filter->Router().Attach(sink);
+            filter->Router().WantAll(sink, true);
+            sink->refuse = true;
+        }
+        StreamBuilder stream;
+        stream.Packet(0x10, kPayload).Section(0, Pat(1, {})).Section(0, Pat(1, {})).Packet(0x11, kPayload).Null();
+        EXPECT_EQ(filter->Feed(stream.bytes()), mode == StreamingMode::kFile ? S_FALSE : S_OK);
+        if (mode != StreamingMode::kFile) {
+            EXPECT_EQ(a.packets.size(), 4u);
+            continue;
+        }
+        EXPECT_EQ(filter->ParseData(), S_FALSE);
+        EXPECT_EQ(filter->Parser().StreamPosition(), 0);
+        a.refuse = false;
+        EXPECT_EQ(filter->ParseData(), S_OK) << "one that takes it is enough";
+        EXPECT_THAT(a.Pids(), ElementsAre(0x10, 0x10, 0x10, 0, 0, 0x11));
+    }
+}
+
+// A packet that is offered twice is assembled twice; its section must come once and whole.
+TEST(FilterBase, ARefusedSectionPacketIsNotAssembledTwice) {
+    const auto filter = MakeFilter(StreamingMode::kFile);
+    RecordingSink sink;
+    filter->Router().Attach(&sink);
+    filter->Router().WantTables(&sink, true);
+    const Bytes first = Pat(1, {{1, 0x100}});
+    const Bytes second = Pat(1, {{1, 0x100}}, {.version = 1});
+    StreamBuilder stream;
+    stream.Section(0, first).Section(0, second).Section(0, build::ShortSection(0xFE, {})).Null();
+    sink.refusals = 2;
+    EXPECT_EQ(filter->Feed(stream.bytes()), S_FALSE);
+    for (int i = 0; i < 6; ++i)
+        filter->ParseData();
+    EXPECT_EQ(sink.packets.size(), 9u);
+    EXPECT_THAT(sink.sections, ElementsAre(std::pair(0u, first), std::pair(0u, second)));
+}
+
+}  // namespace
+}  // namespace tessel

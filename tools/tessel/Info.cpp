@@ -153,8 +153,8 @@ void ReadTables(InputFile& input, bool allPids, StreamReader& reader) {
     reader.Finish();
     // A program map table counts once packets of its PCR PID have been seen. In a short recording every copy
     // may come before the first of them: with the PIDs known, the tables are read once more.
-    if (reader.Services()->IsPmtComplete() != S_OK) {
-        reader.FlushBuffer();
+    if (reader.FoundPackets() && reader.Services()->IsPmtComplete() != S_OK) {
+        reader.Restart();
         reader.Push(head);
         reader.Finish();
     }

@@ -5,6 +5,13 @@
 
 namespace tessel::tool {
 
+namespace {
+
+// Bytes in which four sync bytes at an equal distance must have shown: packets, and a look-ahead.
+constexpr int64_t kFourPackets = 4 * kTimestampedPacketSize + 6;
+
+}  // namespace
+
 StreamReader::StreamReader() : CTsFilterBase("StreamReader") {
     if (FAILED(SetMode(StreamingMode::kRecording, 0)) || FAILED(StartStreaming()))
         throw Failure("out of memory");
@@ -18,6 +25,7 @@ ComPtr<StreamReader> MakeStreamReader() {
 }
 
 void StreamReader::Push(std::span<const uint8_t> bytes) {
+    m_bytesPushed += static_cast<int64_t>(bytes.size());
     const uint8_t* data = bytes.data();
     auto length = static_cast<int32_t>(bytes.size());
     while (length > 0) {
@@ -29,11 +37,18 @@ void StreamReader::Push(std::span<const uint8_t> bytes) {
 }
 
 void StreamReader::Finish() {
-    // Too little may have come to be sure of the packet size: then the default holds.
-    if (m_resyncPending)
-        DetectPacketSize();
+    // Too little may have come to be sure of the packet size: then the default holds. What has shown none
+    // in more than that is no stream, even where two sync bytes stand at the right distance.
+    if (m_resyncPending && FAILED(DetectPacketSize()) && m_bytesPushed > kFourPackets)
+        return;
     m_resyncPending = false;
     Parse();
+}
+
+void StreamReader::Restart() {
+    FlushBuffer();
+    m_resyncPending = true;
+    m_bytesPushed = 0;
 }
 
 void StreamReader::Parse() {

@@ -15,6 +15,8 @@ public:
     void Push(std::span<const uint8_t> bytes);
     // No more bytes come: parses what is complete.
     void Finish();
+    // The input comes once more, from its beginning; what has been learnt stays.
+    void Restart();
 
     // Whether any packet has been parsed.
     bool FoundPackets() const;
@@ -23,6 +25,7 @@ private:
     void Parse();
 
     bool m_resyncPending = true;
+    int64_t m_bytesPushed = 0;  // since the beginning of the input
 };
 
 // An object lives by its references; a command holds its reader by one.

@@ -1,0 +1,179 @@
+"""What `tessel info` says of streams whose content is known."""
+import unittest
+
+import support
+from support import Stream, pat, pmt, sdt
+
+NORMALISED = {"deu": "ger", "fra": "fre"}
+
+
+def tables_then(*, programmes, services=None, maps=(), packets_on=(), rounds=3):
+    """Tables, each round once, and packets on some PIDs; null packets end it."""
+    stream = Stream()
+    for _ in range(rounds):
+        stream.table(0x00, pat(7, programmes))
+        if services is not None:
+            stream.table(0x11, sdt(7, 0x20FA, services))
+        for pid in packets_on:
+            stream.packet(pid, b"")
+        for pid, section in maps:
+            stream.table(pid, section)
+    stream.null_packets(3)
+    return bytes(stream.data)
+
+
+class Recordings(support.ToolTest):
+    """Another reader found the facts; here is where the tool knows less, by its rules."""
+
+    def expected(self, facts, service):
+        seen = str(service["pcr_pid"]) in facts["pids"]  # without its PCR PID a program map does not count
+        components = [
+            {"pid": c["pid"], "stream_type": c["stream_type"], "tags": sorted(c["tags"]), "scrambled": c["scrambled"],
+             "language": NORMALISED.get(c["language"], c["language"])} for c in service["components"]]
+        return {"id": service["id"], "name": service["name"], "provider": service["provider"], "type": service["type"],
+                "pmt_pid": service["pmt_pid"], "pcr_pid": service["pcr_pid"] if seen else None,
+                "channel": service["channel"], "components": components if seen else []}
+
+    def told(self, service):
+        shown = {key: service[key] for key in ("id", "name", "provider", "type", "pmt_pid", "pcr_pid", "channel")}
+        shown["components"] = [
+            {"pid": c["pid"], "stream_type": c["stream_type"], "tags": sorted(d["tag"] for d in c["descriptors"]),
+             "scrambled": c["scrambled"], "language": c["language"]} for c in service["components"]]
+        return shown
+
+    def test_facts(self):
+        for facts in support.recordings():
+            with self.subTest(facts["file"]):
+                info = self.info(facts["path"], "--pids")
+                self.assertEqual(info["packet_size"], facts["packet_size"])
+                self.assertEqual(info["transport_stream_id"], next(iter(facts["transport_stream_ids"]), None))
+                # A section is complete when the next begins: an SDT in a single packet is never heard of.
+                heard = facts["pids"].get("17", 0) > 1
+                self.assertEqual(info["original_network_id"], facts["original_network_id"] if heard else None)
+                self.assertEqual([self.told(service) for service in info["services"]],
+                                 [self.expected(facts, service) for service in facts["services"]])
+                pids = {pid["pid"]: pid["scrambled"] for pid in info["pids"]}
+                self.assertEqual({pid for pid, scrambled in pids.items() if scrambled}, set(facts["scrambled_pids"]))
+                # The last packet is held back: a PID that only it has is not seen.
+                last = facts["path"].read_bytes()[-support.PACKET:]
+                unseen = {int(pid) for pid in facts["pids"]} - pids.keys()
+                self.assertLessEqual(unseen, {int.from_bytes(last[1:3], "big") & 0x1FFF})
+                self.assertTrue(all(facts["pids"][str(pid)] == 1 for pid in unseen))
+                self.assertLessEqual(pids.keys(), {int(pid) for pid in facts["pids"]})
+
+    def test_192_byte_units(self):
+        for facts in support.recordings():
+            with self.subTest(facts["file"]):
+                data = facts["path"].read_bytes()
+                if facts["packets"] * support.PACKET != len(data):
+                    continue  # not a whole number of packets in sync: the units would be others
+                plain = self.info(facts["path"], "--pids")
+                units = self.info(self.file("units.ts", support.in_192_bytes(data)), "--pids")
+                self.assertEqual(units.pop("packet_size"), 192)
+                plain.pop("packet_size")
+                self.assertEqual(units, plain)
+
+
+class TwoProgrammes(support.ToolTest):
+    def test_services_and_components(self):
+        info = self.info(support.two_programmes())
+        self.assertEqual((info["packet_size"], info["transport_stream_id"], info["original_network_id"]),
+                         (188, 0x1234, 0x2345))
+        self.assertIs(info["complete"], True)
+        shown = [(s["id"], s["name"], s["pmt_pid"], s["pcr_pid"], s["scrambled"], s["channel"],
+                  [(c["pid"], c["stream_type"], c["media"], c["language"], c["scrambled"]) for c in s["components"]])
+                 for s in info["services"]]
+        self.assertEqual(shown, [
+            (11, "First & Co", 4096, 256, False, None,
+             [(256, 0x02, "video/mpeg2", None, False), (257, 0x03, "audio/mpeg1", "ger", False)]),
+            (12, "Second", 4097, 258, False, None,
+             [(258, 0x1B, "video/h264", None, False), (259, 0x81, "audio/ac3", "fre", False)])])
+
+    def test_text_names_services_and_media(self):
+        text = self.done("info", support.two_programmes()).decode()
+        for part in ("First & Co", "Second", "video/mpeg2", "audio/mpeg1", "video/h264", "audio/ac3"):
+            self.assertIn(part, text)
+
+    def test_192_byte_units_say_the_same(self):
+        plain = self.info(support.two_programmes(), "--pids")
+        units = support.in_192_bytes(support.two_programmes().read_bytes())
+        self.assertEqual(self.info(self.file("units.ts", units), "--pids"), dict(plain, packet_size=192))
+
+
+class Sample(support.ToolTest):
+    @unittest.skipUnless(support.SAMPLE.is_file(), "samples/tessel-sample.ts is missing")
+    def test_three_services(self):
+        info = self.info(support.SAMPLE, "--pids")
+        self.assertEqual((info["transport_stream_id"], info["original_network_id"], info["complete"]),
+                         (0x0457, 0xFF01, True))
+        services = info["services"]
+        self.assertEqual(
+            [(s["id"], s["name"], s["provider"], s["type"], s["scrambled"], s["channel"]["minor"]) for s in services],
+            [(101, "Мозаика", "Тессера", 0x01, False, 1), (102, "Ψηφιδωτό モザイク", "Mosaïque", 0x16, False, 2),
+             (103, "Mozaika płatna", "Tessel", 0x01, True, 3)])
+        self.assertEqual(
+            [[(c["pid"], c["media"], c["language"], c["scrambled"]) for c in s["components"]] for s in services],
+            [[(0x101, "video/mpeg2", None, False), (0x102, "audio/mpeg1", "ger", False),
+              (0x103, "audio/mpeg1", "fre", False), (0x104, "vbi/teletext", None, False),
+              (0x105, "subtitle/dvb", None, False)],
+             [(0x201, "video/h264", None, False), (0x202, "audio/ac3", "eng", False),
+              (0x203, "audio/aac", "fre", False)],
+             [(0x301, "video/mpeg2", None, True), (0x302, "audio/ac3", "ger", True)]])
+        self.assertEqual([pid["pid"] for pid in info["pids"] if pid["scrambled"]], [0x301, 0x302])
+
+
+class MadeStreams(support.ToolTest):
+    def test_without_names_everything_unknown_is_null(self):
+        data = tables_then(programmes={5: 0x50}, maps=[(0x50, pmt(5, 0x51, [(0x02, 0x51)]))], packets_on=[0x51])
+        info = self.info(self.file("nameless.ts", data))
+        self.assertEqual((info["transport_stream_id"], info["original_network_id"], info["complete"]), (7, None, False))
+        [service] = info["services"]
+        self.assertEqual([service[key] for key in ("name", "provider", "type", "type_name", "channel")], [None] * 5)
+        self.assertEqual([component["pid"] for component in service["components"]], [0x51])
+
+    def test_service_without_program_map_is_listed(self):
+        data = tables_then(programmes={5: 0x50, 6: 0x60}, services=[(6, 1, b"P", b"Lost")],
+                           maps=[(0x50, pmt(5, 0x51, [(0x02, 0x51)]))], packets_on=[0x51])
+        path = self.file("lost.ts", data)
+        info = self.info(path)
+        self.assertIs(info["complete"], False)
+        shown = [(s["id"], s["name"], s["pmt_pid"], s["pcr_pid"], len(s["components"])) for s in info["services"]]
+        self.assertEqual(shown, [(5, None, 0x50, 0x51, 1), (6, "Lost", 0x60, None, 0)])
+        self.assertIn("no usable program map of service 6", self.done("info", path).decode())
+
+    def test_service_types(self):
+        names = {1: "DigitalTelevision", 2: "DigitalRadio", 0x19: "ServiceType[19]", 0: None}
+        programmes = {number: 0x50 + number for number in range(1, 5)}
+        data = tables_then(
+            programmes=programmes, services=[(n, t, b"P", b"N") for n, t in zip(programmes, names)],
+            maps=[(pid, pmt(n, 0x100, [(0x02, 0x100)])) for n, pid in programmes.items()], packets_on=[0x100])
+        info = self.info(self.file("types.ts", data))
+        self.assertEqual([(s["type"], s["type_name"]) for s in info["services"]],
+                         [(type_ or None, name) for type_, name in names.items()])
+
+    def test_texts_cannot_harm_terminal_or_json(self):
+        texts = [
+            (b"A\x1b[31m\x9b2J\x07\x7f\r\n\x00Z", "A\x1b[31m\x9b2J\x07\x7f\r\n"),  # NUL ends a name
+            (b"\x11\xd8\x00\x00A\xdc\x00", "\ufffdA\ufffd"),  # halves of surrogate pairs
+            (b"\x11\xd8\x3d\xde\x00", "\U0001f600"),
+            (b"\x11\x00A\x00", "A"),  # half a character at the end
+            (b'"\\</script>', '"\\</script>'),
+            (b"\x15\xff\xc3(\xed\xa0\x80", ""),  # a table without a converter
+        ]
+        programmes = {number: 0x50 for number in range(1, len(texts) + 1)}
+        data = tables_then(programmes=programmes,
+                           services=[(n, 1, text, text) for n, (text, _) in zip(programmes, texts)])
+        path = self.file("texts.ts", data)
+        info = self.info(path)
+        self.assertEqual(len(info["services"]), len(texts))
+        for service, (sent, name) in zip(info["services"], texts):
+            with self.subTest(sent):
+                self.assertEqual((service["name"], service["provider"]), (name, name))
+        shown = self.done("info", path).decode("utf-8", "strict")
+        harmful = [c for c in shown if c != "\n" and (ord(c) < 0x20 or 0x7F <= ord(c) < 0xA0)]
+        self.assertEqual(harmful, [])
+        self.assertIn("[31m", shown)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -198,7 +198,7 @@ TEST(FilterBase, DropsPacketsThatCannotBeRead) {
     }
 }
 
-TEST(FilterBase, APacketWithoutPayloadIsOfferedButHoldsNoSection) {
+TEST(FilterBase, OffersPacketsWithoutPayloadAndNoneThatLie) {
     const auto filter = MakeFilter();
     RecordingSink sink;
     filter->Router().Attach(&sink);

@@ -106,8 +106,8 @@ TEST(PacketRouter, SaysWhenEverySinkRefuses) {
     EXPECT_TRUE(refused());
     router.WantAll(&a, false);
     EXPECT_FALSE(refused());
-    router.SetDeliverable(&a, false);
-    EXPECT_TRUE(refused());
+    router.Detach(&a);
+    EXPECT_TRUE(refused()) << "what is left cannot take any";
 }
 
 TEST(FilterBase, DecodesAStreamFromEveryPacketSize) {
@@ -198,7 +198,7 @@ TEST(FilterBase, DropsPacketsThatCannotBeRead) {
     }
 }
 
-TEST(FilterBase, APacketWithoutPayloadIsOfferedButHoldsNoSection) {
+TEST(FilterBase, OffersPacketsWithoutPayloadAndNoneThatLie) {
     const auto filter = MakeFilter();
     RecordingSink sink;
     filter->Router().Attach(&sink);
@@ -206,9 +206,10 @@ TEST(FilterBase, APacketWithoutPayloadIsOfferedButHoldsNoSection) {
     TableStream stream;
     stream.Section(0, Pat(1, {}));
     stream.Packet(0, {}, {.unitStart = true, .stuffing = 1}).Packet(0, Bytes(184, 200), {.unitStart = true});
-    stream.Packet(7, kPayload);
+    stream.Packet(7, {}, {.stuffing = 1, .adaptationLength = 183});
+    stream.Packet(8, {}, {.stuffing = 1, .adaptationLength = 184});
     filter->Feed(stream.Take());
-    // The third packet's pointer_field lies: it goes nowhere.
+    // The pointer_field of the third packet lies, and the adaptation field of the last is too long.
     EXPECT_THAT(sink.packets, ElementsAre(std::pair(0, true), std::pair(0, true), std::pair(7, false)));
 }
 
@@ -280,19 +281,6 @@ TEST(FilterBase, AResetForgetsTheStreamAndReadsItAgain) {
     }
     EXPECT_EQ(filter->AddTablePid(0, 0, 0x2000), E_INVALIDARG);
     EXPECT_EQ(filter->AddTablePid(0, 0, 0xFFFFFFFF), E_INVALIDARG);
-}
-
-TEST(FilterBase, APmtIsAppliedOnceItsPcrPidIsSeen) {
-    const auto filter = MakeFilter();
-    TableStream stream;
-    const Bytes pmt = Pmt({.program = 1, .pcrPid = 0x101, .streams = {{2, 0x101}}});
-    stream.Table(0, Pat(1, {{1, 0x100}})).Table(0x100, pmt);
-    filter->Feed(stream.Take());
-    EXPECT_FALSE(Has(filter, 2, 1));
-    stream.Packet(0x101, kPayload, {.scrambling = 3});  // seen all the same
-    filter->Feed(stream.Table(0x100, pmt).Take());
-    EXPECT_TRUE(Has(filter, 2, 1));
-    EXPECT_EQ(filter->Services()->IsPmtComplete(), S_OK);
 }
 
 TEST(FilterBase, DecodesThePmtsThatShareAPidAndTheTablesOfTheGuide) {

@@ -248,9 +248,9 @@ TEST_F(PacketParserTest, WhileAnInPlaceWriteIsOpenNothingMoves) {
 
 TEST_F(PacketParserTest, APacketHasTheArrivalOfTheSampleThatItBeginsIn) {
     const Bytes stream = Series(5);
-    Add(First(stream, 100));
+    Add(First(stream, 188));
     m_parser.NoteArrival(7);
-    Add({stream.data() + 100, 288});
+    Add({stream.data() + 188, 200});
     m_parser.NoteArrival(8);
     m_parser.NoteArrival(9);
     Add({stream.data() + 388, 500});

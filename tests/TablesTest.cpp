@@ -224,20 +224,6 @@ TEST(Tables, TakeWholePayloadsAndRefuseBrokenOnes) {
     }
 }
 
-TEST(ProgramAssociationTable, ListsEveryProgramInOrderAndByNumber) {
-    const auto pat = Make<ProgramAssociationTableFactory>();
-    Add(pat, build::Pat(0x1234, {{0, 0x10}, {2, 0x1FFE}, {1, 0x100}}));
-    EXPECT_THAT(Programs(pat), ElementsAre(std::pair(0, 0x10), std::pair(2, 0x1FFE), std::pair(1, 0x100)));
-    ComPtr<IDvbMapping> list;
-    uint32_t value = 0;
-    const auto client = pat.As<IDvbProgramAssociationTable>();
-    client->GetAssociations(list.Put());
-    EXPECT_EQ(LookupAs<IDvbProgramAssociation>(list.Get(), 2)->GetPid(&value), S_OK);
-    EXPECT_EQ(value, 0x1FFEu);
-    EXPECT_EQ(client->GetTransportStreamId(&value), S_OK);
-    EXPECT_EQ(value, 0x1234u);
-}
-
 TEST(ProgramMapTable, ReadsProgramAndComponents) {
     const auto pmt = ParsedPmt(
         {.program = 7,
@@ -245,7 +231,7 @@ TEST(ProgramMapTable, ReadsProgramAndComponents) {
          .descriptors = {build::Registration("ABCD"), build::Language("eng"), build::Registration("EFGH")},
          .streams = {{0x1B, 0x101, {build::AvcVideo(), {0x09, 1, 0}}},
                      {0x03, 0x102, {build::Language("swe"), build::StreamIdentifier(1), build::Language("fra")}},
-                     {0x06, 0x103, {build::Language("eng"), {0x80, 200, 1}}}}});
+                     {0x06, 0x103, {build::Language("eng"), {0x80, 200, 1}}, 500}}});
     uint32_t value = 0;
     pmt->GetProgramNumber(&value);
     EXPECT_EQ(value, 7u);
@@ -273,7 +259,7 @@ TEST(ProgramMapTable, ReadsProgramAndComponents) {
     audio->GetDescriptors(descriptors.Put());
     EXPECT_THAT(Tags(descriptors.Get()), ElementsAre(0x0A, 0x52));
     Component(pmt.Get(), 2)->GetDescriptors(descriptors.Put());
-    EXPECT_THAT(Tags(descriptors.Get()), ElementsAre(0x0A)) << "a descriptor that runs past ends its loop";
+    EXPECT_THAT(Tags(descriptors.Get()), ElementsAre(0x0A)) << "what runs past ends its loop";
     EXPECT_FALSE(Component(pmt.Get(), 3));
 }
 

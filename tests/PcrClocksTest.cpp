@@ -121,7 +121,7 @@ TEST(PcrClocks, Jumps) {
         int64_t first;
         int64_t third;
         bool jump;
-        int64_t timeOrigin;  // after it; before, the first PCR was at time 9,000
+        int64_t timeOrigin;  // after it; before it 9,000
         int32_t pcrDelta;
     };
     const Case cases[] = {
@@ -227,8 +227,9 @@ TEST(PcrClocks, UpdatesMakeAndDropClocks) {
         host.Pcr(1, 0, kNoArrival, 0x30);
         EXPECT_TRUE(host.Clock(0x30).has_value());
 
-        host.clocks.Clear();
         host.clocks.SetUpdateCount(0);
+        EXPECT_TRUE(host.clocks.Wants(pcr));
+        host.clocks.Clear();
         EXPECT_FALSE(host.clocks.Wants(pcr));
     }
 }
@@ -415,11 +416,11 @@ public:
     explicit Sink(int32_t pid) : pcrPid(pid) {}
     int DeliverPacket(const uint8_t*, const TsHeader&, const AdaptationFieldHeader&, bool) override { return 0; }
     int DeliverSection(const TsHeader&, std::span<const uint8_t>) override { return 0; }
-    int32_t GetPcrPid() const override { return pcrPid.load(); }
+    int32_t GetPcrPid() const override { return pcrPid; }
     void NotifyDiscontinuity(int32_t code, IUnknown*) override { jumps += code; }
     void NotifyClockChange(const PcrClock&, int32_t) override { ++changes; }
 
-    std::atomic<int32_t> pcrPid;
+    const int32_t pcrPid;
     std::atomic<int> jumps{0};
     std::atomic<int> changes{0};
 };
@@ -462,6 +463,8 @@ TEST(FilterClocks, FollowTheStreamTellTheSinksAndGoWithTheTransportStream) {
         filter->Parse(stream);
         EXPECT_EQ(mine.jumps, 1);
         EXPECT_EQ(other.jumps, 0);
+        filter->Router().NotifyClockChange(clock);
+        EXPECT_EQ(mine.changes + other.changes, 2) << "contents look for their PID themselves";
 
         stream.Section(0, build::Pat(2, {})).Section(0, build::Pat(2, {}));
         stream.Pcr(kPid, 3'000);
@@ -477,7 +480,7 @@ TEST(FilterClocks, FollowTheStreamTellTheSinksAndGoWithTheTransportStream) {
     }
 }
 
-// Whoever reports jumps, updates, detaches and resets: each jump is told once, and nothing is lost.
+// Parser, contents and control threads together: each jump is told once.
 TEST(FilterClocks, ManyThreads) {
     const auto filter = MakeObject<Filter>(StreamingMode::kLive);
     Sink sink(kPid);

@@ -91,7 +91,7 @@ PcrClock* PcrClocks::Find(int32_t pid) {
 }
 
 PcrClocks::ClockPtr PcrClocks::Insert(int32_t pid) {
-    auto clock = std::make_shared<Clock>();
+    auto clock = std::make_shared<PcrClock>();
     clock->pid = pid;
     m_clocks.emplace(pid, clock);
     NoteAwake();
@@ -100,8 +100,6 @@ PcrClocks::ClockPtr PcrClocks::Insert(int32_t pid) {
 
 void PcrClocks::Clear() {
     CScopedLock lock(&m_lock);
-    for (auto& [pid, clock] : m_clocks)
-        clock->inMap = false;
     m_clocks.clear();
     NoteAwake();
 }
@@ -124,8 +122,8 @@ HRESULT PcrClocks::SetPcrDiscont(int32_t pid) {
     return clock ? m_owner.SetPcrDiscont(*clock) : E_FAIL;
 }
 
-bool PcrClocks::Discontinue(Clock& clock) {
-    return SUCCEEDED(m_owner.SetPcrDiscont(clock)) && clock.inMap;
+bool PcrClocks::Discontinue(PcrClock& clock) {
+    return SUCCEEDED(m_owner.SetPcrDiscont(clock)) && Find(clock.pid) == &clock;
 }
 
 void PcrClocks::AdjustPcr(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
@@ -162,7 +160,7 @@ void PcrClocks::Anchor(PcrClock& clock, int64_t pcr, int64_t position, const Arr
     clock.timeOrigin = !m_live ? kUnknown : arrival.position != kUnknown ? arrival.time : m_owner.CurrentStreamTime();
 }
 
-bool PcrClocks::TakePcr(Clock& clock, int64_t pcr, int64_t position) {
+bool PcrClocks::TakePcr(PcrClock& clock, int64_t pcr, int64_t position) {
     if (clock.lastPcr == kUnknown) {
         clock.lastPcr = pcr;
         clock.lastPosition = position;
@@ -197,7 +195,7 @@ bool PcrClocks::TakePcr(Clock& clock, int64_t pcr, int64_t position) {
     return true;
 }
 
-void PcrClocks::Slave(Clock& clock, const ArrivalRecord& arrival) {
+void PcrClocks::Slave(PcrClock& clock, const ArrivalRecord& arrival) {
     if (arrival.position == kUnknown || clock.pcrDelta == 0 || clock.timeOrigin == kUnknown)
         return;
     // The PCR at the first byte of the input sample, and how far its time is from the sample's.
@@ -226,8 +224,6 @@ void PcrClocks::Slave(Clock& clock, const ArrivalRecord& arrival) {
     m_lock.Unlock();
     m_owner.NotifyClockChange(changed);
     m_lock.Lock();
-    if (!clock.inMap)
-        return;
     clock.correction = 0;
     clock.correctionSum = 0;
 }
@@ -238,7 +234,6 @@ void PcrClocks::DropStale(const std::vector<int32_t>& used) {
         if (!isStale(at->first)) {
             ++at;
         } else if (m_live) {
-            at->second->inMap = false;
             at = m_clocks.erase(at);
         } else {
             at->second->timeOrigin = kUnknown;

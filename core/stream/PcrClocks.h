@@ -104,26 +104,23 @@ public:
     void ForEach(Visitor visit) {
         CScopedLock lock(&m_lock);
         for (auto& [pid, clock] : m_clocks)
-            visit(static_cast<PcrClock&>(*clock));
+            visit(*clock);
     }
 
 private:
-    // Who goes on with a clock after the lock was released holds a reference and looks at the mark first.
-    struct Clock : PcrClock {
-        bool inMap = true;
-    };
-    using ClockPtr = std::shared_ptr<Clock>;
+    // Shared with whoever goes on with a clock after a notice, during which it may be deleted.
+    using ClockPtr = std::shared_ptr<PcrClock>;
 
     static constexpr uint8_t kClockFlags = 0x80 | 0x10;  // discontinuity_indicator, PCR_flag
 
     ClockPtr Lookup(int32_t pid) const OS_REQUIRES(m_lock);
     ClockPtr Insert(int32_t pid) OS_REQUIRES(m_lock);
     // False when there is nothing to go on with.
-    bool Discontinue(Clock& clock) OS_REQUIRES(m_lock);
+    bool Discontinue(PcrClock& clock) OS_REQUIRES(m_lock);
     void Anchor(PcrClock& clock, int64_t pcr, int64_t position, const ArrivalRecord& arrival) OS_REQUIRES(m_lock);
     // False when the clock is to be left as it is.
-    bool TakePcr(Clock& clock, int64_t pcr, int64_t position) OS_REQUIRES(m_lock);
-    void Slave(Clock& clock, const ArrivalRecord& arrival) OS_REQUIRES(m_lock);
+    bool TakePcr(PcrClock& clock, int64_t pcr, int64_t position) OS_REQUIRES(m_lock);
+    void Slave(PcrClock& clock, const ArrivalRecord& arrival) OS_REQUIRES(m_lock);
     void DropStale(const std::vector<int32_t>& used) OS_REQUIRES(m_lock);
     void NoteAwake() OS_REQUIRES(m_lock);
 

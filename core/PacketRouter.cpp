@@ -8,7 +8,14 @@
 
 namespace tessel {
 
-PacketRouter::PacketRouter() : m_lock("packet router", kRankLeaf), m_wanted(new Mask[kPidCount]()) {}
+namespace {
+
+constexpr int32_t kClockDiscontinuity = 1;
+
+}  // namespace
+
+PacketRouter::PacketRouter()
+    : m_lock("packet router", kRankLeaf), m_noticeLock("clock notices", kRankNotice), m_wanted(new Mask[kPidCount]()) {}
 
 int PacketRouter::IndexOf(const IPacketSink* sink) const {
     const auto end = m_sinks.begin() + static_cast<std::ptrdiff_t>(m_count);
@@ -17,6 +24,7 @@ int PacketRouter::IndexOf(const IPacketSink* sink) const {
 }
 
 bool PacketRouter::Attach(IPacketSink* sink) {
+    CScopedLock notices(&m_noticeLock);
     CScopedLock lock(&m_lock);
     if (m_count == kMaxSinks)
         return false;
@@ -27,6 +35,7 @@ bool PacketRouter::Attach(IPacketSink* sink) {
 }
 
 void PacketRouter::Detach(IPacketSink* sink) {
+    CScopedLock notices(&m_noticeLock);
     CScopedLock lock(&m_lock);
     const int index = IndexOf(sink);
     if (index < 0)
@@ -90,6 +99,28 @@ bool PacketRouter::Offer(uint32_t offered, const uint8_t* packet, const TsHeader
 void PacketRouter::OfferSection(const TsHeader& header, std::span<const uint8_t> section) {
     for (size_t index = 0; index < m_count; ++index)
         m_sinks[index]->DeliverSection(header, section);
+}
+
+std::vector<int32_t> PacketRouter::PcrPids() {
+    std::vector<int32_t> pids;
+    pids.reserve(kMaxSinks);
+    CScopedLock lock(&m_lock);
+    for (size_t index = 0; index < m_count; ++index)
+        pids.push_back(m_sinks[index]->GetPcrPid());
+    return pids;
+}
+
+void PacketRouter::NotifyDiscontinuity(int32_t pcrPid) {
+    CScopedLock notices(&m_noticeLock);
+    for (size_t index = 0; index < m_count; ++index)
+        if (m_sinks[index]->GetPcrPid() == pcrPid)
+            m_sinks[index]->NotifyDiscontinuity(kClockDiscontinuity, nullptr);
+}
+
+void PacketRouter::NotifyClockChange(const PcrClock& clock) {
+    CScopedLock notices(&m_noticeLock);
+    for (size_t index = 0; index < m_count; ++index)
+        m_sinks[index]->NotifyClockChange(clock, 0);
 }
 
 }  // namespace tessel

@@ -8,7 +8,9 @@
 #include <span>
 #include <vector>
 
+#include "core/stream/PcrClocks.h"
 #include "core/stream/TsHeader.h"
+#include "platform/com/Unknown.h"
 #include "platform/os/CritSec.h"
 
 namespace tessel {
@@ -23,6 +25,15 @@ public:
     virtual int DeliverSection(const TsHeader& header, std::span<const uint8_t> section) = 0;
     // The PIDs whose sections the sink asks for; their section filters come back after every reset.
     virtual std::vector<uint32_t> SectionPids() const { return {}; }
+
+    // The PID whose PCRs give the content its time; 0x1FFF or a negative value for none. Asked on any thread
+    // and under locks, so it takes none.
+    virtual int32_t GetPcrPid() const { return kNullPid; }
+    // Notices about the clock of that PID. They come from any thread, which may hold the lock of another
+    // content, so they take leaves only. mapping: null.
+    virtual void NotifyDiscontinuity(int32_t, IUnknown*) {}
+    // Comes for every clock; the content copies the one of its PID. immediate: 0.
+    virtual void NotifyClockChange(const PcrClock&, int32_t) {}
 
 protected:
     ~IPacketSink() = default;
@@ -53,8 +64,8 @@ public:
     // every one of them refused it or cannot take any.
     bool OfferPacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
                      bool pidHasSectionFilter) {
-        uint32_t offered = m_wanted[header.Pid()].load(std::memory_order_relaxed) |
-                           m_wantAll.load(std::memory_order_relaxed);
+        uint32_t offered =
+            m_wanted[header.Pid()].load(std::memory_order_relaxed) | m_wantAll.load(std::memory_order_relaxed);
         if (pidHasSectionFilter)
             offered |= m_wantTables.load(std::memory_order_relaxed);
         if (offered == 0) [[likely]]
@@ -63,6 +74,12 @@ public:
     }
 
     void OfferSection(const TsHeader& header, std::span<const uint8_t> section);
+
+    // What the program clocks ask of the sinks and tell them, in order of attachment, on any thread. A sink
+    // gets no notice after Detach returned.
+    std::vector<int32_t> PcrPids();
+    void NotifyDiscontinuity(int32_t pcrPid);
+    void NotifyClockChange(const PcrClock& clock);
 
 private:
     using Mask = std::atomic<uint16_t>;  // bit n: sink n
@@ -75,6 +92,8 @@ private:
     // Changes of the masks; the parser reads each mask alone, and a packet more or less at a change is as
     // if the change had come a packet earlier or later.
     CCritSec m_lock;
+    // Held during a notice, and outside m_lock while sinks come and go.
+    CCritSec m_noticeLock;
     std::array<IPacketSink*, kMaxSinks> m_sinks{};
     size_t m_count = 0;
     std::unique_ptr<Mask[]> m_wanted;  // by PID

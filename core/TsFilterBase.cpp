@@ -47,6 +47,7 @@ CTsFilterBase::CTsFilterBase(const char* name, int32_t requestedCapacity)
     : CUnknown(name, nullptr),
       m_tableLock("tables", kRankTable),
       m_parser(requestedCapacity),
+      m_clocks(*this),
       m_sectionFilterSlots(new std::atomic<SectionFilter*>[kPidCount]()),
       m_tables(*this) {}
 
@@ -66,6 +67,7 @@ HRESULT CTsFilterBase::SetMode(StreamingMode mode, int32_t parameter) {
     m_mode = mode;
     m_modeParameter = mode == StreamingMode::kLive ? 1 : parameter;
     m_modeName = NameOfMode(mode);
+    m_clocks.SetLive(mode == StreamingMode::kLive);
 
     CScopedLock lock(&m_tableLock);
     const bool decoders =
@@ -116,6 +118,8 @@ int CTsFilterBase::ParsePacket(const uint8_t* packet) {
         adaptation = DecodeAdaptationFieldHeader(packet);
         if (adaptation.length > kMaxAdaptationFieldLength)
             return 0;
+        if (m_clocks.Wants(adaptation))
+            m_clocks.AdjustPcr(packet, header, adaptation, m_parser.StreamPosition(), m_parser.CurrentArrival());
     }
 
     const bool hasSectionFilter = m_sectionFilterSlots[pid].load(std::memory_order_acquire) != nullptr;
@@ -161,6 +165,19 @@ HRESULT CTsFilterBase::DispatchSection(std::span<const uint8_t> section) {
     return S_OK;
 }
 
+// The clocks call this with their lock held, which the interface between them cannot say.
+HRESULT CTsFilterBase::SetPcrDiscont(PcrClock& clock) OS_NO_THREAD_SAFETY_ANALYSIS {
+    return m_clocks.SetPcrDiscont(clock);
+}
+
+HRESULT CTsFilterBase::BeginPcrUpdate() {
+    return m_clocks.BeginUpdate(PcrClocks::Stale::kDrop);
+}
+
+HRESULT CTsFilterBase::EndPcrUpdate() {
+    return m_clocks.EndUpdate(PcrClocks::Stale::kDrop, PcrClocks::Missing::kMake);
+}
+
 void CTsFilterBase::InternalReset() {
     m_parser.FlushBuffer();
     CScopedLock lock(&m_tableLock);
@@ -184,7 +201,10 @@ HRESULT CTsFilterBase::__ResetTables() {
     std::vector<TableRecords> tables;
     std::vector<ComPtr<IUnknown>> services;
     CScopedLock lock(&m_tableLock);
+    // Under both locks, so that nobody meets the clocks of one stream with the tables of another.
+    CScopedLock clocks(&m_clocks.Lock());
     tables = m_tables.Detach();
+    m_clocks.Clear();
     if (m_services)
         services = m_services->Detach();
     return S_OK;

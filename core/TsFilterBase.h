@@ -1,8 +1,9 @@
-// The common base of the filters: owns the parser, the section filters, the table store, the service
-// list and the output hooks, and wires them.
+// The common base of the filters: owns the parser, the program clocks, the section filters, the table
+// store, the service list and the output hooks, and wires them.
 //
 // One thread at a time feeds and parses; the filters see to that with their streaming lock. The table
-// lock guards section filters, table store and service list, so clients may read those at any time.
+// lock guards section filters, table store and service list, so clients may read those at any time. The
+// program clocks have the PCR lock.
 #pragma once
 
 #include <array>
@@ -11,6 +12,7 @@
 
 #include "core/PacketRouter.h"
 #include "core/stream/PacketParser.h"
+#include "core/stream/PcrClocks.h"
 #include "core/stream/PidStatus.h"
 #include "platform/com/Unknown.h"
 #include "platform/os/CritSec.h"
@@ -30,6 +32,7 @@ enum class StreamingMode : int32_t {
 class CTsFilterBase : public CUnknown,
                       public ITableDecoder,
                       private IPacketHandler,
+                      private IPcrClockOwner,
                       private ITableStoreEvents,
                       private IServiceListOwner {
 public:
@@ -69,13 +72,21 @@ public:
     const PacketParser& Parser() const { return m_parser; }
     const PidStatusBits& PidStatus() const { return m_pidStatus; }
     PacketRouter& Router() { return m_router; }
+    PcrClocks& Clocks() { return m_clocks; }
     // Null before SetMode.
     CDvbServices* Services() { return m_services.get(); }
     uint32_t CurrentTransportStreamId() const { return m_currentTransportStreamId.load(std::memory_order_relaxed); }
     // Every current table, by table_id and key.
     std::vector<TableStore::Version> TableVersions();
 
-    // Throws away buffered bytes, PID status, tables, services and section filters, and puts the default
+    // A jump of a clock; called with the PCR lock held once. Contents go through Clocks().SetPcrDiscont.
+    HRESULT SetPcrDiscont(PcrClock& clock) override;
+    // Around every change of what an output wants. Stale clocks are dropped, and the last end makes a clock for
+    // every output's PCR PID that has none.
+    virtual HRESULT BeginPcrUpdate();
+    virtual HRESULT EndPcrUpdate();
+
+    // Throws away buffered bytes, PID status, clocks, tables, services and section filters, and puts the default
     // section filters back.
     virtual void InternalReset();
 
@@ -98,7 +109,7 @@ protected:
     HRESULT OnTableStale(uint32_t tableId, uint32_t key) override;
 
     // Stream time while running, else 0.
-    virtual REFERENCE_TIME CurrentStreamTime() { return 0; }
+    REFERENCE_TIME CurrentStreamTime() override { return 0; }
 
     CCritSec& TableLock() OS_RETURN_CAPABILITY(m_tableLock) { return m_tableLock; }
 
@@ -111,6 +122,9 @@ private:
     HRESULT DispatchSection(std::span<const uint8_t> section);
     void DeleteSectionFilters(uint32_t firstPid) OS_REQUIRES(m_tableLock);
     void InstallSectionFilters(DefaultFilters which);
+    std::vector<int32_t> PcrPids() override { return m_router.PcrPids(); }
+    void NotifyDiscontinuity(int32_t pcrPid) override { m_router.NotifyDiscontinuity(pcrPid); }
+    void NotifyClockChange(const PcrClock& clock) override { m_router.NotifyClockChange(clock); }
     bool IsPidPresent(uint32_t pid) const override { return pid < kPidCount && m_pidStatus.IsPresent(pid); }
 
     CCritSec m_tableLock;
@@ -124,6 +138,7 @@ private:
     PacketParser m_parser;
     PidStatusBits m_pidStatus;
     PacketRouter m_router;
+    PcrClocks m_clocks;
 
     // Set under the table lock. The parser asks whether a slot is occupied without it: filters are deleted
     // only while the parser stands still, and one added a packet later is as good.

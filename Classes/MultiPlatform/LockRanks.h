@@ -15,6 +15,7 @@ enum LockRank {
     kRankPin = 60,          // a pin's content, thread and flags
     kRankPinMap = 70,       // changes of a pin's PID map
     kRankContent = 80,      // a content's buffer and queues
+    kRankNotice = 85,       // notices about clocks to the outputs
     kRankPcr = 90,          // PCR clocks
     kRankLeaf = 100,        // lists, counters, queues: taken last, held briefly
 };

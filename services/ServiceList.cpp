@@ -148,7 +148,6 @@ HRESULT CDvbServices::GetTableAs(uint32_t tableId, uint32_t key, ComPtr<I>& tabl
     return table ? S_OK : E_FAIL;
 }
 
-
 ComPtr<_IDvbService> CDvbServices::FindService(uint32_t programNumber) {
     const auto key = static_cast<int32_t>(programNumber);
     if (!m_services)
@@ -248,7 +247,8 @@ void CDvbServices::ApplyServiceDescription(IDvbServiceDescription* entry) {
         uint32_t serviceType = 0;
         CBstr name;
         CBstr provider;
-        if (SUCCEEDED(description->GetServiceType(&serviceType)) && SUCCEEDED(description->GetServiceName(name.Put())) &&
+        if (SUCCEEDED(description->GetServiceType(&serviceType)) &&
+            SUCCEEDED(description->GetServiceName(name.Put())) &&
             SUCCEEDED(description->GetProviderName(provider.Put()))) {
             service->SetParam(param::kServiceType, serviceType);
             service->SetStringParam(param::kServiceName, name.Get());

@@ -42,8 +42,8 @@ uint32_t Mpeg2Crc32(std::span<const uint8_t> bytes) {
         // The CRC so far is carried by the first four bytes; the sixteen look-ups wait for nothing else.
         const uint8_t* const p = bytes.data();
         const auto at = [p](size_t i) { return kTables[kSlices - 1 - i][p[i]]; };
-        const uint32_t tail = at(4) ^ at(5) ^ at(6) ^ at(7) ^ at(8) ^ at(9) ^ at(10) ^ at(11) ^ at(12) ^ at(13) ^
-                              at(14) ^ at(15);
+        const uint32_t tail =
+            at(4) ^ at(5) ^ at(6) ^ at(7) ^ at(8) ^ at(9) ^ at(10) ^ at(11) ^ at(12) ^ at(13) ^ at(14) ^ at(15);
         crc ^= static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
                static_cast<uint32_t>(p[2]) << 8 | p[3];
         crc = kTables[15][crc >> 24] ^ kTables[14][crc >> 16 & 0xFF] ^ kTables[13][crc >> 8 & 0xFF] ^

@@ -6,8 +6,8 @@
 namespace tessel {
 
 DvbProgramAssociationTable::DvbProgramAssociationTable()
-    : DvbTableObject("DvbProgramAssociationTable", kProgramAssociationTable), m_associations(MakeObject<DvbMapping>()) {
-}
+    : DvbTableObject("DvbProgramAssociationTable", kProgramAssociationTable),
+      m_associations(MakeObject<DvbMapping>()) {}
 
 HRESULT DvbProgramAssociationTable::ParseSection(uint32_t tableId, uint32_t tableIdExtension,
                                                  std::span<const uint8_t> payload) {

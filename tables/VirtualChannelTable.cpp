@@ -47,12 +47,18 @@ HRESULT VirtualChannel::GetParam(uint32_t id, uint32_t* out) {
         uint32_t id;
         uint32_t value;
     } fields[] = {
-        {param::kMajorChannel, m_majorChannelNumber},   {param::kMinorChannel, m_minorChannelNumber},
-        {param::kModulationMode, m_modulationMode},     {param::kCarrierFrequency, m_carrierFrequency},
-        {param::kChannelTsid, m_channelTsid},           {param::kProgramNumber, m_programNumber},
-        {param::kEtmLocation, m_etmLocation},           {param::kAccessControlled, m_accessControlled},
-        {param::kHidden, m_hidden},                     {param::kHideGuide, m_hideGuide},
-        {param::kServiceType, m_serviceType},           {param::kSourceId, m_sourceId},
+        {param::kMajorChannel, m_majorChannelNumber},
+        {param::kMinorChannel, m_minorChannelNumber},
+        {param::kModulationMode, m_modulationMode},
+        {param::kCarrierFrequency, m_carrierFrequency},
+        {param::kChannelTsid, m_channelTsid},
+        {param::kProgramNumber, m_programNumber},
+        {param::kEtmLocation, m_etmLocation},
+        {param::kAccessControlled, m_accessControlled},
+        {param::kHidden, m_hidden},
+        {param::kHideGuide, m_hideGuide},
+        {param::kServiceType, m_serviceType},
+        {param::kSourceId, m_sourceId},
     };
     for (const auto& field : fields)
         if (field.id == id)

@@ -1,0 +1,57 @@
+// The sample of CMemAllocator.
+#pragma once
+
+#include <atomic>
+#include <optional>
+
+#include "platform/media/Allocator.h"
+
+// It belongs to its allocator, which it gets back to when nobody refers to it any more.
+class CMediaSample : public IMediaSample {
+public:
+    // allocator holds the sample and its memory, and lives while a reference is out.
+    CMediaSample(IMemAllocator* allocator, uint8_t* buffer, LONG size)
+        : m_allocator(allocator), m_buffer(buffer), m_size(size), m_length(size) {}
+    virtual ~CMediaSample() = default;
+
+    CMediaSample(const CMediaSample&) = delete;
+    CMediaSample& operator=(const CMediaSample&) = delete;
+
+    HRESULT QueryInterface(const IID& iid, void** out) override;
+    ULONG AddRef() override;
+    ULONG Release() override;
+
+    HRESULT GetPointer(uint8_t** out) override;
+    LONG GetSize() override { return m_size; }
+    HRESULT GetTime(REFERENCE_TIME* start, REFERENCE_TIME* end) override;
+    HRESULT SetTime(const REFERENCE_TIME* start, const REFERENCE_TIME* end) override;
+    HRESULT IsSyncPoint() override { return m_syncPoint ? S_OK : S_FALSE; }
+    HRESULT SetSyncPoint(BOOL set) override { return m_syncPoint = set != 0, S_OK; }
+    HRESULT IsPreroll() override { return m_preroll ? S_OK : S_FALSE; }
+    HRESULT SetPreroll(BOOL set) override { return m_preroll = set != 0, S_OK; }
+    LONG GetActualDataLength() override { return m_length; }
+    HRESULT SetActualDataLength(LONG length) override;
+    HRESULT GetMediaType(AM_MEDIA_TYPE** out) override;
+    HRESULT SetMediaType(const AM_MEDIA_TYPE* type) override;
+    HRESULT IsDiscontinuity() override { return m_discontinuity ? S_OK : S_FALSE; }
+    HRESULT SetDiscontinuity(BOOL set) override { return m_discontinuity = set != 0, S_OK; }
+    HRESULT GetMediaTime(int64_t* start, int64_t* end) override;
+    HRESULT SetMediaTime(const int64_t* start, const int64_t* end) override;
+
+private:
+    IMemAllocator* const m_allocator;
+    uint8_t* const m_buffer;
+    const LONG m_size;
+    std::atomic<int32_t> m_references{0};
+
+    // Back to these values with every round.
+    LONG m_length;
+    std::optional<REFERENCE_TIME> m_start;
+    std::optional<REFERENCE_TIME> m_end;
+    std::optional<int64_t> m_mediaStart;
+    int64_t m_mediaEnd = 0;
+    bool m_syncPoint = false;
+    bool m_preroll = false;
+    bool m_discontinuity = false;
+    CMediaType m_type;
+};

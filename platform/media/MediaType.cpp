@@ -54,6 +54,15 @@ bool operator==(const AM_MEDIA_TYPE& a, const AM_MEDIA_TYPE& b) {
            a.cbFormat == b.cbFormat && std::equal(a.pbFormat, a.pbFormat + a.cbFormat, b.pbFormat);
 }
 
+bool MatchesPartial(const AM_MEDIA_TYPE& type, const AM_MEDIA_TYPE& partial) {
+    const auto agree = [](const GUID& open, const GUID& is) { return open == GUID_NULL || open == is; };
+    if (!agree(partial.majortype, type.majortype) || !agree(partial.subtype, type.subtype))
+        return false;
+    return partial.formattype == GUID_NULL ||
+           (partial.formattype == type.formattype && partial.cbFormat == type.cbFormat &&
+            std::equal(type.pbFormat, type.pbFormat + type.cbFormat, partial.pbFormat));
+}
+
 HRESULT CMediaType::Set(const AM_MEDIA_TYPE& source) {
     if (&source == this)
         return S_OK;
@@ -70,13 +79,4 @@ HRESULT CMediaType::SetFormat(const uint8_t* format, ULONG length) {
     if (SUCCEEDED(result))
         *this = std::move(copy);
     return result;
-}
-
-bool CMediaType::MatchesPartial(const AM_MEDIA_TYPE& partial) const {
-    if (partial.majortype != GUID_NULL && partial.majortype != majortype)
-        return false;
-    if (partial.subtype != GUID_NULL && partial.subtype != subtype)
-        return false;
-    return partial.formattype == GUID_NULL || (partial.formattype == formattype && partial.cbFormat == cbFormat &&
-                                               std::equal(pbFormat, pbFormat + cbFormat, partial.pbFormat));
 }

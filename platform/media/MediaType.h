@@ -52,6 +52,8 @@ void DeleteMediaType(AM_MEDIA_TYPE* type);
 
 // Major type, subtype, format type and format block are the same.
 bool operator==(const AM_MEDIA_TYPE& a, const AM_MEDIA_TYPE& b);
+// Does type agree with what partial says, which may leave fields at GUID_NULL open?
+bool MatchesPartial(const AM_MEDIA_TYPE& type, const AM_MEDIA_TYPE& partial);
 
 class CMediaType : public AM_MEDIA_TYPE {
 public:
@@ -71,8 +73,6 @@ public:
     bool IsValid() const { return majortype != GUID_NULL; }
     // Major type or format type are open.
     bool IsPartiallySpecified() const { return majortype == GUID_NULL || formattype == GUID_NULL; }
-    // Does this type agree with what partial says and leaves open?
-    bool MatchesPartial(const AM_MEDIA_TYPE& partial) const;
 
 private:
     AM_MEDIA_TYPE& Plain() { return *this; }

@@ -346,6 +346,7 @@ TEST(AudioFrames, FramesAreConfirmedCorrectedOrPassedOver) {
         {"a header's bytes behind", ac3, AC3(0, 8).Frame(262), {S_OK, 0, 256, 1536, false}},
         {"a byte more and no sync word", ac3, AC3(0, 8).Frame(263), kNone},
         {"four bytes short", ac3, Join({AC3(0, 8).Frame(252), a}), {S_OK, 0, 252, 1536, true}},
+        {"half a swapped sync word at the end", ac3, Join({AC3(0, 8).Frame(256, 0x77), a}), {S_OK, 0, 256, 1536, true}},
         {"five bytes short", ac3, Join({AC3(0, 8).Frame(251), a, a}), {S_OK, 251, 256, 1536, false}},
         {"22 bytes longer", ac3, Join({AC3(0, 8).Frame(278), a}), {S_OK, 0, 278, 1536, true}},
         {"23 bytes longer", ac3, Join({AC3(0, 8).Frame(279), a, a}), {S_OK, 279, 256, 1536, false}},

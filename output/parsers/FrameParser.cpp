@@ -88,10 +88,11 @@ bool FrameParser::DecodeNext(Bytes* bytes) {
     return true;
 }
 
-// The distance to the next sync word when it stands near the end that the header tells. Encoders pad
-// frames in ways that the header does not tell.
+// The distance to the next sync word when it stands near the end that the header tells: encoders pad
+// frames in ways that it does not tell. A sync word at that very end comes first, for one byte before it a
+// swapped one seems to begin whenever a frame's last byte is 0x77.
 size_t FrameParser::CorrectedLength(Bytes bytes, size_t length) const {
-    if (length + HeaderBytes() >= bytes.size())
+    if (length + HeaderBytes() >= bytes.size() || SyncOffset(bytes.subspan(length, HeaderBytes())))
         return length;
     // A sync word inside the header would be the header's own.
     const size_t from = std::max(length, kSearchBefore + HeaderBytes()) - kSearchBefore;

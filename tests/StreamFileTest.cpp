@@ -97,7 +97,7 @@ public:
 class StreamFile : public testing::Test {
 protected:
     StreamFile() {
-        std::string name = (fs::temp_directory_path() / "tessel-XXXXXX").string();
+        std::string name = (fs::temp_directory_path() / ("tessel-" + std::string(6, 'X'))).string();
         EXPECT_NE(mkdtemp(name.data()), nullptr);
         m_folder = name;
     }

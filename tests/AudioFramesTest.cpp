@@ -1,0 +1,461 @@
+// Audio frames: sync words, headers, lengths and the walk that adds up durations.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "output/parsers/AC3Parser.h"
+#include "output/parsers/AudioFrameWalk.h"
+#include "output/parsers/MPAParser.h"
+#include "platform/media/MediaType.h"
+
+namespace tessel::cvneDataParser {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Writes fields, most significant bit first.
+class BitWriter {
+public:
+    BitWriter& Put(uint32_t value, uint32_t count) {
+        while (count-- > 0) {
+            if (m_used % 8 == 0)
+                m_bytes.push_back(0);
+            m_bytes.back() = static_cast<uint8_t>(m_bytes.back() | (value >> count & 1) << (7 - m_used++ % 8));
+        }
+        return *this;
+    }
+    // The bytes so far and then filling up to length.
+    Bytes Frame(size_t length, uint8_t filling = 0x55) const {
+        Bytes bytes(m_bytes);
+        bytes.resize(length, filling);
+        return bytes;
+    }
+
+private:
+    Bytes m_bytes;
+    size_t m_used = 0;
+};
+
+BitWriter AC3(uint32_t fscod, uint32_t frmsizecod, uint32_t bsid = 8, uint32_t bsmod = 0) {
+    return BitWriter().Put(0x0B77, 16).Put(0x1234, 16).Put(fscod, 2).Put(frmsizecod, 6).Put(bsid, 5).Put(bsmod, 3);
+}
+
+struct MPA {
+    uint32_t id = 1;
+    uint32_t layer = 2;
+    uint32_t index = 10;
+    uint32_t frequency = 1;
+    uint32_t padding = 0;
+    uint32_t mode = 0;
+
+    BitWriter Write() const {
+        BitWriter bits;
+        bits.Put(0xFFF, 12).Put(id, 1).Put(layer, 2).Put(1, 1);
+        bits.Put(index, 4).Put(frequency, 2).Put(padding, 1).Put(0, 1);
+        return bits.Put(mode, 2).Put(0, 6);
+    }
+    Bytes Frame(size_t length) const { return Write().Frame(length); }
+};
+constexpr uint32_t kMPALength = 576;  // of the defaults: layer II, 192 kbit/s at 48 kHz
+
+Bytes Swapped(Bytes bytes) {
+    for (size_t i = 0; i + 1 < bytes.size(); i += 2)
+        std::swap(bytes[i], bytes[i + 1]);
+    return bytes;
+}
+
+Bytes Join(std::initializer_list<Bytes> parts) {
+    Bytes whole;
+    for (const Bytes& part : parts)
+        whole.insert(whole.end(), part.begin(), part.end());
+    return whole;
+}
+
+struct Found {
+    HRESULT result;
+    ptrdiff_t offset;
+    uint32_t length;
+    uint32_t samples;
+    bool complete;
+
+    bool operator==(const Found&) const = default;
+    friend void PrintTo(const Found& f, std::ostream* os) {
+        *os << std::hex << f.result << std::dec << " at " << f.offset << ", " << f.length << " bytes, " << f.samples
+            << " samples, complete " << f.complete;
+    }
+};
+constexpr Found kNone{kNoSyncWord, 0, 0, 0, false};
+
+Found Find(CParserIfc& parser, const Bytes& bytes) {
+    const Bytes exact(bytes);  // no spare capacity: a read past the end is seen by the sanitizers
+    FrameRecord frame{exact.data(), 1, 2, 3, 4, 5};
+    BOOL complete = 7;
+    const HRESULT result = parser.FindFrame(exact.data(), static_cast<int32_t>(exact.size()), 0, &frame, &complete);
+    EXPECT_EQ(frame.flags, complete != 0 ? kFrameConfirmed : 0u);
+    EXPECT_EQ(frame.count, result == S_OK ? 1u : 0u);
+    EXPECT_EQ(frame.reserved, 0u);
+    EXPECT_EQ(frame.start == nullptr, result != S_OK);
+    return {result, frame.start != nullptr ? frame.start - exact.data() : 0, frame.length, frame.samplesPerFrame,
+            complete != 0};
+}
+
+const WAVEFORMATEX& FormatOf(FrameParser& parser, const Bytes& bytes) {
+    EXPECT_EQ(parser.ParseFormat(bytes.data(), static_cast<int32_t>(bytes.size())), S_OK);
+    return parser.Format();
+}
+
+// The nominal bit rates in kbit/s as runs of equal steps, which is how the standards' tables are made.
+uint32_t Octaves(uint32_t i) {  // 32 40 48 56, 64 80 96 112, 128 ...
+    return (4 + i % 4) << (3 + i / 4);
+}
+uint32_t AC3Rate(uint32_t i) {
+    return i < 16 ? Octaves(i) : 512 + 64 * (i - 16);
+}
+uint32_t MPARate(uint32_t id, uint32_t layer, uint32_t i) {
+    if (layer == 3 && id == 1)
+        return 32 * i;
+    if (layer == 3)
+        return i == 1 ? 32 : i <= 4 ? 40 + 8 * (i - 1) : i <= 12 ? 16 * i : 32 * (i - 6);
+    if (id == 0)
+        return i <= 8 ? 8 * i : 16 * (i - 4);
+    return layer == 2 && i > 1 ? Octaves(i) : Octaves(i - 1);
+}
+
+TEST(AudioFrames, AC3LengthsAreThoseOfTheBitRates) {
+    const uint32_t rates[] = {48'000, 44'100, 32'000};
+    for (uint32_t fscod = 0; fscod < 3; ++fscod) {
+        for (uint32_t code = 0; code < 38; ++code) {
+            // A frame is 1536 samples; where its bits are no whole number of words, every other code rounds up.
+            const uint32_t bits = AC3Rate(code / 2) * 1000 * 96;  // per 16
+            const uint32_t words = bits / rates[fscod] + (bits % rates[fscod] != 0 ? code % 2 : 0);
+            const Bytes frame = AC3(fscod, code).Frame(2 * words);
+            for (const Bytes& bytes : {Join({frame, frame}), Swapped(Join({frame, frame}))}) {
+                CAC3Parser parser;
+                EXPECT_EQ(Find(parser, bytes), (Found{S_OK, 0, 2 * words, 1536, true})) << fscod << " " << code;
+                EXPECT_EQ(parser.Format().nSamplesPerSec, rates[fscod]);
+                EXPECT_EQ(parser.Header().byteSwapped, bytes[0] == 0x77 ? 1u : 0u);
+                EXPECT_EQ(parser.Header().frmsizecod, code);
+            }
+        }
+    }
+    CAC3Parser parser;
+    EXPECT_EQ(Find(parser, AC3(1, 37).Frame(2788)), (Found{S_OK, 0, 2788, 1536, false}));
+    EXPECT_EQ(Find(parser, AC3(0, 37).Frame(2560)), (Found{S_OK, 0, 2560, 1536, false}));
+}
+
+TEST(AudioFrames, MPEGLengthsAreThoseOfTheBitRates) {
+    const uint32_t rates[] = {44'100, 48'000, 32'000};
+    for (uint32_t id = 0; id < 2; ++id) {
+        for (uint32_t layer = 1; layer < 4; ++layer) {
+            for (uint32_t n = 0; n < 14 * 3 * 2; ++n) {
+                const uint32_t index = 1 + n % 14, frequency = n / 14 % 3, padding = n / 42;
+                const uint32_t rate = rates[frequency] / (2 - id);
+                const uint32_t samples = layer == 3 ? 384 : 1152;
+                const uint32_t length =
+                    MPARate(id, layer, index) * 1000 * (samples / 8) / rate + padding * (layer == 3 ? 4 : 1);
+                const Bytes frame = MPA{id, layer, index, frequency, padding}.Frame(length);
+                CMPAParser parser;
+                EXPECT_EQ(Find(parser, Join({frame, frame})), (Found{S_OK, 0, length, samples, true}))
+                    << id << " " << layer << " " << index << " " << frequency << " " << padding;
+                EXPECT_EQ(parser.Format().nSamplesPerSec, rate);
+            }
+        }
+    }
+    CMPAParser parser;
+    EXPECT_EQ(Find(parser, MPA().Frame(576)), (Found{S_OK, 0, 576, 1152, false}));
+    EXPECT_EQ(Find(parser, MPA{1, 3, 1, 0}.Frame(34)), (Found{S_OK, 0, 34, 384, false}));
+}
+
+TEST(AudioFrames, ImpossibleHeadersAreNoSyncWords) {
+    CAC3Parser ac3;
+    CMPAParser mpa;
+    struct Case {
+        const char* what;
+        FrameParser& parser;
+        Bytes bytes;
+        ptrdiff_t offset;  // -1: none
+    };
+    const Case cases[] = {
+        {"reserved sampling rate", ac3, AC3(3, 0).Frame(8), -1},
+        {"reserved sampling rate, swapped", ac3, Swapped(AC3(3, 0).Frame(8)), -1},
+        {"frame size code 38", ac3, AC3(0, 38).Frame(8), -1},
+        {"frame size code 38, swapped", ac3, Swapped(AC3(0, 38).Frame(8)), -1},
+        {"only five bytes", ac3, AC3(0, 0).Frame(5), -1},
+        {"all six", ac3, AC3(0, 0).Frame(6), 0},
+        {"all six, swapped", ac3, Swapped(AC3(0, 0).Frame(6)), 0},
+        {"behind an impossible one", ac3, Join({AC3(0, 63).Frame(7), Swapped(AC3(2, 37).Frame(6))}), 7},
+        {"nothing", ac3, {}, -1},
+        {"forbidden bit rate", mpa, MPA{1, 2, 15}.Frame(8), -1},
+        {"reserved sampling frequency", mpa, MPA{1, 2, 10, 3}.Frame(8), -1},
+        {"a sync word of eleven bits", mpa, {0xFF, 0xE5, 0xA4, 0, 0}, -1},
+        {"only three bytes", mpa, MPA().Frame(3), -1},
+        {"all four", mpa, MPA().Frame(4), 0},
+        {"free format", mpa, MPA{1, 2, 0}.Frame(4), 0},
+        {"behind an impossible one", mpa, Join({MPA{1, 2, 15}.Frame(5), MPA().Frame(4)}), 5},
+        {"in a run of ones", mpa, Join({Bytes(9, 0xFF), MPA().Frame(4)}), 9},
+        {"nothing", mpa, {}, -1},
+    };
+    for (const Case& c : cases) {
+        const Bytes exact(c.bytes);
+        const uint8_t none = 0;
+        const uint8_t* const start = exact.empty() ? &none : exact.data();
+        const uint8_t* data = start;
+        auto length = static_cast<int32_t>(exact.size());
+        const ptrdiff_t skipped = std::max<ptrdiff_t>(c.offset, 0);
+        EXPECT_EQ(c.parser.FindSync(&data, &length), c.offset < 0 ? E_FAIL : S_OK) << c.what;
+        EXPECT_EQ(data - start, skipped) << c.what;
+        EXPECT_EQ(length, static_cast<int32_t>(exact.size()) - skipped) << c.what;
+        EXPECT_EQ(c.parser.ParseFormat(start, static_cast<int32_t>(exact.size())), c.offset < 0 ? kNoSyncWord : S_OK)
+            << c.what;
+    }
+}
+
+TEST(AudioFrames, MissingPointersAndNegativeLengthsAreRefused) {
+    CMPAParser parser;
+    const Bytes bytes = MPA().Frame(8);
+    const uint8_t* data = bytes.data();
+    const uint8_t* null = nullptr;
+    int32_t length = -8;
+    FrameRecord frame;
+    BOOL complete = 1;
+    EXPECT_EQ(parser.FindSync(&data, &length), E_FAIL);
+    EXPECT_EQ(parser.FindSync(&null, &length), E_POINTER);
+    EXPECT_EQ(parser.FindSync(nullptr, &length), E_POINTER);
+    EXPECT_EQ(parser.FindSync(&data, nullptr), E_POINTER);
+    EXPECT_EQ(parser.ParseFormat(data, -8), kNoSyncWord);
+    EXPECT_EQ(parser.ParseFormat(nullptr, 8), E_POINTER);
+    EXPECT_EQ(parser.FindFrame(data, -8, 0, &frame, &complete), kNoSyncWord);
+    EXPECT_EQ(parser.FindFrame(nullptr, 8, 0, &frame, &complete), E_POINTER);
+    EXPECT_EQ(parser.FindFrame(data, 8, 0, nullptr, &complete), E_POINTER);
+    EXPECT_EQ(parser.FindFrame(data, 8, 0, &frame, nullptr), E_POINTER);
+    EXPECT_EQ(complete, 0);
+}
+
+TEST(AudioFrames, AC3InformationHasEachFieldInItsPlace) {
+    // Every optional field, for two mono channels.
+    BitWriter full = AC3(2, 10, 9, 5);
+    full.Put(0, 3).Put(1, 1);
+    full.Put(27, 5).Put(1, 1).Put(0xA5, 8).Put(1, 1).Put(0x09, 8).Put(1, 1).Put(21, 5).Put(2, 2);
+    full.Put(31, 5).Put(1, 1).Put(0x5A, 8).Put(1, 1).Put(0x7F, 8).Put(1, 1).Put(10, 5).Put(1, 2);
+    full.Put(0, 1).Put(1, 1);
+    full.Put(1, 1).Put(23, 5).Put(59, 6).Put(7, 3);
+    full.Put(1, 1).Put(7, 3).Put(29, 5).Put(63, 6);
+    for (const Bytes& bytes : {full.Frame(20), Swapped(full.Frame(20))}) {
+        CAC3Parser parser;
+        EXPECT_EQ(FormatOf(parser, bytes).nChannels, 3);
+        const AC3Header& h = parser.Header();
+        const uint32_t fields[] = {h.bsiValid,  h.fscod,     h.frmsizecod, h.bsid,      h.bsmod,     h.acmod,
+                                   h.cmixlev,   h.surmixlev, h.dsurmod,    h.lfeon,     h.dialnorm,  h.compre,
+                                   h.compr,     h.langcode,  h.langcod,    h.audprodie, h.mixlevel,  h.roomtyp,
+                                   h.dialnorm2, h.compr2e,   h.compr2,     h.langcod2e, h.langcod2,  h.audprodi2e,
+                                   h.mixlevel2, h.roomtyp2,  h.copyrightb, h.origbs,    h.timecod1e, h.timecod2e};
+        const uint32_t expected[] = {1, 2,  10, 9,  5, 0,    3, 3,    0, 1,  27, 1, 0xA5, 1, 9,
+                                     1, 21, 2,  31, 1, 0x5A, 1, 0x7F, 1, 10, 1,  0, 1,    1, 1};
+        EXPECT_TRUE(std::ranges::equal(fields, expected));
+        EXPECT_EQ(parser.TimeCode1(), ((23 * 60 + 59) * 60 + 56) * 10'000'000LL);
+        EXPECT_EQ(parser.TimeCode2(), 79'994'791);  // 7 + 29/30 + 63/1920 seconds
+    }
+
+    // A shorter one decoded by the same parser leaves nothing of the longer.
+    CAC3Parser parser;
+    FormatOf(parser, full.Frame(20));
+    const Bytes sparse = AC3(0, 8).Put(7, 3).Put(2, 2).Put(1, 2).Put(1, 1).Frame(20, 0);
+    FormatOf(parser, sparse);
+    EXPECT_EQ(parser.Header().cmixlev, 2u);
+    EXPECT_EQ(parser.Header().surmixlev, 1u);
+    EXPECT_EQ(parser.Header().lfeon, 1u);
+    EXPECT_EQ(parser.Header().compr, 0u);
+    EXPECT_EQ(parser.Header().dialnorm2, 0u);
+    EXPECT_EQ(parser.TimeCode1() + parser.TimeCode2(), 0);
+
+    // One byte short of the information.
+    FormatOf(parser, full.Frame(19));
+    EXPECT_EQ(parser.Header().bsiValid, 0u);
+    EXPECT_EQ(parser.Header().bsmod, 5u);
+    EXPECT_EQ(parser.Header().dialnorm, 0u);
+}
+
+TEST(AudioFrames, WaveFormatsDescribeTheDecodedAudio) {
+    struct Mode {
+        uint32_t mixBits;  // those between acmod and lfeon
+        uint16_t channels;
+    };
+    const Mode modes[] = {{0, 2}, {0, 1}, {2, 2}, {2, 3}, {2, 3}, {4, 4}, {2, 4}, {4, 5}};
+    CAC3Parser ac3;
+    for (uint32_t acmod = 0; acmod < 8; ++acmod) {
+        for (uint32_t lfeon = 0; lfeon < 2; ++lfeon) {
+            BitWriter bits = AC3(0, 8).Put(acmod, 3).Put(0, modes[acmod].mixBits).Put(lfeon, 1);
+            EXPECT_EQ(FormatOf(ac3, bits.Frame(20)).nChannels, modes[acmod].channels + lfeon) << acmod;
+        }
+    }
+    const uint32_t rates[3][3] = {{48'000, 24'000, 12'000}, {44'100, 22'050, 11'025}, {32'000, 16'000, 8'000}};
+    for (uint32_t fscod = 0; fscod < 3; ++fscod) {
+        for (uint32_t bsid = 8; bsid <= 10; ++bsid)
+            EXPECT_EQ(FormatOf(ac3, AC3(fscod, 8, bsid).Frame(20)).nSamplesPerSec, rates[fscod][bsid - 8]);
+    }
+
+    CMPAParser mpa;
+    for (uint32_t mode = 0; mode < 4; ++mode) {
+        const uint16_t channels = mode == 3 ? 1 : 2;
+        const WAVEFORMATEX& format = FormatOf(mpa, MPA{0, 1, 1, 0, 0, mode}.Frame(4));
+        EXPECT_EQ(format.wFormatTag, WAVE_FORMAT_PCM);
+        EXPECT_EQ(format.nChannels, channels);
+        EXPECT_EQ(format.nBlockAlign, 2 * channels);
+        EXPECT_EQ(format.nAvgBytesPerSec, 44'100u * channels);
+        EXPECT_EQ(format.wBitsPerSample, 16);
+        EXPECT_EQ(format.cbSize, 0);
+    }
+}
+
+TEST(AudioFrames, MPEGHeaderBitsHaveTheirPlacesInTheWord) {
+    // From the first bit behind the sync word on, where each of them goes.
+    const uint32_t places[] = {7, 6, 5, 4, 3, 2, 1, 0, 15, 14, 13, 12, 11, 10, 9, 8, 23, 22, 21, 20};
+    for (uint32_t i = 0; i < 20; ++i) {
+        CMPAParser parser;
+        FormatOf(parser, BitWriter().Put(0xFFF, 12).Put(1u << (19 - i), 20).Frame(4));
+        EXPECT_EQ(parser.Header().bits, 1u << places[i]) << i;
+    }
+    CMPAParser parser;
+    FormatOf(parser, {0xFF, 0xFB, 0xA7, 0x9E});
+    const MPAHeader& h = parser.Header();
+    const uint32_t fields[] = {
+        h.ID(),         h.Layer(), h.ProtectionBit(), h.BitrateIndex(), h.SamplingFrequency(), h.PaddingBit(),
+        h.PrivateBit(), h.Mode(),  h.ModeExtension(), h.Copyright(),    h.OriginalCopy(),      h.Emphasis()};
+    const uint32_t expected[] = {1, 1, 1, 10, 1, 1, 1, 2, 1, 1, 1, 2};
+    EXPECT_TRUE(std::ranges::equal(fields, expected));
+}
+
+TEST(AudioFrames, FramesAreConfirmedCorrectedOrPassedOver) {
+    CAC3Parser ac3;
+    CMPAParser mpa;
+    const Bytes a = AC3(0, 8).Frame(256);
+    const Bytes m = MPA().Frame(kMPALength);
+    const Bytes junk(40, 0x55);
+    struct Case {
+        const char* what;
+        FrameParser& parser;
+        Bytes bytes;
+        Found found;
+    };
+    const Case cases[] = {
+        {"junk in front", ac3, Join({junk, a, a}), {S_OK, 40, 256, 1536, true}},
+        {"an odd shift", ac3, Join({Bytes(3), Swapped(Join({a, a}))}), {S_OK, 3, 256, 1536, true}},
+        {"cut short", ac3, AC3(0, 8).Frame(100), {S_OK, 0, 100, 1536, false}},
+        {"a header's bytes behind", ac3, AC3(0, 8).Frame(262), {S_OK, 0, 256, 1536, false}},
+        {"a byte more and no sync word", ac3, AC3(0, 8).Frame(263), kNone},
+        {"four bytes short", ac3, Join({AC3(0, 8).Frame(252), a}), {S_OK, 0, 252, 1536, true}},
+        {"half a swapped sync word at the end", ac3, Join({AC3(0, 8).Frame(256, 0x77), a}), {S_OK, 0, 256, 1536, true}},
+        {"five bytes short", ac3, Join({AC3(0, 8).Frame(251), a, a}), {S_OK, 251, 256, 1536, false}},
+        {"22 bytes longer", ac3, Join({AC3(0, 8).Frame(278), a}), {S_OK, 0, 278, 1536, true}},
+        {"23 bytes longer", ac3, Join({AC3(0, 8).Frame(279), a, a}), {S_OK, 279, 256, 1536, false}},
+        {"a false sync word in front", ac3, Join({AC3(1, 0).Frame(10), a, a}), {S_OK, 10, 256, 1536, true}},
+
+        {"junk in front", mpa, Join({junk, m, m}), {S_OK, 40, kMPALength, 1152, true}},
+        {"cut short", mpa, MPA().Frame(100), {S_OK, 0, 100, 1152, false}},
+        {"only a header", mpa, MPA().Frame(4), {S_OK, 0, 4, 1152, false}},
+        {"a header's bytes behind", mpa, MPA().Frame(580), {S_OK, 0, kMPALength, 1152, false}},
+        {"a byte more and no sync word", mpa, MPA().Frame(581), kNone},
+        {"a header behind", mpa, Join({m, MPA().Frame(5)}), {S_OK, 0, kMPALength, 1152, true}},
+        {"four bytes short", mpa, Join({MPA().Frame(572), m}), {S_OK, 0, 572, 1152, true}},
+        {"24 bytes longer", mpa, Join({MPA().Frame(600), m}), {S_OK, 0, 600, 1152, true}},
+        {"a whole slot of layer I",
+         mpa,
+         Join({MPA{1, 3, 1, 0}.Frame(32), MPA{1, 3, 1, 0}.Frame(32)}),
+         {S_OK, 0, 32, 384, true}},
+        {"free format", mpa, Join({MPA{1, 2, 0}.Frame(20), MPA{1, 2, 0}.Frame(20)}), kNone},
+        {"free format in front", mpa, Join({MPA{1, 2, 0}.Frame(20), m, m}), {S_OK, 20, kMPALength, 1152, true}},
+        {"the reserved layer", mpa, Join({MPA{1, 0}.Frame(20), m, m}), {S_OK, 20, kMPALength, 1152, true}},
+        {"cut by the narrowed search", mpa, Join({MPA{1, 2, 1}.Frame(200), m}), {S_OK, 200, 480, 1152, false}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(Find(c.parser, c.bytes), c.found);
+    }
+}
+
+// What a walk makes of payloads of so many bytes.
+REFERENCE_TIME TimeOf(FrameParser& parser, const Bytes& bytes, size_t step) {
+    AudioFrameWalk walk(parser);
+    for (size_t i = 0; i < bytes.size(); i += step) {
+        const Bytes payload(bytes.begin() + static_cast<ptrdiff_t>(i),
+                            bytes.begin() + static_cast<ptrdiff_t>(std::min(bytes.size(), i + step)));
+        EXPECT_EQ(walk.Append(payload), S_OK);
+    }
+    return walk.Time();
+}
+
+TEST(AudioFrameWalk, AddsTheDurationsOfWholeFramesInPayloadsOfAnySize) {
+    CAC3Parser ac3;
+    CMPAParser mpa;
+    const Bytes a = AC3(1, 9).Frame(280);
+    const Bytes m = MPA().Frame(kMPALength);
+    const Bytes junk(40, 0x55);
+    constexpr REFERENCE_TIME kA = 348'299;  // 1536 samples at 44.1 kHz
+    constexpr REFERENCE_TIME kM = 240'000;
+    struct Case {
+        const char* what;
+        FrameParser& parser;
+        Bytes bytes;
+        REFERENCE_TIME time;
+    };
+    const Case cases[] = {
+        {"nothing", mpa, {}, 0},
+        {"junk", mpa, Join({junk, junk}), 0},
+        {"one whole frame", mpa, m, kM},
+        {"a frame but for its last byte", mpa, MPA().Frame(kMPALength - 1), 0},
+        {"a frame and the next's first byte", mpa, Join({m, {0xFF}}), 0},
+        {"a frame and the next's header", mpa, Join({m, MPA().Frame(5)}), kM},
+        {"frames and a half", mpa, Join({m, m, m, MPA().Frame(300)}), 3 * kM},
+        {"junk between frames", mpa, Join({m, m, junk, m, m}), 3 * kM},
+        {"a false sync word in front of frames", mpa, Join({MPA().Frame(10), m, m}), 2 * kM},
+        {"a false one close to the end", mpa, Join({MPA{1, 2, 1}.Frame(200), m}), kM},
+        {"free format", mpa, Join({MPA{1, 2, 0}.Frame(417), MPA{1, 2, 0}.Frame(417)}), 0},
+        {"a change of rate", mpa, Join({m, MPA{1, 2, 10, 2}.Frame(864), m}), kM + 360'000 + kM},
+        {"AC-3", ac3, Join({a, a, a}), 3 * kA},
+        {"swapped AC-3", ac3, Swapped(Join({a, a, AC3(1, 9).Frame(20)})), 2 * kA},
+        {"a swapped false sync word", ac3, Join({{0x77, 0x0B}, a, a}), 2 * kA},
+    };
+    for (const Case& c : cases) {
+        for (const size_t step : {size_t{20'480}, size_t{184}, size_t{7}})
+            EXPECT_EQ(TimeOf(c.parser, c.bytes, step), c.time) << c.what << " by " << step;
+    }
+}
+
+TEST(AudioFrameWalk, GoesOnForLongAndForgetsAtATimeStamp) {
+    CMPAParser parser;
+    Bytes hour;
+    for (int i = 0; i < 500; ++i)
+        hour = Join({std::move(hour), MPA().Frame(kMPALength)});
+    EXPECT_EQ(TimeOf(parser, hour, 184), 500 * 240'000);  // many times the cache
+
+    AudioFrameWalk walk(parser);
+    const Bytes half = MPA().Frame(300);
+    const Bytes full = MPA().Frame(kMPALength);
+    EXPECT_EQ(walk.Append(half), S_OK);
+    walk.Restart(-5'000'000);
+    EXPECT_EQ(walk.Append(full), S_OK);
+    EXPECT_EQ(walk.Time(), -5'000'000 + 240'000);
+
+    EXPECT_EQ(walk.Append(half), S_OK);
+    EXPECT_EQ(walk.Append(Bytes(AudioFrameWalk::kCacheSize - 299)), E_FAIL);
+    EXPECT_EQ(walk.Append(Bytes(full.begin() + 300, full.end())), S_OK);
+    EXPECT_EQ(walk.Time(), -5'000'000 + 2 * 240'000);
+}
+
+TEST(AudioFrameWalk, TheSubtypeChoosesTheParser) {
+    std::unique_ptr<FrameParser> parser;
+    EXPECT_EQ(CreateParser(MEDIASUBTYPE_DOLBY_AC3, &parser), S_OK);
+    EXPECT_EQ(parser->GetHeaderSize(), 6);
+    for (const GUID& subtype : {MEDIASUBTYPE_MPEG2_AUDIO, MEDIASUBTYPE_MPEG1Payload}) {
+        EXPECT_EQ(CreateParser(subtype, &parser), S_OK);
+        EXPECT_EQ(parser->GetHeaderSize(), 4);
+    }
+    EXPECT_EQ(CreateParser(MEDIASUBTYPE_AAC_AUDIO, &parser), S_FALSE);
+    EXPECT_FALSE(parser);
+    EXPECT_EQ(CreateParser(MEDIASUBTYPE_DOLBY_AC3, nullptr), E_POINTER);
+}
+
+}  // namespace
+}  // namespace tessel::cvneDataParser

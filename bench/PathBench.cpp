@@ -19,6 +19,13 @@ void ReportBytes(benchmark::State& state, const std::vector<uint8_t>& stream) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(stream.size()));
 }
 
+// Calls take(bytes, length) for the stream in pieces of kChunk.
+template <class Take>
+void InChunks(const std::vector<uint8_t>& stream, Take take) {
+    for (size_t at = 0; at < stream.size(); at += kChunk)
+        take(stream.data() + at, static_cast<int32_t>(std::min<size_t>(kChunk, stream.size() - at)));
+}
+
 // Reads the four header bytes of every packet and nothing else.
 void BareLoop(benchmark::State& state) {
     const auto& stream = SharedStream();
@@ -39,13 +46,10 @@ void InputCopy(benchmark::State& state) {
     PacketParser parser(PacketParser::kDefaultCapacity);
     parser.CreateBuffer();
     for (auto _ : state) {
-        const uint8_t* data = stream.data();
-        for (auto left = static_cast<int32_t>(stream.size()); left > 0;) {
-            int32_t chunk = std::min(left, kChunk);
-            left -= chunk;
-            parser.AddData(&data, &chunk);
+        InChunks(stream, [&](const uint8_t* data, int32_t length) {
+            parser.AddData(&data, &length);
             parser.FlushBuffer();
-        }
+        });
     }
     ReportBytes(state, stream);
 }
@@ -64,13 +68,10 @@ void SyncAndHeaderWalk(benchmark::State& state) {
     PacketParser parser(PacketParser::kDefaultCapacity);
     parser.CreateBuffer();
     for (auto _ : state) {
-        const uint8_t* data = stream.data();
-        for (auto left = static_cast<int32_t>(stream.size()); left > 0;) {
-            int32_t chunk = std::min(left, kChunk);
-            left -= chunk;
-            parser.AddData(&data, &chunk);
+        InChunks(stream, [&](const uint8_t* data, int32_t length) {
+            parser.AddData(&data, &length);
             parser.ParseData(handler);
-        }
+        });
         benchmark::DoNotOptimize(handler.sum);
     }
     ReportBytes(state, stream);
@@ -82,13 +83,10 @@ void WholePath(benchmark::State& state) {
     const auto filter = MakeObject<Filter>();
     for (auto _ : state) {
         filter->StartStreaming();
-        const uint8_t* data = stream.data();
-        for (auto left = static_cast<int32_t>(stream.size()); left > 0;) {
-            int32_t chunk = std::min(left, kChunk);
-            left -= chunk;
-            filter->AddData(&data, &chunk);
+        InChunks(stream, [&](const uint8_t* data, int32_t length) {
+            filter->AddData(&data, &length);
             filter->ParseData();
-        }
+        });
         if (filter->Services()->IsComplete() != S_OK)
             state.SkipWithError("the services did not come");
         filter->StopStreaming();

@@ -57,10 +57,10 @@ void InputCopy(benchmark::State& state) {
 // Input copy, sync and packet hand-off to a handler that reads the header.
 void SyncAndHeaderWalk(benchmark::State& state) {
     struct Handler final : IPacketHandler {
-        int ParsePacket(const uint8_t* packet) override {
+        Next ParsePacket(const uint8_t* packet) override {
             const TsHeader header = DecodeTsHeader(packet);
             sum += header.Pid() + header.ContinuityCounter();
-            return 0;
+            return Next::kGoOn;
         }
         uint32_t sum = 0;
     } handler;

@@ -43,27 +43,32 @@ std::unique_ptr<ITableFactory> MakeFactory() {
 
 }  // namespace
 
-CTsFilterBase::CTsFilterBase(const char* name, int32_t requestedCapacity)
-    : CUnknown(name, nullptr),
+CTsFilterBase::CTsFilterBase(const char* name, int32_t requestedCapacity, IUnknown* outer)
+    : CBaseFilter(name, outer, &m_stateLock, GUID_NULL),
+      m_streamingLock("streaming", kRankStreaming),
       m_tableLock("tables", kRankTable),
+      m_deliveryLock(std::make_shared<CDeliveryLock>()),
       m_parser(requestedCapacity),
       m_clocks(*this),
       m_sectionFilterSlots(new std::atomic<SectionFilter*>[kPidCount]()),
-      m_tables(*this) {}
+      m_tables(*this),
+      m_programs(std::make_shared<const ProgramMapTables>()) {}
 
 CTsFilterBase::~CTsFilterBase() {
+    Stop();
     __ResetTables();
-    CScopedLock lock(&m_tableLock);
-    DeleteSectionFilters(0);
-}
-
-HRESULT CTsFilterBase::NonDelegatingQueryInterface(const IID& iid, void** out) {
-    if (out != nullptr && iid == ITableDecoder::kIid)
-        return GetInterface<ITableDecoder>(this, out);
-    return CUnknown::NonDelegatingQueryInterface(iid, out);
+    {
+        CScopedLock lock(&m_tableLock);
+        DeleteSectionFilters(0);
+    }
+    for (const OutputPinPtr& pin : m_pins.All())
+        RemovePin(pin);
 }
 
 HRESULT CTsFilterBase::SetMode(StreamingMode mode, int32_t parameter) {
+    for (const OutputPinPtr& pin : m_pins.All())
+        RemovePin(pin);
+    m_pins.TakeAll();
     m_mode = mode;
     m_modeParameter = mode == StreamingMode::kLive ? 1 : parameter;
     m_modeName = NameOfMode(mode);
@@ -81,16 +86,23 @@ HRESULT CTsFilterBase::SetMode(StreamingMode mode, int32_t parameter) {
 }
 
 HRESULT CTsFilterBase::StartStreaming() {
-    const HRESULT result = m_parser.CreateBuffer();
-    if (FAILED(result))
-        return result;
-    InternalReset();
-    m_parser.ResetPositions();
-    m_streaming.store(true, std::memory_order_relaxed);
-    return S_OK;
+    HRESULT result = S_OK;
+    {
+        CScopedLock lock(&m_streamingLock);
+        result = m_parser.CreateBuffer();
+        if (FAILED(result))
+            return result;
+        InternalReset();
+        m_parser.ResetPositions();
+        m_ending = false;
+        m_streaming.store(true, std::memory_order_relaxed);
+    }
+    RunDeferred();
+    return result;
 }
 
 HRESULT CTsFilterBase::StopStreaming() {
+    CScopedLock lock(&m_streamingLock);
     if (m_streaming.exchange(false, std::memory_order_relaxed))
         m_parser.DestroyBuffer();
     return S_OK;
@@ -105,28 +117,52 @@ void CTsFilterBase::NoteArrival() {
         m_parser.NoteArrival(CurrentStreamTime());
 }
 
-int CTsFilterBase::ParsePacket(const uint8_t* packet) {
+HRESULT CTsFilterBase::ParseData() {
+    if (!TakeParseTurn())
+        return S_FALSE;
+    HRESULT result = kParsePaused;
+    while (result == kParsePaused) {
+        {
+            CScopedLock lock(&m_streamingLock);
+            result = m_parser.ParseData(*this);
+            // The bytes that the outputs noted may move when the lock is released.
+            m_router.FlushPackets();
+            if (result != kParsePaused)
+                m_router.SignalDelivery();
+        }
+        RunDeferred();
+    }
+    m_parseTurn.Release();
+    return result;
+}
+
+CTsFilterBase::Next CTsFilterBase::ParsePacket(const uint8_t* packet) {
     const TsHeader header = DecodeTsHeader(packet);
     const uint32_t pid = header.Pid();
     const bool scrambled = header.TransportScramblingControl() != 0;
     m_pidStatus.Update(pid, scrambled);
     if (header.TransportErrorIndicator() || scrambled)
-        return 0;
+        return Next::kGoOn;
 
     AdaptationFieldHeader adaptation;
     if (header.HasAdaptationField()) {
         adaptation = DecodeAdaptationFieldHeader(packet);
         if (adaptation.length > kMaxAdaptationFieldLength)
-            return 0;
-        if (m_clocks.Wants(adaptation))
+            return Next::kGoOn;
+        if (m_clocks.Wants(adaptation)) {
+            // Notices about a jump stand at the right byte only when all before it has gone in.
+            m_router.FlushPackets();
             m_clocks.AdjustPcr(packet, header, adaptation, m_parser.StreamPosition(), m_parser.CurrentArrival());
+        }
     }
 
     const bool hasSectionFilter = m_sectionFilterSlots[pid].load(std::memory_order_acquire) != nullptr;
     if (hasSectionFilter && FAILED(ParseSections(packet, header, adaptation)))
-        return 0;
+        return m_hasDeferred.load(std::memory_order_relaxed) ? Next::kPause : Next::kGoOn;
     const bool refused = m_router.OfferPacket(packet, header, adaptation, hasSectionFilter);
-    return refused && m_mode == StreamingMode::kFile ? 1 : 0;
+    if (refused && m_mode == StreamingMode::kFile)
+        return Next::kRefused;
+    return hasSectionFilter && m_hasDeferred.load(std::memory_order_relaxed) ? Next::kPause : Next::kGoOn;
 }
 
 HRESULT CTsFilterBase::ParseSections(const uint8_t* packet, const TsHeader& header,
@@ -194,13 +230,19 @@ void CTsFilterBase::NewTSID(uint32_t transportStreamId) {
     // The PAT that announced the new stream is still being handled on PID 0, so its filter stays.
     DeleteSectionFilters(1);
     InstallSectionFilters(DefaultFilters::kWithoutPat);
+    DeferRestart();
     m_currentTransportStreamId.store(transportStreamId, std::memory_order_relaxed);
 }
 
 HRESULT CTsFilterBase::__ResetTables() {
     std::vector<TableRecords> tables;
     std::vector<ComPtr<IUnknown>> services;
+    std::shared_ptr<const ProgramMapTables> programs = std::make_shared<const ProgramMapTables>();
     CScopedLock lock(&m_tableLock);
+    {
+        CScopedLock snapshot(&m_programsLock);
+        std::swap(programs, m_programs);
+    }
     // Under both locks, so that nobody meets the clocks of one stream with the tables of another.
     CScopedLock clocks(&m_clocks.Lock());
     tables = m_tables.Detach();
@@ -218,15 +260,15 @@ void CTsFilterBase::DeleteSectionFilters(uint32_t firstPid) {
 
 void CTsFilterBase::InstallSectionFilters(DefaultFilters which) {
     if (which == DefaultFilters::kWithPat)
-        AddTablePid(kPatFilter.tableId, 0, kPatFilter.pid);
+        RequestTablePid(kPatFilter.tableId, 0, kPatFilter.pid);
     for (const DefaultFilter& filter : kNameFilters)
-        AddTablePid(filter.tableId, 0, filter.pid);
-    for (size_t sink = 0; sink < m_router.SinkCount(); ++sink)
-        for (const uint32_t pid : m_router.Sink(sink)->SectionPids())
-            AddTablePid(kAnyTable, 0, pid);
+        RequestTablePid(filter.tableId, 0, filter.pid);
+    for (const auto& sink : m_router.Sinks())
+        for (const uint32_t pid : sink->SectionPids())
+            RequestTablePid(kAnyTable, 0, pid);
 }
 
-HRESULT CTsFilterBase::AddTablePid(uint32_t, uint32_t, uint32_t pid) {
+HRESULT CTsFilterBase::InstallSectionFilter(uint32_t pid) {
     if (pid >= kPidCount)
         return E_INVALIDARG;
     CScopedLock lock(&m_tableLock);
@@ -239,6 +281,26 @@ HRESULT CTsFilterBase::AddTablePid(uint32_t, uint32_t, uint32_t pid) {
         return E_OUTOFMEMORY;
     }
     return S_OK;
+}
+
+HRESULT CTsFilterBase::RequestTablePid(uint32_t tableId, uint32_t, uint32_t pid) {
+    const HRESULT result = InstallSectionFilter(pid);
+    if (SUCCEEDED(result))
+        DeferPidNotice({.tableId = tableId, .pid = pid});
+    return result;
+}
+
+HRESULT CTsFilterBase::AddTablePid(uint32_t tableId, uint32_t, uint32_t pid) {
+    const HRESULT result = InstallSectionFilter(pid);
+    if (SUCCEEDED(result)) {
+        const PidNotice notice{.tableId = tableId, .pid = pid};
+        TellPidSinks({&notice, 1});
+    }
+    return result;
+}
+
+HRESULT CTsFilterBase::WantSections(uint32_t pid) {
+    return AddTablePid(kAnyTable, 0, pid);
 }
 
 HRESULT CTsFilterBase::EnumTables(uint32_t tableId, IDvbCollection** out) {
@@ -262,11 +324,85 @@ std::vector<TableStore::Version> CTsFilterBase::TableVersions() {
 }
 
 HRESULT CTsFilterBase::OnTableReady(uint32_t tableId, uint32_t key) {
-    return m_services ? m_services->TableComplete(tableId, key) : S_OK;
+    const bool isProgram = tableId == kProgramMapTable;
+    if (isProgram) {
+        ComPtr<IDvbTable> table;
+        GetTable(tableId, key, table.Put());
+        NoteProgramMapTable(key, table.As<IDvbProgramMapTable>());
+    }
+    const HRESULT result = m_services ? m_services->TableComplete(tableId, key) : S_OK;
+    if (isProgram && FAILED(result))
+        NoteProgramMapTable(key, nullptr);  // the store drops it
+    if (isProgram && SUCCEEDED(result))
+        OfferProgram(key);
+    return result;
 }
 
 HRESULT CTsFilterBase::OnTableStale(uint32_t tableId, uint32_t key) {
     return m_services ? m_services->TableChanging(tableId, key) : S_OK;
+}
+
+void CTsFilterBase::NoteProgramMapTable(uint32_t programNumber, ComPtr<IDvbProgramMapTable> table) {
+    std::shared_ptr<const ProgramMapTables> last;
+    CScopedLock lock(&m_programsLock);
+    auto programs = std::make_shared<ProgramMapTables>(*m_programs);
+    if (table)
+        (*programs)[programNumber] = std::move(table);
+    else
+        programs->erase(programNumber);
+    last = std::exchange(m_programs, std::move(programs));
+}
+
+std::shared_ptr<const ProgramMapTables> CTsFilterBase::CurrentProgramMapTables() {
+    CScopedLock lock(&m_programsLock);
+    return m_programs;
+}
+
+void CTsFilterBase::OfferProgram(uint32_t programNumber) {
+    const auto programs = CurrentProgramMapTables();
+    const auto table = programs->find(programNumber);
+    if (table == programs->end())
+        return;
+    for (const OutputPinPtr& pin : m_pins.All()) {
+        const auto content = pin->Content();
+        if (!content)
+            continue;
+        CScopedLock lock(&m_deferredLock);
+        m_deferred.offers.push_back({pin, content, content->Epoch(), programNumber, table->second});
+        m_hasDeferred = true;
+    }
+}
+
+void CTsFilterBase::DeferRestart() {
+    CScopedLock lock(&m_deferredLock);
+    m_deferred.restart = true;
+    m_hasDeferred = true;
+}
+
+void CTsFilterBase::DeferPidNotice(const PidNotice& notice) {
+    CScopedLock lock(&m_deferredLock);
+    m_deferred.notices.push_back(notice);
+    m_hasDeferred = true;
+}
+
+void CTsFilterBase::RunDeferred() {
+    if (!m_hasDeferred)
+        return;
+    Deferred deferred;
+    {
+        CScopedLock lock(&m_deferredLock);
+        std::swap(deferred, m_deferred);
+        m_hasDeferred = false;
+    }
+    if (deferred.restart)
+        for (const OutputPinPtr& pin : m_pins.All())
+            pin->Restart();
+    for (const ProgramOffer& offer : deferred.offers) {
+        if (FAILED(offer.content->SetProgram(offer.programNumber, offer.table.Get(), offer.epoch)))
+            offer.pin->SetRuntimeError();
+        offer.pin->Signal();
+    }
+    TellPidSinks(deferred.notices);
 }
 
 }  // namespace tessel

@@ -1,36 +1,57 @@
 // The common base of the filters: owns the parser, the program clocks, the section filters, the table
-// store, the service list and the output hooks, and wires them.
+// store, the service list and the output pins, and wires them.
 //
-// One thread at a time feeds and parses; the filters see to that with their streaming lock. The table
-// lock guards section filters, table store and service list, so clients may read those at any time. The
-// program clocks have the PCR lock.
+// One thread at a time feeds and parses, with the streaming lock. The table lock guards section filters, table
+// store and service list, so clients may read those at any time. The program clocks have the PCR lock. What the
+// parser finds to do that calls receivers or sinks waits until those locks are released.
 #pragma once
 
 #include <array>
 #include <atomic>
 #include <memory>
+#include <span>
+#include <vector>
 
+#include "core/OutputPinList.h"
 #include "core/PacketRouter.h"
+#include "core/ParseTurn.h"
+#include "core/SavedState.h"
 #include "core/stream/PacketParser.h"
 #include "core/stream/PcrClocks.h"
 #include "core/stream/PidStatus.h"
-#include "platform/com/Unknown.h"
-#include "platform/os/CritSec.h"
+#include "core/stream/StreamingMode.h"
+#include "output/OutputHost.h"
+#include "platform/media/BaseFilter.h"
+#include "platform/media/Mpeg2Demultiplexer.h"
+#include "platform/media/PersistStream.h"
+#include "platform/media/SourceInterfaces.h"
 #include "services/ServiceList.h"
+#include "services/objects/Parameters.h"
+#include "services/objects/PidParameters.h"
 #include "tables/SectionFilter.h"
 #include "tables/TableStore.h"
 
 namespace tessel {
 
-enum class StreamingMode : int32_t {
-    kLive = 0,       // time from input arrivals; outputs drop rather than wait
-    kStream = 1,     // outputs wait for room
-    kRecording = 2,  // as kStream, with mode parameter 0
-    kFile = 3,       // as kStream; parsing stops when every output refuses a packet
+// Filter parameters: the priority of the working threads while they work, and the choice of a service by its
+// number among those that have packets.
+inline constexpr uint32_t kParamWorkerPriority = 22;
+inline constexpr uint32_t kParamSelectService = 77777;
+
+// The base filter is given the state lock, so that one comes first.
+struct FilterStateLock {
+    CCritSec m_stateLock{"filter state", kRankFilterState};
 };
 
-class CTsFilterBase : public CUnknown,
+class CTsFilterBase : private FilterStateLock,
+                      public CBaseFilter,
+                      public CPersistStream,
+                      public IAMFilterMiscFlags,
+                      public IMpeg2Demultiplexer,
+                      public IGetSetParam,
+                      public IMPEG2PIDParam,
                       public ITableDecoder,
+                      protected IOutputHost,
                       private IPacketHandler,
                       private IPcrClockOwner,
                       private ITableStoreEvents,
@@ -44,12 +65,45 @@ public:
     HRESULT NonDelegatingQueryInterface(const IID& iid, void** out) override;
 
     // Chooses the mode (parameter: 1 in live mode whatever is passed), makes the five table decoders and
-    // the service list. E_FAIL when that cannot be done.
+    // the service list; there are no output pins then. E_FAIL when that cannot be done.
     HRESULT SetMode(StreamingMode mode, int32_t parameter);
     StreamingMode Mode() const { return m_mode; }
     int32_t ModeParameter() const { return m_modeParameter; }
     // "live", "strm", "rec " or "file", for diagnostics.
     const char* ModeName() const { return m_modeName; }
+
+    // The filter's states. Stop ends every wait for a receiver first.
+    HRESULT GetClassID(CLSID* out) override { return CBaseFilter::GetClassID(out); }
+    HRESULT Stop() override;
+    HRESULT Pause() override;
+    // VFW_S_CANT_CUE while paused, but for files.
+    HRESULT GetState(DWORD milliseconds, FILTER_STATE* out) override;
+    int GetPinCount() override { return static_cast<int>(m_pins.Count()); }
+    std::shared_ptr<CBasePin> GetPin(int index) override;
+
+    ULONG GetMiscFlags() override { return AM_FILTER_MISC_FLAGS_IS_SOURCE; }
+
+    // IMpeg2Demultiplexer. A name has up to 49 characters (E_INVALIDARG) and is given once (VFW_E_DUPLICATE_NAME);
+    // E_FAIL when there are 10 pins, or none of that name.
+    HRESULT CreateOutputPin(AM_MEDIA_TYPE* type, const OLECHAR* name, IPin** out) override;
+    HRESULT SetOutputPinMediaType(const OLECHAR* name, AM_MEDIA_TYPE* type) override;
+    HRESULT DeleteOutputPin(const OLECHAR* name) override;
+
+    // IGetSetParam: kParamWorkerPriority, kParamSelectService
+    HRESULT SetParam(uint32_t id, uint32_t value) override;
+    HRESULT GetParam(uint32_t id, uint32_t* out) override;
+    HRESULT Reserved1(uint32_t, uint32_t, uint32_t) override { return S_FALSE; }
+    HRESULT Reserved2(uint32_t, uint32_t) override { return S_FALSE; }
+    HRESULT Reserved3(uint32_t, uint32_t) override { return S_FALSE; }
+    HRESULT Reserved4(uint32_t, uint32_t, void**) override { return S_FALSE; }
+
+    // IMPEG2PIDParam
+    HRESULT GetPidParam(int32_t pid, int32_t parameter, uint32_t* out) override;
+    HRESULT Reserved1(int32_t, int32_t, uint32_t) override { return S_FALSE; }
+    HRESULT Reserved2(int32_t, int32_t, uint32_t) override { return S_FALSE; }
+    HRESULT Reserved3(int32_t, int32_t, uint32_t) override { return S_FALSE; }
+    HRESULT Reserved4(int32_t, int32_t, uint32_t) override { return S_FALSE; }
+    HRESULT Reserved5(int32_t, int32_t, uint32_t) override { return S_FALSE; }
 
     // Makes the buffer, resets parsing, and takes data from then on. S_OK or E_OUTOFMEMORY.
     virtual HRESULT StartStreaming();
@@ -66,8 +120,9 @@ public:
     void CommitData(int32_t written) { m_parser.Commit(written); }
     HRESULT FlushBuffer() { return m_parser.FlushBuffer(); }
     HRESULT DetectPacketSize() { return m_parser.DetectPacketSize(); }
-    // S_OK out of data, S_FALSE stopped by the outputs (file mode), E_UNEXPECTED without a buffer.
-    HRESULT ParseData() { return m_parser.ParseData(*this); }
+    // S_OK out of data, S_FALSE stopped by the outputs (file mode) or by a stop, E_UNEXPECTED without a buffer.
+    // Takes the streaming lock for the parsing and calls receivers and sinks without it.
+    HRESULT ParseData();
 
     const PacketParser& Parser() const { return m_parser; }
     const PidStatusBits& PidStatus() const { return m_pidStatus; }
@@ -79,12 +134,12 @@ public:
     // Every current table, by table_id and key.
     std::vector<TableStore::Version> TableVersions();
 
-    // A jump of a clock; called with the PCR lock held once. Contents go through Clocks().SetPcrDiscont.
+    // A jump of a clock; called with the PCR lock held once. Contents go through the host's operation.
     HRESULT SetPcrDiscont(PcrClock& clock) override;
     // Around every change of what an output wants. Stale clocks are dropped, and the last end makes a clock for
     // every output's PCR PID that has none.
-    virtual HRESULT BeginPcrUpdate();
-    virtual HRESULT EndPcrUpdate();
+    HRESULT BeginPcrUpdate() override;
+    HRESULT EndPcrUpdate() override;
 
     // Throws away buffered bytes, PID status, clocks, tables, services and section filters, and puts the default
     // section filters back.
@@ -98,7 +153,15 @@ public:
     HRESULT GetFirstTable(uint32_t tableId, IDvbTable** out);
 
 protected:
-    explicit CTsFilterBase(const char* name, int32_t requestedCapacity = PacketParser::kDefaultCapacity);
+    // A section filter came, or all went.
+    struct PidNotice {
+        bool reset = false;
+        uint32_t tableId = 0;
+        uint32_t pid = 0;
+    };
+
+    explicit CTsFilterBase(const char* name, int32_t requestedCapacity = PacketParser::kDefaultCapacity,
+                           IUnknown* outer = nullptr);
 
     // A PAT carries another transport_stream_id than before.
     virtual void NewTSID(uint32_t transportStreamId);
@@ -109,36 +172,118 @@ protected:
     HRESULT OnTableStale(uint32_t tableId, uint32_t key) override;
 
     // Stream time while running, else 0.
-    REFERENCE_TIME CurrentStreamTime() override { return 0; }
+    REFERENCE_TIME CurrentStreamTime() override;
 
+    // Tells the clients of a filter that has any; no lock is held.
+    virtual void TellPidSinks(std::span<const PidNotice>) {}
+    // After an output pin has made, or broken, its connection. The first with the state lock.
+    virtual HRESULT EnsureFreePin(CTsOutputPin&) { return S_OK; }
+    void OnPinDisconnected(CTsOutputPin&) override {}
+
+    CCritSec& StateLock() OS_RETURN_CAPABILITY(m_stateLock) { return m_stateLock; }
+    CCritSec& StreamingLock() OS_RETURN_CAPABILITY(m_streamingLock) { return m_streamingLock; }
     CCritSec& TableLock() OS_RETURN_CAPABILITY(m_tableLock) { return m_tableLock; }
+    CParseTurn& ParseTurn() { return m_parseTurn; }
+    // False when the filter is about to stop; see CParseTurn.
+    bool TakeParseTurn() {
+        return m_parseTurn.Take([this] { return IsEnding(); });
+    }
+    COutputPinList& Pins() { return m_pins; }
+
+    // A new pin at the end of the list; null when the list is full or memory is out. An empty name: the next number.
+    OutputPinPtr CreatePin(const std::u16string& name);
+    // Disconnects and ends the pin whatever the filter's state.
+    void RemovePin(const OutputPinPtr& pin);
+
+    void SetPacketSize(int32_t size) { m_parser.SetPacketSize(size); }
+    // Put off until the locks are released: contents start anew.
+    void DeferRestart();
+    void DeferPidNotice(const PidNotice& notice);
+    // What was put off, in order. Without a lock, by whoever had the streaming lock.
+    void RunDeferred();
+    // From now on until StartStreaming nobody waits for a receiver.
+    void BeginEnding();
+
+    // IOutputHost
+    bool IsEnding() const override { return m_ending.load(); }
+    int32_t WorkerPriority() const override { return m_workerPriority.load(std::memory_order_relaxed); }
+
+    // CPersistStream
+    DWORD GetSoftwareVersion() override { return 7; }
+    uint64_t SizeMax() override;
+    HRESULT ScribbleToStream(IStream* stream) override;
+    HRESULT ReadFromStream(IStream* stream) override;
 
 private:
     enum class DefaultFilters { kWithPat, kWithoutPat };
 
-    int ParsePacket(const uint8_t* packet) override;
+    struct ProgramOffer {
+        OutputPinPtr pin;
+        std::shared_ptr<CStreamExecutor> content;
+        uint32_t epoch;  // of the content
+        uint32_t programNumber;
+        ComPtr<IDvbProgramMapTable> table;
+    };
+    struct Deferred {
+        bool restart = false;
+        std::vector<ProgramOffer> offers;
+        std::vector<PidNotice> notices;
+    };
+
+    Next ParsePacket(const uint8_t* packet) override;
     // What the section filter of the packet's PID makes of it; a failure keeps the packet from the outputs.
     HRESULT ParseSections(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation);
     HRESULT DispatchSection(std::span<const uint8_t> section);
     void DeleteSectionFilters(uint32_t firstPid) OS_REQUIRES(m_tableLock);
     void InstallSectionFilters(DefaultFilters which);
+    HRESULT InstallSectionFilter(uint32_t pid);
+    void OfferProgram(uint32_t programNumber);
+    // The current table of that program, or null, takes its place in the snapshot.
+    void NoteProgramMapTable(uint32_t programNumber, ComPtr<IDvbProgramMapTable> table);
+    HRESULT SelectService(uint32_t index);
+    HRESULT LoadPin(const SavedPin& saved);
+
     std::vector<int32_t> PcrPids() override { return m_router.PcrPids(); }
     void NotifyDiscontinuity(int32_t pcrPid) override { m_router.NotifyDiscontinuity(pcrPid); }
     void NotifyClockChange(const PcrClock& clock) override { m_router.NotifyClockChange(clock); }
     bool IsPidPresent(uint32_t pid) const override { return pid < kPidCount && m_pidStatus.IsPresent(pid); }
+    HRESULT RequestTablePid(uint32_t tableId, uint32_t tableIdExtension, uint32_t pid) override;
 
+    // IOutputHost
+    bool IsHostStopped() const override { return IsStopped(); }
+    bool IsHostRunning() const override { return State() == State_Running; }
+    std::shared_ptr<CDeliveryLock> DeliveryLock() override { return m_deliveryLock; }
+    std::shared_ptr<const ProgramMapTables> CurrentProgramMapTables() override;
+    HRESULT SetPcrDiscont(int32_t pcrPid) override { return m_clocks.SetPcrDiscont(pcrPid); }
+    HRESULT StartSync(int32_t pcrPid, int64_t* ptsOrigin, REFERENCE_TIME* timeOrigin) override;
+    void WaitForStreamTime(REFERENCE_TIME at, const std::shared_ptr<CEvent>& event, uint32_t milliseconds) override;
+    HRESULT WantSections(uint32_t pid) override;
+    void OnPinWants(CTsOutputPin& pin, ULONG pid, bool wanted) override;
+    void OnPinWantsChanged(CTsOutputPin& pin) override;
+    void OnPinDeliverableChanged(CTsOutputPin& pin, bool deliverable) override;
+    HRESULT OnPinConnected(CTsOutputPin& pin) override;
+    bool IsFirstPin(const CTsOutputPin& pin) override { return m_pins.At(0).get() == &pin; }
+    HRESULT QueryHost(const IID& iid, void** out) override { return QueryInterface(iid, out); }
+
+    CCritSec m_streamingLock;
     CCritSec m_tableLock;
+    CParseTurn m_parseTurn;
 
-    // Read by AddData without the streaming lock's help; the buffer itself is only touched under it.
+    // Written with the streaming lock held; read by those who need no more than its value. The buffer itself is
+    // only touched under the lock.
     std::atomic<bool> m_streaming{false};
+    std::atomic<bool> m_ending{false};
+    std::atomic<int32_t> m_workerPriority{1};
     StreamingMode m_mode = StreamingMode::kStream;
     int32_t m_modeParameter = 1;
     const char* m_modeName = "";
+    const std::shared_ptr<CDeliveryLock> m_deliveryLock;
 
     PacketParser m_parser;
     PidStatusBits m_pidStatus;
     PacketRouter m_router;
     PcrClocks m_clocks;
+    COutputPinList m_pins;
 
     // Set under the table lock. The parser asks whether a slot is occupied without it: filters are deleted
     // only while the parser stands still, and one added a packet later is as good.
@@ -147,6 +292,14 @@ private:
     std::atomic<uint32_t> m_currentTransportStreamId{0};
     TableStore m_tables OS_GUARDED_BY(m_tableLock);
     std::unique_ptr<CDvbServices> m_services;
+
+    CCritSec m_programsLock{"program map tables", kRankLeaf};
+    std::shared_ptr<const ProgramMapTables> m_programs OS_GUARDED_BY(m_programsLock);
+
+    CCritSec m_deferredLock{"deferred work", kRankLeaf};
+    Deferred m_deferred OS_GUARDED_BY(m_deferredLock);
+    // There is some; the parser asks after every section.
+    std::atomic<bool> m_hasDeferred{false};
 };
 
 }  // namespace tessel

@@ -187,7 +187,7 @@ HRESULT CDvbServices::OnPat(uint32_t key) {
             continue;
         service->SetParam(param::kPmtPid, pid);
         // Programs may share a PID: all but the first are refused here, and decoded all the same.
-        m_owner.AddTablePid(kProgramMapTable, programNumber, pid);
+        m_owner.RequestTablePid(kProgramMapTable, programNumber, pid);
     }
     m_patComplete = true;
     return S_OK;
@@ -309,7 +309,7 @@ HRESULT CDvbServices::OnMgt(uint32_t key) {
     for (int32_t i = 0; const auto guide = ItemAs<IGetSetParam>(guides.Get(), i); ++i) {
         const uint32_t tableId = TableIdOfTableType(Param(guide.Get(), param::kTableType));
         if (tableId == kEventInformationTable || tableId == kExtendedTextTable)
-            m_owner.AddTablePid(tableId, 0, Param(guide.Get(), param::kTablePid));
+            m_owner.RequestTablePid(tableId, 0, Param(guide.Get(), param::kTablePid));
     }
     return S_OK;
 }

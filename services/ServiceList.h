@@ -20,7 +20,9 @@ namespace tessel {
 class IServiceListOwner {
 public:
     virtual HRESULT GetTable(uint32_t tableId, uint32_t key, IDvbTable** out) = 0;
-    virtual HRESULT AddTablePid(uint32_t tableId, uint32_t tableIdExtension, uint32_t pid) = 0;
+    // Has the sections of a PID assembled, from inside the table lock; the results are those of
+    // ITableDecoder::AddTablePid.
+    virtual HRESULT RequestTablePid(uint32_t tableId, uint32_t tableIdExtension, uint32_t pid) = 0;
     // Whether packets of pid have come since the last reset.
     virtual bool IsPidPresent(uint32_t pid) const = 0;
 

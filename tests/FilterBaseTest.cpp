@@ -63,7 +63,7 @@ TEST(PacketRouter, OffersWhatEachSinkWantsInOrderOfAttachment) {
     // The sinks behind a detached one keep their own wishes.
     router.Detach(&a);
     router.Detach(&a);
-    EXPECT_EQ(router.SinkCount(), 2u);
+    EXPECT_EQ(router.Sinks().size(), 2u);
     router.WantAll(&c, false);
     router.Want(&c, 0x13, true);
     offer(0x10, false);
@@ -79,7 +79,7 @@ TEST(PacketRouter, OffersWhatEachSinkWantsInOrderOfAttachment) {
     EXPECT_THAT(late.packets, IsEmpty()) << "a new sink inherits nothing";
 
     std::vector<RecordingSink> many(PacketRouter::kMaxSinks);
-    for (size_t i = router.SinkCount(); i < PacketRouter::kMaxSinks; ++i)
+    for (size_t i = router.Sinks().size(); i < PacketRouter::kMaxSinks; ++i)
         EXPECT_TRUE(router.Attach(&many[i]));
     EXPECT_FALSE(router.Attach(&many[0]));
 }

@@ -23,10 +23,10 @@ class Packets final : public IPacketHandler {
 public:
     explicit Packets(const PacketParser& parser) : m_parser(parser) {}
 
-    int ParsePacket(const uint8_t* packet) override {
+    Next ParsePacket(const uint8_t* packet) override {
         seen.emplace_back(DecodeTsHeader(packet).Pid(), m_parser.StreamPosition());
         arrivals.push_back(m_parser.CurrentArrival().time);
-        return refuse ? 1 : 0;
+        return refuse ? Next::kRefused : Next::kGoOn;
     }
 
     std::vector<std::pair<uint32_t, int64_t>> seen;

@@ -82,7 +82,7 @@ protected:
     HRESULT GetTable(uint32_t tableId, uint32_t key, IDvbTable** out) override {
         return m_store.GetTable(tableId, key, out);
     }
-    HRESULT AddTablePid(uint32_t tableId, uint32_t extension, uint32_t pid) override {
+    HRESULT RequestTablePid(uint32_t tableId, uint32_t extension, uint32_t pid) override {
         m_asked.emplace_back(tableId, extension, pid);
         return S_OK;
     }

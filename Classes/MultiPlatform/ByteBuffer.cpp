@@ -14,12 +14,27 @@ bool ByteBuffer::Allocate(uint32_t capacity) {
     m_read = m_write = 0;
     m_allocated = 0;
     m_data = nullptr;
-    m_storage.reset(new (std::nothrow) uint8_t[capacity + kAlignment]);
-    if (!m_storage)
+    m_storage.reset();
+    return Grow(capacity);
+}
+
+bool ByteBuffer::Grow(uint32_t capacity) {
+    if (Held())
         return false;
+    if (m_allocated >= capacity + kAlignment)
+        return true;
+    std::unique_ptr<uint8_t[]> storage(new (std::nothrow) uint8_t[capacity + kAlignment]);
+    if (!storage)
+        return false;
+    const auto misaligned = reinterpret_cast<uintptr_t>(storage.get()) % kAlignment;
+    uint8_t* const data = storage.get() + (misaligned == 0 ? 0 : kAlignment - misaligned);
+    if (Available() > 0)
+        std::memcpy(data, ReadPointer(), static_cast<size_t>(Available()));
+    m_write -= m_read;
+    m_read = 0;
+    m_storage = std::move(storage);
+    m_data = data;
     m_allocated = capacity + kAlignment;
-    const auto misaligned = reinterpret_cast<uintptr_t>(m_storage.get()) % kAlignment;
-    m_data = m_storage.get() + (misaligned == 0 ? 0 : kAlignment - misaligned);
     return true;
 }
 

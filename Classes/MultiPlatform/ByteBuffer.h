@@ -20,6 +20,9 @@ public:
     // capacity is then 0.
     bool Allocate(uint32_t capacity);
 
+    // As Allocate, but the bytes stay; without memory everything is as before. False then, and while held.
+    bool Grow(uint32_t capacity);
+
     int32_t Capacity() const { return m_allocated == 0 ? 0 : static_cast<int32_t>(m_allocated - kAlignment); }
     int32_t Available() const { return m_write - m_read; }
     const uint8_t* ReadPointer() const { return m_data + m_read; }

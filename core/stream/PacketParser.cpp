@@ -147,9 +147,12 @@ HRESULT PacketParser::ParseData(IPacketHandler& handler) {
     while (const uint8_t* packet = SkipUntilSync()) {
         if (!m_arrivals.empty())
             TakeArrivals();
-        if (handler.ParsePacket(packet) != 0)
+        const IPacketHandler::Next next = handler.ParsePacket(packet);
+        if (next == IPacketHandler::Next::kRefused)
             return S_FALSE;
         Consume(m_packetSize);
+        if (next == IPacketHandler::Next::kPause)
+            return kParsePaused;
     }
     return S_OK;
 }

@@ -26,12 +26,20 @@ struct ArrivalRecord {
 // Sees every packet that stands between two sync bytes.
 class IPacketHandler {
 public:
-    // packet: 188 bytes. 0 to go on; 1 to stop, leaving the packet unread.
-    virtual int ParsePacket(const uint8_t* packet) = 0;
+    enum class Next {
+        kGoOn,
+        kRefused,  // stop, leaving the packet unread
+        kPause,    // stop behind the packet
+    };
+    // packet: 188 bytes.
+    virtual Next ParsePacket(const uint8_t* packet) = 0;
 
 protected:
     ~IPacketHandler() = default;
 };
+
+// Of ParseData: the handler has something to do before the next packet.
+inline constexpr HRESULT kParsePaused = 2;
 
 class PacketParser {
 public:
@@ -63,8 +71,8 @@ public:
     HRESULT DetectPacketSize();
 
     // Hands every complete packet to handler. A packet is complete when the next sync byte and 6 bytes
-    // more are there. S_OK when the data ran out; S_FALSE when the handler stopped; E_UNEXPECTED without
-    // a buffer.
+    // more are there. S_OK when the data ran out; S_FALSE when the handler refused a packet; kParsePaused;
+    // E_UNEXPECTED without a buffer.
     HRESULT ParseData(IPacketHandler& handler);
 
     int32_t PacketSize() const { return m_packetSize; }

@@ -159,6 +159,13 @@ HRESULT CBasePin::Disconnect() {
     return S_OK;
 }
 
+void CBasePin::DropConnection() {
+    if (!IsConnected())
+        return;
+    BreakConnect();
+    SetConnected(nullptr);
+}
+
 void CBasePin::SetConnected(IPin* other) {
     ComPtr<IPin> pin(other);
     const CAutoLock lock(&m_connection);

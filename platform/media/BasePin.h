@@ -61,6 +61,8 @@ protected:
     // objectName: the class name. The filter outlives the pin. Made by MakePin only.
     CBasePin(const char* objectName, CBaseFilter* filter, const OLECHAR* name, PIN_DIRECTION direction);
 
+    // Breaks this side of the connection whatever the filter's state: the pin is about to go.
+    void DropConnection();
     // The list of media types has changed.
     void IncrementTypeVersion() { ++m_typeVersion; }
 

@@ -1,0 +1,65 @@
+#include "core/OutputPinList.h"
+
+#include <algorithm>
+
+namespace tessel {
+
+size_t COutputPinList::Count() const {
+    CScopedLock lock(&m_lock);
+    return m_pins.size();
+}
+
+OutputPinPtr COutputPinList::At(size_t index) const {
+    CScopedLock lock(&m_lock);
+    return index < m_pins.size() ? m_pins[index] : nullptr;
+}
+
+OutputPinPtr COutputPinList::Find(const std::u16string& name) const {
+    CScopedLock lock(&m_lock);
+    const auto found =
+        std::find_if(m_pins.begin(), m_pins.end(), [&name](const OutputPinPtr& pin) { return pin->Name() == name; });
+    return found != m_pins.end() ? *found : nullptr;
+}
+
+std::vector<OutputPinPtr> COutputPinList::All() const {
+    CScopedLock lock(&m_lock);
+    return m_pins;
+}
+
+std::u16string COutputPinList::NextName() {
+    int32_t serial = 0;
+    {
+        CScopedLock lock(&m_lock);
+        serial = ++m_serial;
+    }
+    const std::string digits = std::to_string(serial);
+    return u"Output" + std::u16string(digits.begin(), digits.end());
+}
+
+bool COutputPinList::Add(const OutputPinPtr& pin) {
+    CScopedLock lock(&m_lock);
+    if (m_pins.size() >= kMaxPins)
+        return false;
+    m_pins.push_back(pin);
+    return true;
+}
+
+bool COutputPinList::Remove(const CTsOutputPin* pin) {
+    OutputPinPtr last;  // goes after the lock
+    CScopedLock lock(&m_lock);
+    const auto found =
+        std::find_if(m_pins.begin(), m_pins.end(), [pin](const OutputPinPtr& other) { return other.get() == pin; });
+    if (found == m_pins.end())
+        return false;
+    last = std::move(*found);
+    m_pins.erase(found);
+    return true;
+}
+
+std::vector<OutputPinPtr> COutputPinList::TakeAll() {
+    CScopedLock lock(&m_lock);
+    m_serial = 0;
+    return std::exchange(m_pins, {});
+}
+
+}  // namespace tessel

@@ -1,0 +1,27 @@
+// The common start of all outputs that take their time from one PCR PID.
+#pragma once
+
+#include <span>
+
+#include "core/OutputPinList.h"
+#include "core/stream/PcrClocks.h"
+
+namespace tessel {
+
+struct SyncSettings {
+    bool waitsForHalfSecond;    // of PCR, so that all streams have shown up
+    bool hasLiveClock;          // nothing begins before streamTime
+    REFERENCE_TIME streamTime;  // of the filter
+};
+
+struct SyncOrigin {
+    int64_t pts;          // 90 kHz
+    REFERENCE_TIME time;  // what it stands for
+};
+
+// The clock of pcrPid gets its time: the first time stamp of the audio stream, or else of another one, is the start
+// of all. Where it has one already, that holds. False: not yet.
+bool StartClock(PcrClocks& clocks, int32_t pcrPid, std::span<const OutputPinPtr> pins, const SyncSettings& settings,
+                SyncOrigin* out);
+
+}  // namespace tessel

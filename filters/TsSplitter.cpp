@@ -1,0 +1,393 @@
+#include "filters/TsSplitter.h"
+
+#include <algorithm>
+#include <iterator>
+#include <new>
+
+#include "filters/PageIds.h"
+#include "platform/com/TaskMemory.h"
+#include "services/objects/Collections.h"
+
+namespace tessel {
+
+namespace {
+
+constexpr size_t kWorkerStack = 65'536;
+// Milliseconds after which Receive looks for room again.
+constexpr uint32_t kRoomWait = 1;
+
+}  // namespace
+
+CTsSplitter::CTsSplitter(IUnknown* outer)
+    : CTsFilterBase("CTsSplitter", PacketParser::kDefaultCapacity, outer),
+      m_wallClock(GetOwner(), &m_clockResult),
+      m_events([this] { return IsServiceInformationComplete() == S_OK; }),
+      m_dataEvent(std::make_shared<CEvent>(EventReset::kAuto)),
+      m_workerLife(this, [](IRALThreadExecutor*) {}) {}
+
+CTsSplitter::~CTsSplitter() {
+    Stop();
+    m_pidSinks.Clear();
+    m_workerLife = nullptr;
+    RALThreadPtr<CRALExecutorThread> worker;
+    {
+        CScopedLock lock(&m_workerLock);
+        worker = std::move(m_worker);
+    }
+    if (!worker)
+        return;
+    const std::shared_ptr<CRALThread> thread = worker.get_deleter().thread;
+    worker = nullptr;
+    // A task that began just before it was stopped uses what is about to go.
+    thread->WaitForEnd(INFINITE);
+}
+
+HRESULT CTsSplitter::NonDelegatingQueryInterface(const IID& iid, void** out) {
+    if (out == nullptr)
+        return E_POINTER;
+    if (iid == ISpecifyPropertyPages::kIid)
+        return GetInterface<ISpecifyPropertyPages>(this, out);
+    if (iid == IDvbPidMapper::kIid)
+        return GetInterface<IDvbPidMapper>(this, out);
+    if (iid == IDvbServiceInformation::kIid || iid == IDvbServiceInformationEx::kIid)
+        return GetInterface<IDvbServiceInformationEx>(this, out);
+    if (iid == IRALThreadExecutor::kIid)
+        return GetInterface<IRALThreadExecutor>(this, out);
+    if (iid == IReferenceClock::kIid && Mode() == StreamingMode::kLive)
+        return GetInterface<IReferenceClock>(&m_wallClock, out);
+    return CTsFilterBase::NonDelegatingQueryInterface(iid, out);
+}
+
+HRESULT CTsSplitter::Init(StreamingMode mode, int32_t parameter) {
+    if (FAILED(m_clockResult) || FAILED(SetMode(mode, parameter)))
+        return E_FAIL;
+    try {
+        m_input = MakePin<CTsInputPin>(*this);
+    } catch (const std::bad_alloc&) {
+        return E_FAIL;
+    }
+    const OutputPinPtr sections = CreatePin(u"PSIOut");
+    const ULONG all = ALL_TABLES;
+    if (!sections || FAILED(sections->MapPID(1, &all, MEDIA_MPEG2_PSI)))
+        return E_FAIL;
+    return CreatePin({}) ? S_OK : E_FAIL;
+}
+
+HRESULT CTsSplitter::GetClassID(CLSID* out) {
+    if (out == nullptr)
+        return E_POINTER;
+    *out = Mode() == StreamingMode::kLive     ? CLSID_TsSplitter
+           : Mode() == StreamingMode::kStream ? CLSID_TsSplitterAsync
+                                              : CLSID_TsSplitterRec;
+    return S_OK;
+}
+
+int CTsSplitter::GetPinCount() {
+    return CTsFilterBase::GetPinCount() + 1;
+}
+
+std::shared_ptr<CBasePin> CTsSplitter::GetPin(int index) {
+    return index == 0 ? m_input : CTsFilterBase::GetPin(index - 1);
+}
+
+HRESULT CTsSplitter::EnsureFreePin(CTsOutputPin&) {
+    for (const OutputPinPtr& pin : Pins().All())
+        if (!pin->IsConnected() && pin->Kind() != ContentKind::kPsiSections)
+            return S_OK;
+    return CreatePin({}) ? S_OK : E_FAIL;
+}
+
+HRESULT CTsSplitter::GetPages(CAUUID* pages) {
+    if (pages == nullptr)
+        return E_POINTER;
+    *pages = {};
+    pages->pElems = static_cast<GUID*>(CoTaskMemAlloc(sizeof(kPropertyPageIds)));
+    if (pages->pElems == nullptr)
+        return E_OUTOFMEMORY;
+    std::copy(std::begin(kPropertyPageIds), std::end(kPropertyPageIds), pages->pElems);
+    pages->cElems = static_cast<ULONG>(std::size(kPropertyPageIds));
+    return S_OK;
+}
+
+HRESULT CTsSplitter::SetSyncSource(IReferenceClock* clock) {
+    m_wallClock.SetSyncSource(clock);
+    return CTsFilterBase::SetSyncSource(clock);
+}
+
+HRESULT CTsSplitter::Reset() {
+    // With the turn, so that no table comes between the reset and the contents' restart, which forgets it.
+    const bool hasTurn = TakeParseTurn();
+    {
+        CScopedLock streaming(&StreamingLock());
+        CScopedLock tables(&TableLock());
+        InternalReset();
+        DeferRestart();
+    }
+    RunDeferred();
+    if (hasTurn)
+        ParseTurn().Release();
+    m_events.TellReset();
+    return S_OK;
+}
+
+HRESULT CTsSplitter::IsServiceInformationComplete() {
+    return Services() != nullptr ? Services()->IsComplete() : S_FALSE;
+}
+
+HRESULT CTsSplitter::GetProgramMapTable(uint32_t programNumber, IDvbProgramMapTable** out) {
+    if (out == nullptr)
+        return E_POINTER;
+    *out = nullptr;
+    ComPtr<IDvbTable> table;
+    const HRESULT result = CTsFilterBase::GetTable(kProgramMapTable, programNumber, table.Put());
+    return SUCCEEDED(result) ? table->QueryInterface(IDvbProgramMapTable::kIid, reinterpret_cast<void**>(out)) : result;
+}
+
+HRESULT CTsSplitter::GetTransportStreamId(uint32_t* out) {
+    return Services() != nullptr ? Services()->GetTransportStreamId(out) : E_NOINTERFACE;
+}
+
+HRESULT CTsSplitter::GetOriginalNetworkId(uint32_t* out) {
+    return Services() != nullptr ? Services()->GetOriginalNetworkId(out) : E_NOINTERFACE;
+}
+
+HRESULT CTsSplitter::GetServices(IDvbMapping** out) {
+    if (out == nullptr)
+        return E_POINTER;
+    *out = nullptr;
+    return Services() != nullptr ? Services()->GetServices(out) : E_NOINTERFACE;
+}
+
+void CTsSplitter::PauseWorker() {
+    CScopedLock lock(&m_workerLock);
+    if (m_worker)
+        m_worker->Pause();
+}
+
+void CTsSplitter::ResumeWorker() {
+    CScopedLock lock(&m_workerLock);
+    if (m_worker)
+        m_worker->Resume(WorkerPriority());
+}
+
+uint32_t CTsSplitter::DoOneThreadTask() {
+    // What is called from here may let go of the filter.
+    const ComPtr<IBaseFilter> self(this);
+    if (!TakeParseTurn())
+        return INFINITE;
+    bool synced = false;
+    {
+        CScopedLock lock(&StreamingLock());
+        if (m_resyncPending && SUCCEEDED(DetectPacketSize()))
+            m_resyncPending = false;
+        synced = !m_resyncPending;
+    }
+    if (synced)
+        ParseData();
+    ParseTurn().Release();
+    m_roomEvent.Set();
+    return INFINITE;
+}
+
+void CTsSplitter::ParseRest() {
+    {
+        CScopedLock lock(&StreamingLock());
+        if (m_resyncPending && SUCCEEDED(DetectPacketSize()))
+            m_resyncPending = false;
+    }
+    ParseData();
+}
+
+HRESULT CTsSplitter::TakeDiscontinuity() {
+    PauseWorker();
+    if (!TakeParseTurn())
+        return S_FALSE;
+    ParseRest();
+    {
+        CScopedLock lock(&StreamingLock());
+        FlushBuffer();
+        for (const OutputPinPtr& pin : Pins().All())
+            pin->NotifyDiscontinuity(CStreamExecutor::kDiscontinuity, nullptr);
+        m_resyncPending = true;
+    }
+    ParseTurn().Release();
+    ResumeWorker();
+    return S_OK;
+}
+
+HRESULT CTsSplitter::Receive(IMediaSample* sample) {
+    if (!IsStreaming())
+        return S_FALSE;
+    uint8_t* data = nullptr;
+    const int32_t length = sample->GetActualDataLength();
+    if (FAILED(sample->GetPointer(&data)) || data == nullptr || length <= 0)
+        return S_OK;
+    if (sample->IsDiscontinuity() == S_OK) {
+        const HRESULT result = TakeDiscontinuity();
+        if (result != S_OK)
+            return result;
+    }
+    return AddBytes(data, std::min(length, static_cast<int32_t>(sample->GetSize())));
+}
+
+HRESULT CTsSplitter::AddBytes(const uint8_t* data, int32_t length) {
+    bool noted = false;
+    while (length > 0) {
+        HRESULT result = S_OK;
+        {
+            CScopedLock lock(&StreamingLock());
+            if (!noted)
+                NoteArrival();
+            noted = true;
+            result = AddData(&data, &length);
+        }
+        if (SUCCEEDED(result) && result != S_OK)
+            return result;
+        if (FAILED(result) && result != E_OUTOFMEMORY)
+            return result;
+        m_dataEvent->Set();
+        if (result == S_OK)
+            continue;
+        if (IsEnding() || !IsStreaming() || m_input->IsFlushing())
+            return S_FALSE;
+        m_roomEvent.Wait(kRoomWait);
+    }
+    return S_OK;
+}
+
+void CTsSplitter::EndOfStream() {
+    PauseWorker();
+    const bool hasTurn = TakeParseTurn();
+    if (IsStreaming()) {
+        if (hasTurn)
+            ParseRest();
+        StopStreaming();
+    }
+    m_endOfStream = true;
+    if (hasTurn)
+        ParseTurn().Release();
+    for (const OutputPinPtr& pin : Pins().All())
+        pin->EndOfStream();
+}
+
+HRESULT CTsSplitter::BeginFlush() {
+    PauseWorker();
+    for (const OutputPinPtr& pin : Pins().All())
+        pin->DeliverBeginFlush();
+    CScopedLock receive(&m_input->ReceiveLock());
+    return StopStreaming();
+}
+
+HRESULT CTsSplitter::EndFlush() {
+    for (const OutputPinPtr& pin : Pins().All())
+        pin->DeliverEndFlush();
+    return IsStopped() ? S_OK : StartStreaming();
+}
+
+HRESULT CTsSplitter::Pause() {
+    CScopedLock lock(&StateLock());
+    if (State() == State_Paused)
+        return S_OK;
+    if (m_input->IsConnected())
+        return CTsFilterBase::Pause();
+    EndOfStream();
+    m_state = State_Paused;
+    return S_OK;
+}
+
+HRESULT CTsSplitter::Stop() {
+    BeginEnding();
+    CScopedLock lock(&StateLock());
+    if (IsStopped())
+        return S_OK;
+    BeginEnding();
+    if (m_input && m_input->IsConnected()) {
+        m_input->Inactive();
+        // A Receive that is under way ends first.
+        CScopedLock receive(&m_input->ReceiveLock());
+    }
+    return CTsFilterBase::Stop();
+}
+
+HRESULT CTsSplitter::StartStreaming() {
+    const HRESULT result = CTsFilterBase::StartStreaming();
+    if (FAILED(result))
+        return result;
+    m_endOfStream = false;
+    m_events.Start();
+    {
+        CScopedLock lock(&m_workerLock);
+        if (!m_worker) {
+            auto worker = MakeRALThread<CRALExecutorThread>(m_workerLife);
+            if (!worker)
+                return E_FAIL;
+            m_dataEvent->Reset();
+            worker->SetWake(m_dataEvent);
+            worker->Start(nullptr, kWorkerStack);
+            m_worker = std::move(worker);
+        }
+    }
+    ResumeWorker();
+    return result;
+}
+
+HRESULT CTsSplitter::StopStreaming() {
+    PauseWorker();
+    m_events.Stop();
+    return CTsFilterBase::StopStreaming();
+}
+
+void CTsSplitter::InternalReset() {
+    CTsFilterBase::InternalReset();
+    SetPacketSize(kTransportPacketSize);
+    DeferPidNotice({.reset = true});
+    m_resyncPending = true;
+    m_events.ForgetServices();
+}
+
+void CTsSplitter::NewTSID(uint32_t transportStreamId) {
+    CTsFilterBase::NewTSID(transportStreamId);
+    m_events.ForgetServices();
+}
+
+HRESULT CTsSplitter::OnTableReady(uint32_t tableId, uint32_t key) {
+    const HRESULT result = CTsFilterBase::OnTableReady(tableId, key);
+    if (SUCCEEDED(result))
+        m_events.Post(kMessageTableReady, tableId, key);
+    return result;
+}
+
+HRESULT CTsSplitter::OnTableStale(uint32_t tableId, uint32_t key) {
+    const HRESULT result = CTsFilterBase::OnTableStale(tableId, key);
+    m_events.Post(kMessageTableStale, tableId, key);
+    return result;
+}
+
+void CTsSplitter::TellPidSinks(std::span<const PidNotice> notices) {
+    for (const PidNotice& notice : notices) {
+        m_pidSinks.ForEach([&notice](IUnknown& sink) {
+            const auto events = ComPtr<IUnknown>(&sink).As<IDvbPidMapperEvents>();
+            if (!events)
+                return;
+            if (notice.reset)
+                events->OnPidsReset();
+            else
+                events->OnPidUsed(notice.tableId, notice.pid);
+        });
+    }
+}
+
+HRESULT CreateTsSplitter(StreamingMode mode, IBaseFilter** out) {
+    if (out == nullptr)
+        return E_POINTER;
+    *out = nullptr;
+    const auto splitter = MakeObject<CTsSplitter>();
+    if (!splitter)
+        return E_OUTOFMEMORY;
+    const HRESULT result = splitter->Init(mode, mode == StreamingMode::kRecording ? 0 : 1);
+    if (SUCCEEDED(result))
+        *out = ComPtr<IBaseFilter>(splitter.Get()).Detach();
+    return result;
+}
+
+}  // namespace tessel

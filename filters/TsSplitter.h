@@ -1,0 +1,113 @@
+// The splitter: takes a transport stream that is pushed into its input pin apart.
+#pragma once
+
+#include "core/TsFilterBase.h"
+#include "filters/TableEventThread.h"
+#include "filters/TsInputPin.h"
+#include "filters/WallClock.h"
+#include "filters/threads/RALExecutorThread.h"
+#include "platform/com/PropertyPages.h"
+
+namespace tessel {
+
+// One class, three filters, which differ in their mode.
+inline constexpr CLSID CLSID_TsSplitter = MakeGuid("{05A20097-501E-4CE4-965A-C1F2F1BEEC42}");
+inline constexpr CLSID CLSID_TsSplitterAsync = MakeGuid("{EF437ED2-736C-4777-ACE1-1D18C7887970}");
+inline constexpr CLSID CLSID_TsSplitterRec = MakeGuid("{0A354CEF-937C-4748-AF03-70100D2F5B55}");
+
+// Receive copies into the input buffer; a worker thread parses what is there; every output pin delivers from a
+// thread of its own; clients are told by the event thread.
+class CTsSplitter final : public CTsFilterBase,
+                          public ISpecifyPropertyPages,
+                          public IDvbPidMapper,
+                          public IDvbServiceInformationEx,
+                          public IRALThreadExecutor {
+public:
+    explicit CTsSplitter(IUnknown* outer = nullptr);
+    ~CTsSplitter() override;
+
+    DECLARE_IUNKNOWN
+    HRESULT NonDelegatingQueryInterface(const IID& iid, void** out) override;
+
+    // Once, right after construction: the mode and the first pins. E_FAIL.
+    HRESULT Init(StreamingMode mode, int32_t parameter);
+
+    HRESULT GetClassID(CLSID* out) override;
+    HRESULT Stop() override;
+    HRESULT Pause() override;
+    HRESULT SetSyncSource(IReferenceClock* clock) override;
+    // The input pin, then the output pins.
+    int GetPinCount() override;
+    std::shared_ptr<CBasePin> GetPin(int index) override;
+
+    HRESULT GetPages(CAUUID* pages) override;
+
+    // IDvbPidMapper
+    HRESULT Advise(IUnknown* sink, uint32_t* cookie) override { return m_pidSinks.Advise(sink, cookie); }
+    HRESULT Unadvise(uint32_t cookie) override { return m_pidSinks.Unadvise(cookie); }
+
+    // IDvbServiceInformationEx
+    HRESULT Reset() override;
+    HRESULT IsServiceInformationComplete() override;
+    HRESULT AdviseEvents(IUnknown* sink, uint32_t* cookie) override { return m_events.Sinks().Advise(sink, cookie); }
+    HRESULT UnadviseEvents(uint32_t cookie) override { return m_events.Sinks().Unadvise(cookie); }
+    HRESULT GetTable(uint32_t tableId, IDvbTable** out) override { return GetFirstTable(tableId, out); }
+    HRESULT GetProgramMapTable(uint32_t programNumber, IDvbProgramMapTable** out) override;
+    HRESULT GetTransportStreamId(uint32_t* out) override;
+    HRESULT GetOriginalNetworkId(uint32_t* out) override;
+    HRESULT GetServices(IDvbMapping** out) override;
+    using CTsFilterBase::GetTable;
+
+    // IRALThreadExecutor: the worker
+    HRESULT OnThreadStart() override { return S_OK; }
+    HRESULT OnThreadEnd() override { return S_OK; }
+    uint32_t DoOneThreadTask() override;
+
+    // From the input pin. S_FALSE while nothing is taken. Waits for room in the input buffer.
+    HRESULT Receive(IMediaSample* sample);
+    void EndOfStream();
+    HRESULT BeginFlush();
+    HRESULT EndFlush();
+
+    HRESULT StartStreaming() override;
+    HRESULT StopStreaming() override;
+    void InternalReset() override;
+
+private:
+    void NewTSID(uint32_t transportStreamId) override;
+    HRESULT OnTableReady(uint32_t tableId, uint32_t key) override;
+    HRESULT OnTableStale(uint32_t tableId, uint32_t key) override;
+    void TellPidSinks(std::span<const PidNotice> notices) override;
+    HRESULT EnsureFreePin(CTsOutputPin& connected) override;
+
+    // Parses what there is, however little came since the last break in the stream.
+    void ParseRest();
+    HRESULT TakeDiscontinuity();
+    HRESULT AddBytes(const uint8_t* data, int32_t length);
+    void PauseWorker();
+    void ResumeWorker();
+
+    HRESULT m_clockResult = S_OK;
+    CWallClock m_wallClock;
+    std::shared_ptr<CTsInputPin> m_input;
+    CSinkList m_pidSinks;
+    CTableEventThread m_events;
+
+    // The packet size is to be found out before the next packet. Written with the streaming lock held.
+    std::atomic<bool> m_resyncPending{true};
+    // All that came has been parsed, and the outputs were told.
+    std::atomic<bool> m_endOfStream{false};
+
+    CCritSec m_workerLock{"splitter's worker", kRankPin};
+    RALThreadPtr<CRALExecutorThread> m_worker OS_GUARDED_BY(m_workerLock);
+    const std::shared_ptr<CEvent> m_dataEvent;
+    CEvent m_roomEvent{EventReset::kAuto};
+    // What the worker's thread knows of the splitter; gone before the splitter goes.
+    std::shared_ptr<IRALThreadExecutor> m_workerLife;
+};
+
+// A splitter with its pins "Input", "PSIOut" (the sections of all tables) and "Output1". mode: live, stream or
+// recording. E_OUTOFMEMORY, E_FAIL.
+HRESULT CreateTsSplitter(StreamingMode mode, IBaseFilter** out);
+
+}  // namespace tessel

@@ -1,0 +1,331 @@
+#include "output/ElementaryStream.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "Classes/MultiPlatform/GenUtilMP.h"
+#include "output/TsOutputPin.h"
+#include "services/objects/Parameters.h"
+
+namespace tessel {
+
+namespace {
+
+constexpr int32_t kFirstCapacity = 0x30000;
+// Beyond the first, while streaming, the parser waits; up to the second, before the start, data piles up;
+// then a quarter of it, the oldest, goes.
+constexpr int32_t kStreamingCapacity = 0x300000;
+constexpr int32_t kWaitingCapacity = 0x900000;
+constexpr int32_t kQuarter = 2'359'296;
+
+constexpr int32_t kShortAudio = 300;
+constexpr int64_t kPictureOverdue = 15'000;  // 90 kHz: a sixth of a second
+
+// 100 ns.
+constexpr REFERENCE_TIME kTooEarly = 200'000;
+constexpr REFERENCE_TIME kWakeBefore = 150'000;
+constexpr REFERENCE_TIME kTooLate = 100'000;
+
+constexpr int32_t kVersionUnknown = -1;
+
+int32_t VersionOf(IDvbProgramMapTable* table) {
+    uint32_t version = 0;
+    const auto parameters = ComPtr<IDvbProgramMapTable>(table).As<IGetSetCOMParam>();
+    if (!parameters || parameters->GetParam(param::kVersionNumber, &version) != S_OK)
+        return kVersionUnknown;
+    return static_cast<int32_t>(version);
+}
+
+}  // namespace
+
+HRESULT CElementaryStream::OnActive() {
+    m_cache.reset(new (std::nothrow) ByteBuffer);
+    m_capacity = kFirstCapacity;
+    return m_cache && m_cache->Allocate(static_cast<uint32_t>(m_capacity)) ? S_OK : E_OUTOFMEMORY;
+}
+
+void CElementaryStream::OnReset() {
+    if (m_cache)
+        m_cache->Clear();
+    m_lastContinuityCounter = -1;
+    m_programNumber = 0;
+    m_streamPid = kNoPid;
+}
+
+int32_t CElementaryStream::PendingBytes(bool startPending, bool eosPending) {
+    const int32_t buffered = m_cache ? m_cache->Available() : 0;
+    if (startPending || eosPending || m_full)
+        return buffered;
+    switch (m_pin.Media()) {
+    case MediaClass::kVideo: {
+        if (m_marks.size() != 1)
+            return m_marks.empty() ? 0 : buffered;
+        // One picture goes out when the next has begun, or is overdue.
+        const int64_t last = m_sampleClock.LastRawTimestamp();
+        return m_marks.front().timestamp >= last + kPictureOverdue ? buffered : 0;
+    }
+    case MediaClass::kAudio:
+        return buffered < kShortAudio ? 0 : buffered;
+    default:
+        return buffered;
+    }
+}
+
+bool CElementaryStream::UpdateMapping(IEnumPIDMap* mapping) {
+    mapping->Reset();
+    PID_MAP entry{kNoPid, MEDIA_ELEMENTARY_STREAM};
+    const bool mapped = mapping->Next(1, &entry, nullptr) == S_OK;
+    if (mapped && entry.ulPID == m_streamPid)
+        return false;
+    m_streamPid = mapped ? entry.ulPID : kNoPid;
+    m_programNumber = 0;
+    return CStreamExecutor::UpdateMapping(mapping);
+}
+
+bool CElementaryStream::WantsProgram(uint32_t programNumber, int32_t version) {
+    if (m_programNumber == 0)
+        return true;
+    if (m_programNumber != programNumber || version == kVersionUnknown)
+        return false;
+    const bool changed = version != m_pmtVersion;
+    m_pmtVersion = version;
+    return changed || m_pcrPid == kProgramUnknown;
+}
+
+CElementaryStream::Binding CElementaryStream::FindStream(IDvbProgramMapTable& table, uint32_t pid) {
+    Binding binding;
+    ComPtr<IDvbCollection> components;
+    if (FAILED(table.GetComponents(components.Put())))
+        return binding;
+    for (int32_t i = 0; const auto component = ItemAs<IDvbComponentEx>(components.Get(), i); ++i) {
+        uint32_t componentPid = kNoPid;
+        component->GetPid(&componentPid);
+        if (componentPid != pid)
+            continue;
+        binding.result = S_OK;
+        binding.hasType = SUCCEEDED(component->GetMediaType(&binding.type));
+        table.GetPcrPid(&binding.pcrPid);
+        break;
+    }
+    return binding;
+}
+
+HRESULT CElementaryStream::SetProgram(uint32_t programNumber, IDvbProgramMapTable* table, uint32_t epoch) {
+    CScopedLock bind(&m_bindLock);
+    const int32_t version = VersionOf(table);
+    uint32_t pid = kNoPid;
+    {
+        CScopedLock lock(&m_lock);
+        if (epoch != Epoch())
+            return S_OK;
+        if (m_streamPid == kNoPid || m_pin.IsEosDelivered()) {
+            m_pcrPid = kNoStream;
+            CloseUpdate();
+            m_state = State::kStreaming;
+            return S_OK;
+        }
+        if (!WantsProgram(programNumber, version))
+            return S_OK;
+        pid = m_streamPid;
+    }
+    // Without the lock: the pin asks the receiver.
+    Binding binding = FindStream(*table, pid);
+    if (binding.result == S_FALSE)
+        return S_OK;
+    if (version == kVersionUnknown)
+        return E_FAIL;
+    if (binding.hasType)
+        binding.result = m_pin.SetOutputType(&binding.type);
+
+    CScopedLock lock(&m_lock);
+    if (epoch != Epoch() || pid != m_streamPid)
+        return S_OK;
+    m_programNumber = programNumber;
+    m_pmtVersion = version;
+    return binding.hasType ? Bind(binding) : S_OK;
+}
+
+HRESULT CElementaryStream::Bind(const Binding& binding) {
+    if (FAILED(binding.result)) {
+        FlushCache();
+        return E_FAIL;
+    }
+    const auto pcrPid = static_cast<int32_t>(binding.pcrPid);
+    // Waiting for the program, the update is open already.
+    if (m_state != State::kWaitingForProgram && pcrPid != m_pcrPid)
+        m_host.BeginPcrUpdate();
+    const bool updating = m_state == State::kWaitingForProgram || pcrPid != m_pcrPid;
+    m_pcrPid = pcrPid;
+    if (binding.pcrPid == kNullPid) {
+        if (m_state != State::kWaitingForProgram && updating)
+            m_host.EndPcrUpdate();
+        FlushCache();
+        return E_FAIL;
+    }
+    if (updating)
+        m_host.EndPcrUpdate();
+    if (m_pin.IsConnected()) {
+        m_state = State::kWaitingForStart;
+        m_pin.SetStartPending();
+    } else {
+        m_state = State::kStreaming;
+    }
+    return S_OK;
+}
+
+void CElementaryStream::FlushCache() {
+    if (m_cache)
+        m_cache->Clear();
+    m_bytesOut = m_bytesIn.load();
+}
+
+HRESULT CElementaryStream::Drop(int32_t bytes) {
+    const int32_t buffered = m_cache ? m_cache->Available() : 0;
+    Discard(bytes > buffered ? buffered : std::max(bytes, buffered / 5));
+    return S_OK;
+}
+
+void CElementaryStream::Discard(int32_t bytes) {
+    if (bytes <= 0)
+        return;
+    m_cache->Skip(bytes);
+    Consumed(bytes);
+}
+
+HRESULT CElementaryStream::MakeRoom(int32_t bytes) {
+    while (m_cache->Available() + bytes > m_cache->Capacity()) {
+        if (m_state == State::kStreaming && m_capacity >= kStreamingCapacity)
+            return E_OUTOFMEMORY;
+        if (m_capacity >= kWaitingCapacity) {
+            Drop(kQuarter);
+            continue;
+        }
+        const int32_t capacity = m_capacity + m_capacity / 2;
+        if (m_cache->Grow(static_cast<uint32_t>(capacity)))
+            m_capacity = capacity;
+        else
+            Drop(m_capacity / 16);
+    }
+    return S_OK;
+}
+
+void CElementaryStream::OnContinuityError() {
+    if (m_pin.Media() == MediaClass::kSubtitle)
+        NotifyDiscontinuity(kDiscontinuity, nullptr);
+    else if (m_pin.Mode() != StreamingMode::kFile && !m_marks.empty())
+        ++m_marks.back().errorCount;
+    m_lastContinuityCounter = -1;
+}
+
+bool CElementaryStream::CheckContinuity(const OfferedPacket& packet) {
+    if (static_cast<int32_t>(packet.header.Pid()) != m_pcrPid && packet.adaptation.DiscontinuityIndicator())
+        m_lastContinuityCounter = -1;
+    const int32_t counter = packet.header.ContinuityCounter();
+    if (m_lastContinuityCounter != -1) {
+        if (counter == m_lastContinuityCounter)
+            return false;  // the packet is sent twice
+        if (counter != ((m_lastContinuityCounter + 1) & 0x0F))
+            OnContinuityError();
+    }
+    m_lastContinuityCounter = counter;
+    return true;
+}
+
+HRESULT CElementaryStream::Add(const OfferedPacket& packet) {
+    const int32_t offset = PayloadOffset(packet.header, packet.adaptation);
+    int32_t length = kTransportPacketSize - offset;
+    if (!packet.header.HasPayload() || length < 1)
+        return S_OK;
+    if (m_cache->Available() + length > m_cache->Capacity()) {
+        const HRESULT result = MakeRoom(length);
+        if (FAILED(result))
+            return result;
+    }
+    if (!CheckContinuity(packet))
+        return S_OK;
+    const uint8_t* payload = packet.bytes + offset;
+    if (packet.header.PayloadUnitStartIndicator() && length >= kLeastPesHeader) {
+        const std::span start(payload, static_cast<size_t>(length));
+        if (!IsPesStart(start)) {
+            OnContinuityError();
+            return S_OK;
+        }
+        const PesHeader header = ParsePesHeader(start);
+        if (header.timestamp != kNoTimestamp)
+            AddMark(header.timestamp);
+        if (!m_pin.KeepsPesHeaders()) {
+            const int32_t skipped = std::min(header.size, length);
+            payload += skipped;
+            length -= skipped;
+        }
+    }
+    m_bytesIn += m_cache->Append(payload, length);
+    return S_OK;
+}
+
+// A live audio stream begins when its first sample is due. False when the bytes, all of them, have become
+// worthless meanwhile.
+bool CElementaryStream::AlignToClock(IMediaSample& sample, REFERENCE_TIME start, int32_t* bytes) {
+    const REFERENCE_TIME now = m_host.CurrentStreamTime();
+    if (now + kTooEarly < start) {
+        m_pin.SetFlushOnStart();
+        const uint32_t epoch = Epoch();
+        const auto milliseconds = static_cast<uint32_t>(std::min<int64_t>((start - now) / 10'000, INT32_MAX));
+        m_lock.Unlock();
+        m_host.WaitForStreamTime(start - kWakeBefore, m_pin.InterruptEvent(), milliseconds);
+        m_lock.Lock();
+        *bytes = std::min(*bytes, m_cache ? m_cache->Available() : 0);
+        return epoch == Epoch() && IsActive() && *bytes > 0;
+    }
+    if (now <= start + kTooLate)
+        return true;
+    m_pin.SetFlushOnStart();
+    if (m_marks.empty())
+        return true;
+    const TimestampMark next = m_marks.front();
+    const REFERENCE_TIME nextTime = ToSampleTime(next.timestamp, true);
+    int64_t late = *bytes;
+    if (nextTime >= now && nextTime > start) {
+        __extension__ using Wide = __int128;
+        late = static_cast<int64_t>(static_cast<Wide>(now - start) * (next.position - m_bytesOut) / (nextTime - start));
+    }
+    if (nextTime < now || late > *bytes) {
+        Discard(*bytes);
+        return false;
+    }
+    Discard(static_cast<int32_t>(late));
+    *bytes -= static_cast<int32_t>(late);
+    REFERENCE_TIME begin = now;
+    sample.SetTime(&begin, nullptr);
+    return *bytes > 0;
+}
+
+int32_t CElementaryStream::TakeDataFromCache(IMediaSample* sample, int32_t bytes, bool startPending) {
+    if (!m_cache)
+        return 0;
+    bytes = std::min(bytes, m_cache->Available());
+    if (sample == nullptr) {
+        Discard(bytes);
+        return bytes;
+    }
+    if (startPending) {
+        REFERENCE_TIME start = 0;
+        REFERENCE_TIME end = 0;
+        if (FAILED(sample->GetTime(&start, &end))) {
+            Discard(bytes);  // what comes before the first time stamp
+            return 0;
+        }
+        if (m_pin.Mode() != StreamingMode::kFile && m_pin.Media() == MediaClass::kAudio && m_pin.HasLiveClock() &&
+            m_host.IsHostRunning() && !AlignToClock(*sample, start, &bytes))
+            return 0;
+    }
+    uint8_t* target = nullptr;
+    if (FAILED(sample->GetPointer(&target)) || target == nullptr)
+        return 0;
+    std::memcpy(target, m_cache->ReadPointer(), static_cast<size_t>(bytes));
+    Discard(bytes);
+    return bytes;
+}
+
+}  // namespace tessel

@@ -1,0 +1,279 @@
+// What the output pin does on the parsing thread and on its delivery thread.
+#include "output/TsOutputPin.h"
+#include "platform/media/MediaResult.h"
+
+namespace tessel {
+
+namespace {
+
+// Milliseconds after which a parser that waits for room looks again, even if nobody said that there is some.
+constexpr uint32_t kPacketWait = 50;
+constexpr uint32_t kSectionWait = 20;
+
+}  // namespace
+
+HRESULT CTsOutputPin::CheckDeliveryState() const {
+    if (!IsConnected())
+        return S_FALSE;
+    const auto content = Content();
+    if (!content || !content->IsActive())
+        return VFW_E_WRONG_STATE;
+    if (m_flushing)
+        return S_FALSE;
+    return m_runTimeError ? VFW_E_RUNTIME_ERROR : S_OK;
+}
+
+void CTsOutputPin::NoteDeliverable() {
+    const bool deliverable = CheckDeliveryState() == S_OK;
+    if (m_deliverable.exchange(deliverable) != deliverable)
+        m_host.OnPinDeliverableChanged(*this, deliverable);
+}
+
+void CTsOutputPin::SetRuntimeError() {
+    m_runTimeError = true;
+    NoteDeliverable();
+}
+
+int CTsOutputPin::DeliverPacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
+                                bool) {
+    if (!m_deliverable.load(std::memory_order_relaxed))
+        return 1;
+    m_offered[m_offeredCount++] = {packet, header, adaptation};
+    if (m_offeredCount == kBatch)
+        FlushPackets();
+    return 0;
+}
+
+CTsOutputPin::Room CTsOutputPin::WaitForRoom(CStreamExecutor& content, uint32_t milliseconds) {
+    SignalDelivery();
+    if (CheckDeliveryState() != S_OK || m_host.IsEnding())
+        return Room::kGaveUp;
+    // Only the parser could bring the table that this content waits for.
+    if (content.IsWaitingForProgram() && m_host.CurrentProgramMapTables()->empty()) {
+        m_dataLost = true;
+        return Room::kLost;
+    }
+    m_room.Wait(milliseconds);
+    return Room::kMaybe;
+}
+
+CTsOutputPin::Room CTsOutputPin::MakeRoom(CStreamExecutor& content, HRESULT refusal, int32_t bytes,
+                                          uint32_t milliseconds, bool* retried) {
+    if (!content.IsActive())
+        return Room::kGaveUp;
+    if (refusal == E_OUTOFMEMORY && m_mode != StreamingMode::kLive)
+        return WaitForRoom(content, milliseconds);
+    if (refusal == E_OUTOFMEMORY && !*retried) {
+        *retried = true;
+        if (FAILED(content.DropData(bytes)))
+            return Room::kLost;
+        m_dataLost = true;
+        return Room::kMaybe;
+    }
+    SetRuntimeError();
+    return Room::kGaveUp;
+}
+
+void CTsOutputPin::FlushPackets() {
+    const std::span<const OfferedPacket> offered(m_offered.data(), std::exchange(m_offeredCount, 0));
+    const auto content = Content();
+    if (!content)
+        return;
+    bool retried = false;
+    for (auto left = offered; !left.empty();) {
+        size_t taken = 0;
+        const HRESULT result = content->AddPackets(left, &taken);
+        left = left.subspan(taken);
+        if (SUCCEEDED(result))
+            return;
+        retried = retried && taken == 0;
+        switch (MakeRoom(*content, result, kTransportPacketSize, kPacketWait, &retried)) {
+        case Room::kMaybe:
+            break;
+        case Room::kLost:
+            left = left.subspan(1);
+            retried = false;
+            break;
+        case Room::kGaveUp:
+            return;
+        }
+    }
+}
+
+void CTsOutputPin::SignalDelivery() {
+    const auto content = Content();
+    if (content && content->IsActive() && content->GetPendingBytes(m_startPending, m_eosPending) > 0)
+        m_event->Set();
+}
+
+int CTsOutputPin::DeliverSection(const TsHeader& header, std::span<const uint8_t> section) {
+    if (!m_deliverable)
+        return 1;
+    if (Kind() != ContentKind::kPsiSections || (!m_map.AllTables() && !m_map.Contains(header.Pid())))
+        return 0;
+    const auto content = Content();
+    if (!content)
+        return 1;
+    bool retried = false;
+    for (;;) {
+        const HRESULT result = content->TakeSection(header, section);
+        if (SUCCEEDED(result)) {
+            SignalDelivery();
+            return 0;
+        }
+        switch (MakeRoom(*content, result, static_cast<int32_t>(section.size()), kSectionWait, &retried)) {
+        case Room::kMaybe:
+            break;
+        case Room::kLost:
+            return 0;
+        case Room::kGaveUp:
+            return 1;
+        }
+    }
+}
+
+std::vector<uint32_t> CTsOutputPin::SectionPids() const {
+    return Kind() == ContentKind::kPsiSections ? m_map.Pids() : std::vector<uint32_t>();
+}
+
+int32_t CTsOutputPin::GetPcrPid() const {
+    const auto content = Content();
+    return content ? content->GetPcrPid() : static_cast<int32_t>(kNullPid);
+}
+
+void CTsOutputPin::NotifyDiscontinuity(int32_t code, IUnknown*) {
+    if (const auto content = Content())
+        content->NotifyDiscontinuity(code, nullptr);
+}
+
+void CTsOutputPin::NotifyClockChange(const PcrClock& clock, int32_t immediate) {
+    if (const auto content = Content())
+        content->NotifyClockChange(clock, immediate);
+}
+
+template <class Write>
+void CTsOutputPin::Rest(uint32_t epoch, Write write) {
+    const auto thread = Thread();
+    {
+        const std::lock_guard lock(m_taskMutex);
+        if (epoch != m_epoch)
+            return;
+        write();
+        if (thread)
+            thread->Pause();
+        m_threadRunning = false;
+        m_taskChanged.notify_all();
+    }
+    NoteDeliverable();
+    // It may have been told of the end while it was on its way to rest.
+    DeliverPendingEnd();
+}
+
+void CTsOutputPin::DeliverPendingEnd() {
+    if (!m_eosPending || m_flushing || m_eosDelivered.exchange(true))
+        return;
+    m_flushOnStart = false;
+    DeliverEndOfStream();
+}
+
+uint32_t CTsOutputPin::DoOneThreadTask() {
+    uint32_t epoch = 0;
+    {
+        const std::lock_guard lock(m_taskMutex);
+        m_inTask = true;
+        epoch = m_epoch;
+    }
+    RunTask(epoch);
+    const std::lock_guard lock(m_taskMutex);
+    m_inTask = false;
+    m_taskChanged.notify_all();
+    return INFINITE;
+}
+
+void CTsOutputPin::RunTask(uint32_t epoch) {
+    const auto content = Content();
+    if (CheckDeliveryState() != S_OK || !content) {
+        Rest(epoch, [] {});
+        return;
+    }
+    const int32_t pending = content->GetPendingBytes(m_startPending, m_eosPending);
+    if (pending > 0 && !SendSome(*content, pending, epoch))
+        return;
+    if (!m_eosPending || m_eosDelivered)
+        return;
+    if (content->IsReadyToSend() && content->GetPendingBytes(m_startPending, true) > 0) {
+        m_event->Set();
+        return;
+    }
+    // Rest delivers the end.
+    Rest(epoch, [] {});
+}
+
+bool CTsOutputPin::SendSome(CStreamExecutor& content, int32_t budget, uint32_t epoch) {
+    if (content.ProcessCommands(&budget))
+        m_dataLost = true;
+    if (!content.IsReadyToSend())
+        return true;
+    int32_t sent = 0;
+    const HRESULT result = content.SendData(budget, &sent, m_startPending);
+    if (result != S_OK) {
+        Rest(epoch, [this, result] {
+            if (result == S_FALSE)
+                m_flushing = true;
+            else
+                m_runTimeError = true;
+        });
+        return false;
+    }
+    // After a delivery that took so long, the filter may be another one, or none.
+    if (epoch != m_epoch)
+        return false;
+    if (budget > sent || content.GetPendingBytes(m_startPending, m_eosPending) > 0)
+        m_event->Set();
+    return true;
+}
+
+void CTsOutputPin::FlushDownstream() {
+    const auto flush = [this] {
+        CBaseOutputPin::DeliverBeginFlush();
+        CBaseOutputPin::DeliverEndFlush();
+    };
+    if (Media() == MediaClass::kAudio) {
+        flush();
+        return;
+    }
+    const uint32_t epoch = m_epoch;
+    const auto lock = m_host.DeliveryLock();
+    if (!lock->LockExclusive([&] { return m_flushing || m_host.IsEnding() || epoch != m_epoch; }))
+        return;
+    flush();
+    lock->UnlockExclusive();
+}
+
+HRESULT CTsOutputPin::DeliverSample(IMediaSample* sample) {
+    bool discontinuity = false;
+    if (m_startPending.exchange(false)) {
+        discontinuity = true;
+        if (m_flushOnStart.exchange(false))
+            FlushDownstream();
+        REFERENCE_TIME start = 0;
+        REFERENCE_TIME end = 0;
+        if (SUCCEEDED(sample->GetTime(&start, &end)))
+            DeliverNewSegment(start, INT64_MAX, 1.0);
+    }
+    if (m_typeChanged.exchange(false)) {
+        discontinuity = true;
+        CMediaType type;
+        if (SUCCEEDED(CurrentMediaType(type)))
+            sample->SetMediaType(&type);
+    }
+    discontinuity |= m_dataLost.exchange(false);
+    sample->SetDiscontinuity(discontinuity);
+    const auto lock = m_host.DeliveryLock();
+    lock->LockShared();
+    const HRESULT result = Deliver(sample);
+    lock->UnlockShared();
+    return result;
+}
+
+}  // namespace tessel

@@ -1,0 +1,63 @@
+// The splitter in a graph: what comes out of its pins for what was pushed in.
+#include <gmock/gmock.h>
+
+#include "platform/media/MediaResult.h"
+#include "tests/support/GraphFixture.h"
+#include "tests/support/ProgramBuilder.h"
+
+namespace tessel {
+namespace {
+
+using build::Audio;
+using build::Bytes;
+using build::ProgrammeBuilder;
+using build::Video;
+using testing::ElementsAre;
+
+constexpr uint16_t kVideoPid = 0x111;
+constexpr uint16_t kAudioPid = 0x112;
+
+ProgrammeBuilder TwoStreams() {
+    return ProgrammeBuilder({{.streams = {Video(kVideoPid), Audio(kAudioPid)}}});
+}
+
+// The received bytes are those of the stream from its first time stamp on, but for a tail that was held back.
+void ExpectStream(const Bytes& received, const Bytes& sent, size_t mostHeldBack) {
+    ASSERT_LE(received.size(), sent.size());
+    EXPECT_LE(sent.size() - received.size(), mostHeldBack);
+    EXPECT_TRUE(std::equal(received.begin(), received.end(), sent.begin()));
+}
+
+class SplitterModes : public testing::TestWithParam<StreamingMode> {};
+
+TEST_P(SplitterModes, DeliversEveryByteWithItsTime) {
+    SplitterGraph graph(GetParam());
+    TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kVideoPid);
+    TestSink& audio = graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kAudioPid);
+    ASSERT_EQ(graph.Run(), S_OK);
+    ProgrammeBuilder builder = TwoStreams();
+    const Bytes stream = builder.Tables().Frames(100).Padding().Take();
+    ASSERT_EQ(graph.source->Push(stream), S_OK);
+    ASSERT_EQ(graph.End(), S_OK);
+    ASSERT_TRUE(video.WaitForEnd());
+    ASSERT_TRUE(audio.WaitForEnd());
+    ExpectStream(video.Bytes(), builder.Payload(kVideoPid), 0);
+    ExpectStream(audio.Bytes(), builder.Payload(kAudioPid), 0);
+    for (TestSink* sink : {&video, &audio}) {
+        const auto samples = sink->Samples();
+        ASSERT_FALSE(samples.empty());
+        EXPECT_TRUE(samples[0].discontinuity);
+        EXPECT_EQ(sink->Segments(), 1u);
+        EXPECT_EQ(sink->Ends(), 1u);
+        const auto times = sink->Times();
+        ASSERT_EQ(times.size(), 100u);
+        for (size_t i = 1; i < times.size(); ++i)
+            EXPECT_EQ(times[i] - times[0], static_cast<int64_t>(i) * 400'000);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, SplitterModes, testing::Values(StreamingMode::kStream, StreamingMode::kRecording),
+                         [](const auto& mode) { return mode.param == StreamingMode::kStream ? "Strm" : "Rec"; });
+
+}  // namespace
+}  // namespace tessel

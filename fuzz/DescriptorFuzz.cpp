@@ -1,7 +1,10 @@
 // The payloads of one descriptor class, that of the tag TESSEL_FUZZ_TAG, and all that a client can ask it.
+#include <memory>
+#include <string_view>
 #include <vector>
 
 #include "descriptors/DescriptorLoop.h"
+#include "descriptors/DescriptorText.h"
 #include "descriptors/LanguageCode.h"
 #include "descriptors/NameTable.h"
 #include "fuzz/FuzzSupport.h"
@@ -144,6 +147,20 @@ void ReadParameters(IGetSetCOMParam& parameters) {
     }
 }
 
+// The whole text, and cuts of it that end in the right place.
+void ReadDisplayText(IDvbDescriptor* descriptor) {
+    std::vector<OLECHAR> whole(kDescriptorTextUnits);
+    RenderDescriptor(whole, descriptor);
+    const size_t length = std::u16string_view(whole.data()).size();
+    Require(length > 0 && length + 1 < kDescriptorTextUnits);
+    for (const size_t size : {size_t{0}, size_t{1}, length / 2, length, length + 1}) {
+        const auto part = std::make_unique<OLECHAR[]>(size);
+        RenderDescriptor({part.get(), size}, descriptor);
+        Require(size == 0 || std::u16string_view(whole.data()).starts_with(part.get()));
+        Require(size <= length || std::u16string_view(part.get()).size() == length);
+    }
+}
+
 template <class... Interfaces>
 int ReadAs(const ComPtr<IDvbDescriptor>& descriptor) {
     int answered = 0;
@@ -177,5 +194,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                 IDvbDescDataBroadcast, IDvbDescDataBroadcastId, IDvbDescAC3>(descriptor);
     Require(answered == (kTag == tag::kRegistration || kTag == tag::kSubtitling ? 0 : 1));
     ReadParameters(*descriptor.As<IGetSetCOMParam>());
+    ReadDisplayText(descriptor.Get());
     return 0;
 }

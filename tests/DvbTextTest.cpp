@@ -1,4 +1,4 @@
-// DVB text, language codes and names.
+// DVB text and language codes.
 #include <gtest/gtest.h>
 #include <iconv.h>
 
@@ -8,7 +8,6 @@
 
 #include "descriptors/DvbText.h"
 #include "descriptors/LanguageCode.h"
-#include "descriptors/NameTable.h"
 
 namespace tessel {
 namespace {
@@ -229,48 +228,6 @@ TEST(LanguageCode, ShowsWhatIsThere) {
     EXPECT_EQ(LanguageName(0x676572), u"ger");
     EXPECT_EQ(LanguageName(0x006465), u"de");
     EXPECT_EQ(LanguageName(0xE90041), u"éA");
-}
-
-TEST(NameTable, KnowsItsRowsBothWays) {
-    struct Case {
-        const NameTable& table;
-        std::u16string_view name;
-        int rows;
-        uint32_t first;
-        uint32_t last;
-    };
-    for (const Case& c : {Case{DescriptorTagNames(), u"DescriptorTag[", 101, 0x02, 0x92},
-                          Case{StreamTypeNames(), u"StreamType[", 30, 0x00, 0x81},
-                          Case{ServiceTypeNames(), u"ServiceType[", 21, 0x00, 0x98},
-                          Case{LinkageTypeNames(), u"LinkageType[", 10, 0x00, 0x90}}) {
-        std::vector<uint32_t> known;
-        for (uint32_t key = 0; key < 0x300; ++key) {
-            const std::u16string name = c.table.GetName(key);
-            const bool isRow = !name.starts_with(c.name);
-            EXPECT_EQ(c.table.GetKey(name), isRow ? static_cast<int32_t>(key) : -1);
-            if (isRow)
-                known.push_back(key);
-        }
-        ASSERT_EQ(known.size(), static_cast<size_t>(c.rows));
-        EXPECT_EQ(known.front(), c.first);
-        EXPECT_EQ(known.back(), c.last);
-    }
-}
-
-TEST(NameTable, ShowsNamesAndUnknownCodes) {
-    EXPECT_EQ(DescriptorTagNames().GetName(0x4A), u"Linkage");
-    EXPECT_EQ(DescriptorTagNames().GetName(0x1E), u"SL");
-    EXPECT_EQ(DescriptorTagNames().GetName(0x1F), u"FMC");
-    EXPECT_EQ(DescriptorTagNames().GetName(0x07), u"TargentBackgroundGrid");
-    EXPECT_EQ(DescriptorTagNames().GetName(0x30), u"AVCTimig");
-    EXPECT_EQ(DescriptorTagNames().GetName(0x7F), u"DescriptorTag[7f]");
-    EXPECT_EQ(StreamTypeNames().GetName(0x00), u"Reserved");
-    EXPECT_EQ(StreamTypeNames().GetName(0x0E), u"ISO13818-1 Auxilary");
-    EXPECT_EQ(StreamTypeNames().GetName(0xFFFFFFFF), u"StreamType[ffffffff]");
-    EXPECT_EQ(ServiceTypeNames().GetName(0x98), u"HDTV MPEG2 MP@HL");
-    EXPECT_EQ(LinkageTypeNames().GetName(0x09), u"LinkageType[9]");
-    EXPECT_EQ(DescriptorTagNames().GetKey(u"Teletext"), 0x56);
-    EXPECT_EQ(DescriptorTagNames().GetKey(u"teletext"), -1);
 }
 
 }  // namespace

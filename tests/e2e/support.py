@@ -156,10 +156,12 @@ def pat(transport_stream_id, programmes):
 
 
 def pmt(number, pcr_pid, components):
-    """components: (stream_type, PID)."""
+    """components: (stream_type, PID) or (stream_type, PID, descriptors as they are transmitted)."""
     body = (0xE000 | pcr_pid).to_bytes(2, "big") + b"\xf0\0"
-    for stream_type, pid in components:
-        body += bytes([stream_type]) + (0xE000 | pid).to_bytes(2, "big") + b"\xf0\0"
+    for stream_type, pid, *loop in components:
+        loop = b"".join(loop)
+        body += bytes([stream_type]) + (0xE000 | pid).to_bytes(2, "big")
+        body += (0xF000 | len(loop)).to_bytes(2, "big") + loop
     return section(0x02, number, body)
 
 

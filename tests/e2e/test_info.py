@@ -1,4 +1,5 @@
 """What `tessel info` says of streams whose content is known."""
+import unicodedata
 import unittest
 
 import support
@@ -120,6 +121,13 @@ class Sample(support.ToolTest):
               (0x203, "audio/aac", "fre", False)],
              [(0x301, "video/mpeg2", None, True), (0x302, "audio/ac3", "ger", True)]])
         self.assertEqual([pid["pid"] for pid in info["pids"] if pid["scrambled"]], [0x301, 0x302])
+        texts = [(d["name"], d["text"]) for c in services[0]["components"] for d in c["descriptors"] if d["tag"] != 0x52]
+        self.assertEqual(texts, [
+            ("VideoStream", "VideoStream(MP@ML, 25 fps)"), ("ISO639Language", "ISO639Language(ger, Undefined)"),
+            ("ISO639Language", "ISO639Language(fre, Undefined)"), ("Teletext", "Teletext(ger, InitialTeletextPage)"),
+            ("Subtitling", "Subtitling([ger, NormalNoAspect, (1, 1)])")])
+        below = "    257  video/mpeg2   -     ISO13818-2 Video\n         VideoStream(MP@ML, 25 fps)\n"
+        self.assertIn(below, self.done("info", support.SAMPLE).decode())
 
 
 class MadeStreams(support.ToolTest):
@@ -156,22 +164,34 @@ class MadeStreams(support.ToolTest):
             (b"A\x1b[31m\x9b2J\x07\x7f\r\n\x00Z", "A\x1b[31m\x9b2J\x07\x7f\r\n"),  # NUL ends a name
             (b"\x11\xd8\x00\x00A\xdc\x00", "\ufffdA\ufffd"),  # halves of surrogate pairs
             (b"\x11\xd8\x3d\xde\x00", "\U0001f600"),
+            *((b"\x11" + mark.encode("utf-16-be"), mark) for mark in  # direction, line ends, tags
+              ("a\u202eb\u200f\u2066\u061c", "\u2028\u2029\u200b\ufeff", "\u2060\ufff9\U000e0041")),
+            (b"\x11\x20\x0c\x20\x0d", "\u200c\u200d"),  # what joins letters stays
+            (b"\xe1" * 126, "\xe1" * 126),
             (b"\x11\x00A\x00", "A"),  # half a character at the end
             (b'"\\</script>', '"\\</script>'),
             (b"\x15\xff\xc3(\xed\xa0\x80", ""),  # a table without a converter
         ]
-        programmes = {number: 0x50 for number in range(1, len(texts) + 1)}
-        data = tables_then(programmes=programmes,
-                           services=[(n, 1, text, text) for n, (text, _) in zip(programmes, texts)])
+        programmes = {number: 0x50 for number in range(1, len(texts) + 1)} | {99: 0x63}
+        services = [(n, 1, text, text) for n, (text, _) in zip(programmes, texts)] + [(99, 1, b"", b"\x9b" * 252)]
+        descriptors = b"\x05\4\x9b2J\x7f" + b"\x0a\4\x1b[m\0"
+        data = tables_then(programmes=programmes, services=services,
+                           maps=[(0x63, pmt(99, 0x64, [(0x02, 0x64, descriptors)]))], packets_on=[0x64])
         path = self.file("texts.ts", data)
         info = self.info(path)
+        longest = info["services"].pop()
+        self.assertEqual((longest["provider"], longest["name"]), ("", "\x9b" * 252))
+        self.assertEqual([d["text"] for d in longest["components"][0]["descriptors"]],
+                         ["Registration(\x9b2J\x7f)", "ISO639Language(\x1b[m, Undefined)"])
         self.assertEqual(len(info["services"]), len(texts))
         for service, (sent, name) in zip(info["services"], texts):
             with self.subTest(sent):
                 self.assertEqual((service["name"], service["provider"]), (name, name))
         shown = self.done("info", path).decode("utf-8", "strict")
-        harmful = [c for c in shown if c != "\n" and (ord(c) < 0x20 or 0x7F <= ord(c) < 0xA0)]
-        self.assertEqual(harmful, [])
+        harmful = [c for c in shown if unicodedata.category(c) in ("Cc", "Cf", "Cs", "Zl", "Zp")]
+        self.assertEqual(set(harmful), {"\n", "\u200c", "\u200d"})
+        self.assertIn("Registration(\ufffd2J\u2421)\n", shown)
+        self.assertIn('"' + "\ufffd" * 252 + '"\n', shown)
         self.assertIn("[31m", shown)
 
 

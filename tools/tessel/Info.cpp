@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cctype>
 
-#include "descriptors/DescriptorInterfaces.h"
+#include "descriptors/DescriptorText.h"
 #include "descriptors/NameTable.h"
 #include "services/objects/Parameters.h"
 #include "tables/TableFactory.h"
@@ -70,6 +70,13 @@ std::optional<std::string> MediaText(IDvbComponentEx* component) {
     return std::nullopt;
 }
 
+DescriptorInfo DescribeDescriptor(IDvbDescriptor* descriptor) {
+    const uint32_t tag = Value(descriptor, &IDvbDescriptor::GetTag);
+    OLECHAR text[kDescriptorTextUnits];
+    RenderDescriptor(text, descriptor);
+    return {tag, ToUtf8(DescriptorTagNames().GetName(tag)), ToUtf8(text)};
+}
+
 ComponentInfo DescribeComponent(IDvbComponentEx* component) {
     ComponentInfo info;
     info.pid = Value<IDvbComponent>(component, &IDvbComponent::GetPid);
@@ -80,10 +87,8 @@ ComponentInfo DescribeComponent(IDvbComponentEx* component) {
     info.media = MediaText(component);
     ComPtr<IDvbMapping> descriptors;
     component->GetDescriptors(descriptors.Put());
-    for (int32_t i = 0; const auto descriptor = ItemAs<IDvbDescriptor>(descriptors.Get(), i); ++i) {
-        const uint32_t tag = Value<IDvbDescriptor>(descriptor.Get(), &IDvbDescriptor::GetTag);
-        info.descriptors.push_back({tag, ToUtf8(DescriptorTagNames().GetName(tag))});
-    }
+    for (int32_t i = 0; const auto descriptor = ItemAs<IDvbDescriptor>(descriptors.Get(), i); ++i)
+        info.descriptors.push_back(DescribeDescriptor(descriptor.Get()));
     return info;
 }
 

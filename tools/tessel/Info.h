@@ -13,6 +13,7 @@ namespace tessel::tool {
 struct DescriptorInfo {
     uint32_t tag;
     std::string name;
+    std::string text;  // the name, and what could be read of the descriptor
 };
 
 struct ComponentInfo {

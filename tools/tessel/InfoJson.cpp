@@ -16,7 +16,7 @@ Json OrNull(const std::optional<T>& value) {
 Json ToJson(const ComponentInfo& component) {
     Json descriptors = Json::array();
     for (const DescriptorInfo& descriptor : component.descriptors)
-        descriptors.push_back({{"tag", descriptor.tag}, {"name", descriptor.name}});
+        descriptors.push_back({{"tag", descriptor.tag}, {"name", descriptor.name}, {"text", descriptor.text}});
     return {{"pid", component.pid},
             {"stream_type", component.streamType},
             {"stream_type_name", component.streamTypeName},

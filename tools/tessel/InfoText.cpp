@@ -20,45 +20,53 @@ std::string HexOr(const std::optional<uint32_t>& value, const char* otherwise) {
 
 using Row = std::vector<std::string>;
 
-// Aligned columns; the last one runs free.
-std::string Columned(const std::vector<Row>& rows, const std::string& indent) {
+// A line each with aligned columns; the last column runs free.
+std::vector<std::string> Aligned(const std::vector<Row>& rows, const std::string& indent) {
     std::vector<size_t> widths;
     for (const Row& row : rows) {
         widths.resize(std::max(widths.size(), row.size()));
         for (size_t i = 0; i < row.size(); ++i)
             widths[i] = std::max(widths[i], Columns(row[i]));
     }
-    std::string text;
+    std::vector<std::string> lines;
     for (const Row& row : rows) {
-        std::string line = indent;
+        std::string& line = lines.emplace_back(indent);
         for (size_t i = 0; i < row.size(); ++i) {
             line += row[i];
             if (i + 1 < row.size())
                 line.append(widths[i] - Columns(row[i]) + 2, ' ');
         }
         line.erase(line.find_last_not_of(' ') + 1);
-        text += line + "\n";
+        line += '\n';
     }
+    return lines;
+}
+
+std::string Columned(const std::vector<Row>& rows, const std::string& indent) {
+    std::string text;
+    for (const std::string& line : Aligned(rows, indent))
+        text += line;
     return text;
 }
 
-std::string DescriptorNames(const ComponentInfo& component) {
-    std::string names;
-    for (const DescriptorInfo& descriptor : component.descriptors)
-        names += (names.empty() ? "" : " ") + descriptor.name;
-    return names;
-}
-
+// Descriptors stand below their component: their texts are too long for a column.
 std::string Components(const ServiceInfo& service) {
-    std::vector<Row> rows = {{"PID", "MEDIA", "LANG", "STREAM TYPE", "DESCRIPTORS"}};
+    std::vector<Row> rows = {{"PID", "MEDIA", "LANG", "STREAM TYPE"}};
     for (const ComponentInfo& component : service.components) {
         std::string media = component.media.value_or("-");
         if (component.scrambled)
             media += " (scrambled)";
-        rows.push_back({std::to_string(component.pid), media, component.language.value_or("-"),
-                        component.streamTypeName, DescriptorNames(component)});
+        rows.push_back(
+            {std::to_string(component.pid), media, component.language.value_or("-"), component.streamTypeName});
     }
-    return Columned(rows, "    ");
+    const auto lines = Aligned(rows, "    ");
+    std::string text = lines.front();
+    for (size_t i = 0; i < service.components.size(); ++i) {
+        text += lines[i + 1];
+        for (const DescriptorInfo& descriptor : service.components[i].descriptors)
+            text += "         " + ToTerminal(descriptor.text) + "\n";
+    }
+    return text;
 }
 
 std::string Quoted(const std::optional<std::string>& text, const char* otherwise) {

@@ -1,5 +1,7 @@
 #include "tools/tessel/Utf8.h"
 
+#include <algorithm>
+#include <bit>
 #include <cstdint>
 
 namespace tessel::tool {
@@ -32,6 +34,32 @@ bool IsLow(char16_t unit) {
     return unit >= 0xDC00 && unit <= 0xDFFF;
 }
 
+// Takes one character off the front of text; of what is none, a byte.
+char32_t TakeCharacter(std::string_view& text) {
+    const auto byte = [&](size_t i) { return i < text.size() ? static_cast<uint8_t>(text[i]) : uint8_t{0}; };
+    const auto ones = static_cast<size_t>(std::countl_one(byte(0)));
+    const size_t length = ones == 0 ? 1 : ones;
+    char32_t c = byte(0) & 0xFF >> ones;
+    bool whole = ones != 1 && ones <= 4;
+    for (size_t i = 1; whole && i < length; ++i) {
+        whole = (byte(i) & 0xC0) == 0x80;
+        c = c << 6 | (byte(i) & 0x3F);
+    }
+    text.remove_prefix(whole ? length : 1);
+    return whole ? c : U'\uFFFD';
+}
+
+// Not on a terminal: C1 controls, marks of direction and of line ends, what has no width (the two joiners
+// excepted: Persian and Indian names need them), and what is no character.
+bool IsShown(char32_t c) {
+    constexpr struct {
+        char32_t first, last;
+    } kHidden[] = {{0x0080, 0x009F}, {0x061C, 0x061C}, {0x200B, 0x200B},   {0x200E, 0x200F},
+                   {0x2028, 0x202E}, {0x2060, 0x206F}, {0xD800, 0xDFFF},   {0xFEFF, 0xFEFF},
+                   {0xFFF9, 0xFFFB}, {0xFFFE, 0xFFFF}, {0xE0000, 0xE0FFF}, {0x110000, ~char32_t{0}}};
+    return std::ranges::none_of(kHidden, [c](const auto& range) { return c >= range.first && c <= range.last; });
+}
+
 }  // namespace
 
 std::string ToUtf8(std::u16string_view text) {
@@ -50,17 +78,12 @@ std::string ToUtf8(std::u16string_view text) {
 
 std::string ToTerminal(std::string_view utf8) {
     std::string out;
-    for (size_t i = 0; i < utf8.size(); ++i) {
-        const auto byte = static_cast<uint8_t>(utf8[i]);
-        const auto next = static_cast<uint8_t>(i + 1 < utf8.size() ? utf8[i + 1] : 0);
-        if (byte < 0x20 || byte == 0x7F) {
-            AppendUtf8(out, byte == 0x7F ? U'\u2421' : U'\u2400' + byte);
-        } else if (byte == 0xC2 && next < 0xA0 && next >= 0x80) {  // C1 controls
-            AppendUtf8(out, U'\uFFFD');
-            ++i;
-        } else {
-            out += static_cast<char>(byte);
-        }
+    while (!utf8.empty()) {
+        const char32_t c = TakeCharacter(utf8);
+        if (c < 0x20 || c == 0x7F)
+            AppendUtf8(out, c == 0x7F ? U'\u2421' : U'\u2400' + c);
+        else
+            AppendUtf8(out, IsShown(c) ? c : U'\uFFFD');
     }
     return out;
 }

@@ -9,7 +9,8 @@ namespace tessel::tool {
 // Half a surrogate pair becomes U+FFFD.
 std::string ToUtf8(std::u16string_view text);
 
-// The same with control characters made visible: a broadcast must not drive the reader's terminal.
+// utf8 with everything made visible that would drive the reader's terminal: control characters, and
+// the marks that end a line, turn its direction or hide in it. Broken UTF-8 becomes U+FFFD.
 std::string ToTerminal(std::string_view utf8);
 
 // Columns that utf8 takes on a terminal, counting one for each character.

@@ -138,6 +138,8 @@ HRESULT CTsFilterBase::ParseData() {
 
 CTsFilterBase::Next CTsFilterBase::ParsePacket(const uint8_t* packet) {
     const TsHeader header = DecodeTsHeader(packet);
+    if (m_announcement.position == m_parser.StreamPosition()) [[unlikely]]
+        return OfferAnnouncement(packet, header);
     const uint32_t pid = header.Pid();
     const bool scrambled = header.TransportScramblingControl() != 0;
     m_pidStatus.Update(pid, scrambled);
@@ -157,8 +159,19 @@ CTsFilterBase::Next CTsFilterBase::ParsePacket(const uint8_t* packet) {
     }
 
     const bool hasSectionFilter = m_sectionFilterSlots[pid].load(std::memory_order_acquire) != nullptr;
-    if (hasSectionFilter && FAILED(ParseSections(packet, header, adaptation)))
-        return m_hasDeferred.load(std::memory_order_relaxed) ? Next::kPause : Next::kGoOn;
+    if (!hasSectionFilter)
+        return OfferPacket(packet, header, adaptation, false);
+    bool announced = false;
+    const HRESULT status = ParseSections(packet, header, adaptation, &announced);
+    if (announced)
+        return Next::kAgain;
+    if (SUCCEEDED(status))
+        return OfferPacket(packet, header, adaptation, true);
+    return m_hasDeferred.load(std::memory_order_relaxed) ? Next::kPause : Next::kGoOn;
+}
+
+CTsFilterBase::Next CTsFilterBase::OfferPacket(const uint8_t* packet, const TsHeader& header,
+                                               const AdaptationFieldHeader& adaptation, bool hasSectionFilter) {
     const bool refused = m_router.OfferPacket(packet, header, adaptation, hasSectionFilter);
     if (refused && m_mode == StreamingMode::kFile)
         return Next::kRefused;
@@ -166,7 +179,7 @@ CTsFilterBase::Next CTsFilterBase::ParsePacket(const uint8_t* packet) {
 }
 
 HRESULT CTsFilterBase::ParseSections(const uint8_t* packet, const TsHeader& header,
-                                     const AdaptationFieldHeader& adaptation) {
+                                     const AdaptationFieldHeader& adaptation, bool* announced) {
     HRESULT status = S_OK;
     std::span<const uint8_t> section;
     {
@@ -181,13 +194,29 @@ HRESULT CTsFilterBase::ParseSections(const uint8_t* packet, const TsHeader& head
         status = filter->AssembleSection(packet + offset, length, header.PayloadUnitStartIndicator(),
                                          adaptation.DiscontinuityIndicator(), header.ContinuityCounter());
         section = filter->TakeCompleted();
-        if (!section.empty())
+        if (!section.empty()) {
+            const uint32_t before = CurrentTransportStreamId();
             DispatchSection(section);
+            *announced = CurrentTransportStreamId() != before;
+        }
+    }
+    if (*announced) {
+        m_announcement = {m_parser.StreamPosition(), status, {section.begin(), section.end()}};
+        return status;
     }
     // Outside the table lock: the bytes stay until this PID's next section completes, on this thread.
     if (!section.empty())
         m_router.OfferSection(header, section);
     return status;
+}
+
+CTsFilterBase::Next CTsFilterBase::OfferAnnouncement(const uint8_t* packet, const TsHeader& header) {
+    const Announcement announcement = std::exchange(m_announcement, {});
+    m_router.OfferSection(header, announcement.section);
+    if (FAILED(announcement.status))
+        return Next::kGoOn;
+    const auto adaptation = header.HasAdaptationField() ? DecodeAdaptationFieldHeader(packet) : AdaptationFieldHeader{};
+    return OfferPacket(packet, header, adaptation, true);
 }
 
 HRESULT CTsFilterBase::DispatchSection(std::span<const uint8_t> section) {
@@ -216,6 +245,7 @@ HRESULT CTsFilterBase::EndPcrUpdate() {
 
 void CTsFilterBase::InternalReset() {
     m_parser.FlushBuffer();
+    m_announcement = {};
     CScopedLock lock(&m_tableLock);
     m_currentTransportStreamId.store(0, std::memory_order_relaxed);
     m_pidStatus.Clear();

@@ -231,8 +231,20 @@ private:
     };
 
     Next ParsePacket(const uint8_t* packet) override;
+    Next OfferPacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
+                     bool hasSectionFilter);
+    // A section that announced another transport stream. The contents start anew before they get it, so it waits,
+    // with its packet, until that has been done.
+    struct Announcement {
+        int64_t position = -1;  // of the packet
+        HRESULT status = S_OK;
+        std::vector<uint8_t> section;
+    };
+
     // What the section filter of the packet's PID makes of it; a failure keeps the packet from the outputs.
-    HRESULT ParseSections(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation);
+    HRESULT ParseSections(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
+                          bool* announced);
+    Next OfferAnnouncement(const uint8_t* packet, const TsHeader& header);
     HRESULT DispatchSection(std::span<const uint8_t> section);
     void DeleteSectionFilters(uint32_t firstPid) OS_REQUIRES(m_tableLock);
     void InstallSectionFilters(DefaultFilters which);
@@ -280,6 +292,8 @@ private:
     const std::shared_ptr<CDeliveryLock> m_deliveryLock;
 
     PacketParser m_parser;
+    // With the streaming lock.
+    Announcement m_announcement;
     PidStatusBits m_pidStatus;
     PacketRouter m_router;
     PcrClocks m_clocks;

@@ -274,6 +274,9 @@ REFERENCE_TIME CStreamExecutor::ToSampleTime(int64_t timestamp, bool startPendin
 }
 
 void CStreamExecutor::AddMark(int64_t timestamp) {
+    // A PES packet that had no payload leaves no mark, so that marks cannot outgrow the bytes.
+    if (!m_marks.empty() && m_marks.back().position == m_bytesIn)
+        m_marks.pop_back();
     // Those whose bytes have been dropped are kept for their times, but not without end.
     if (m_marks.size() >= kMaxQueued && m_marks[1].position <= m_bytesOut)
         m_marks.pop_front();

@@ -13,7 +13,7 @@ namespace {
 constexpr int32_t kFirstCapacity = 0x30000;
 constexpr int32_t kLastCapacity = 0x300000;
 // Fewer bytes a PID are not worth a wake-up.
-constexpr int32_t kWorthwhile = 1800;
+constexpr int64_t kWorthwhile = 1800;
 constexpr int32_t kCountOfAll = 11;
 
 }  // namespace
@@ -52,8 +52,13 @@ bool CTransportStream::UpdateMapping(IEnumPIDMap* mapping) {
     mapping->Reset();
     m_pidCount = 0;
     PID_MAP entry{};
-    while (m_pidCount < kCountOfAll && mapping->Next(1, &entry, nullptr) == S_OK)
-        m_pidCount = entry.ulPID == ALL_PIDS ? kCountOfAll : m_pidCount + 1;
+    while (mapping->Next(1, &entry, nullptr) == S_OK) {
+        ++m_pidCount;
+        if (entry.ulPID == ALL_PIDS) {
+            m_pidCount = kCountOfAll;
+            break;
+        }
+    }
     return CStreamExecutor::UpdateMapping(mapping);
 }
 

@@ -180,11 +180,13 @@ HRESULT CTsOutputPin::MapPID(ULONG count, const ULONG* pids, MEDIA_SAMPLE_CONTEN
             bindsNow = NoteMapping();
         }
     }
-    if (FAILED(result))
-        return result;
+    // Those before one that was refused stay mapped.
     if (Kind() == ContentKind::kPsiSections)
         for (ULONG i = 0; i < count; ++i)
-            m_host.WantSections(pids[i]);
+            if (m_map.Contains(pids[i]))
+                m_host.WantSections(pids[i]);
+    if (FAILED(result))
+        return result;
     if (bindsNow && SUCCEEDED(executor->Active())) {
         OfferPrograms(*executor);
         executor->Inactive();

@@ -150,6 +150,8 @@ HRESULT PacketParser::ParseData(IPacketHandler& handler) {
         const IPacketHandler::Next next = handler.ParsePacket(packet);
         if (next == IPacketHandler::Next::kRefused)
             return S_FALSE;
+        if (next == IPacketHandler::Next::kAgain)
+            return kParsePaused;
         Consume(m_packetSize);
         if (next == IPacketHandler::Next::kPause)
             return kParsePaused;

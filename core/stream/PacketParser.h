@@ -30,6 +30,7 @@ public:
         kGoOn,
         kRefused,  // stop, leaving the packet unread
         kPause,    // stop behind the packet
+        kAgain,    // stop, and hand it over once more
     };
     // packet: 188 bytes.
     virtual Next ParsePacket(const uint8_t* packet) = 0;

@@ -30,6 +30,25 @@ inline AM_MEDIA_TYPE MakeMediaType(const GUID& major, const GUID& sub) {
     return type;
 }
 
+// Looks every millisecond; false when it has not turned true after kTestWait.
+bool Eventually(const std::function<bool()>& holds);
+
+// Stands still unless a test moves it.
+class ManualClock final : public CBaseReferenceClock {
+public:
+    ManualClock() : CBaseReferenceClock("ManualClock", nullptr, kMediaLeafRank) {}
+    ~ManualClock() override { StopAdvising(); }
+
+    REFERENCE_TIME GetPrivateTime() override { return m_now; }
+    void Advance(REFERENCE_TIME by) {
+        m_now += by;
+        TriggerThread();
+    }
+
+private:
+    std::atomic<REFERENCE_TIME> m_now{10'000'000'000};
+};
+
 // One output pin; the test pushes on its own thread.
 class TestSource final : public CBaseFilter {
 public:
@@ -103,10 +122,10 @@ private:
     size_t m_ends = 0;
 };
 
-// source → splitter → sinks, in a graph without a clock.
+// source → splitter → sinks, in a graph without a clock, unless the test gives it one.
 class SplitterGraph {
 public:
-    explicit SplitterGraph(StreamingMode mode = StreamingMode::kRecording);
+    explicit SplitterGraph(StreamingMode mode = StreamingMode::kRecording, ComPtr<ManualClock> clock = {});
     ~SplitterGraph();
 
     // An output pin of that name and type, mapped, with a sink behind it. The sink lives as long as the graph.
@@ -116,9 +135,11 @@ public:
         return Add(name, major, sub, {pid}, MEDIA_ELEMENTARY_STREAM);
     }
     OutputPinPtr Pin(const OLECHAR* name);
+    // With a clock, stream time is 0 then.
     HRESULT Run();
     HRESULT End() { return source->Out().DeliverEndOfStream(); }
 
+    const ComPtr<ManualClock> clock;
     ComPtr<CFilterGraph> graph;
     ComPtr<CTsSplitter> splitter;
     ComPtr<TestSource> source;

@@ -136,7 +136,7 @@ HRESULT CTsFilterBase::ParseData() {
     return result;
 }
 
-CTsFilterBase::Next CTsFilterBase::ParsePacket(const uint8_t* packet) {
+inline ParserStep CTsFilterBase::ParsePacket(const uint8_t* packet) {
     const TsHeader header = DecodeTsHeader(packet);
     if (m_announcement.position == m_parser.StreamPosition()) [[unlikely]]
         return OfferAnnouncement(packet, header);
@@ -144,13 +144,13 @@ CTsFilterBase::Next CTsFilterBase::ParsePacket(const uint8_t* packet) {
     const bool scrambled = header.TransportScramblingControl() != 0;
     m_pidStatus.Update(pid, scrambled);
     if (header.TransportErrorIndicator() || scrambled)
-        return Next::kGoOn;
+        return ParserStep::kGoOn;
 
     AdaptationFieldHeader adaptation;
     if (header.HasAdaptationField()) {
         adaptation = DecodeAdaptationFieldHeader(packet);
         if (adaptation.length > kMaxAdaptationFieldLength)
-            return Next::kGoOn;
+            return ParserStep::kGoOn;
         if (m_clocks.Wants(adaptation)) {
             // Notices about a jump stand at the right byte only when all before it has gone in.
             m_router.FlushPackets();
@@ -164,18 +164,18 @@ CTsFilterBase::Next CTsFilterBase::ParsePacket(const uint8_t* packet) {
     bool announced = false;
     const HRESULT status = ParseSections(packet, header, adaptation, &announced);
     if (announced)
-        return Next::kAgain;
+        return ParserStep::kAgain;
     if (SUCCEEDED(status))
         return OfferPacket(packet, header, adaptation, true);
-    return m_hasDeferred.load(std::memory_order_relaxed) ? Next::kPause : Next::kGoOn;
+    return m_hasDeferred.load(std::memory_order_relaxed) ? ParserStep::kPause : ParserStep::kGoOn;
 }
 
-CTsFilterBase::Next CTsFilterBase::OfferPacket(const uint8_t* packet, const TsHeader& header,
-                                               const AdaptationFieldHeader& adaptation, bool hasSectionFilter) {
+inline ParserStep CTsFilterBase::OfferPacket(const uint8_t* packet, const TsHeader& header,
+                                             const AdaptationFieldHeader& adaptation, bool hasSectionFilter) {
     const bool refused = m_router.OfferPacket(packet, header, adaptation, hasSectionFilter);
     if (refused && m_mode == StreamingMode::kFile)
-        return Next::kRefused;
-    return hasSectionFilter && m_hasDeferred.load(std::memory_order_relaxed) ? Next::kPause : Next::kGoOn;
+        return ParserStep::kRefused;
+    return hasSectionFilter && m_hasDeferred.load(std::memory_order_relaxed) ? ParserStep::kPause : ParserStep::kGoOn;
 }
 
 HRESULT CTsFilterBase::ParseSections(const uint8_t* packet, const TsHeader& header,
@@ -210,11 +210,11 @@ HRESULT CTsFilterBase::ParseSections(const uint8_t* packet, const TsHeader& head
     return status;
 }
 
-CTsFilterBase::Next CTsFilterBase::OfferAnnouncement(const uint8_t* packet, const TsHeader& header) {
+ParserStep CTsFilterBase::OfferAnnouncement(const uint8_t* packet, const TsHeader& header) {
     const Announcement announcement = std::exchange(m_announcement, {});
     m_router.OfferSection(header, announcement.section);
     if (FAILED(announcement.status))
-        return Next::kGoOn;
+        return ParserStep::kGoOn;
     const auto adaptation = header.HasAdaptationField() ? DecodeAdaptationFieldHeader(packet) : AdaptationFieldHeader{};
     return OfferPacket(packet, header, adaptation, true);
 }

@@ -52,7 +52,6 @@ class CTsFilterBase : private FilterStateLock,
                       public IMPEG2PIDParam,
                       public ITableDecoder,
                       protected IOutputHost,
-                      private IPacketHandler,
                       private IPcrClockOwner,
                       private ITableStoreEvents,
                       private IServiceListOwner {
@@ -230,9 +229,10 @@ private:
         std::vector<PidNotice> notices;
     };
 
-    Next ParsePacket(const uint8_t* packet) override;
-    Next OfferPacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
-                     bool hasSectionFilter);
+    friend class PacketParser;
+    ParserStep ParsePacket(const uint8_t* packet);
+    ParserStep OfferPacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
+                           bool hasSectionFilter);
     // A section that announced another transport stream. The contents start anew before they get it, so it waits,
     // with its packet, until that has been done.
     struct Announcement {
@@ -244,7 +244,7 @@ private:
     // What the section filter of the packet's PID makes of it; a failure keeps the packet from the outputs.
     HRESULT ParseSections(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
                           bool* announced);
-    Next OfferAnnouncement(const uint8_t* packet, const TsHeader& header);
+    ParserStep OfferAnnouncement(const uint8_t* packet, const TsHeader& header);
     HRESULT DispatchSection(std::span<const uint8_t> section);
     void DeleteSectionFilters(uint32_t firstPid) OS_REQUIRES(m_tableLock);
     void InstallSectionFilters(DefaultFilters which);

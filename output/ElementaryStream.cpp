@@ -218,7 +218,7 @@ void CElementaryStream::OnContinuityError() {
     m_lastContinuityCounter = -1;
 }
 
-bool CElementaryStream::CheckContinuity(const OfferedPacket& packet) {
+inline bool CElementaryStream::CheckContinuity(const OfferedPacket& packet) {
     if (static_cast<int32_t>(packet.header.Pid()) != m_pcrPid && packet.adaptation.DiscontinuityIndicator())
         m_lastContinuityCounter = -1;
     const int32_t counter = packet.header.ContinuityCounter();
@@ -232,7 +232,17 @@ bool CElementaryStream::CheckContinuity(const OfferedPacket& packet) {
     return true;
 }
 
-HRESULT CElementaryStream::Add(const OfferedPacket& packet) {
+HRESULT CElementaryStream::AddAll(std::span<const OfferedPacket> packets, size_t* taken) {
+    for (const OfferedPacket& packet : packets) {
+        const HRESULT result = Add(packet);
+        if (FAILED(result))
+            return result;
+        ++*taken;
+    }
+    return S_OK;
+}
+
+inline HRESULT CElementaryStream::Add(const OfferedPacket& packet) {
     const int32_t offset = PayloadOffset(packet.header, packet.adaptation);
     int32_t length = kTransportPacketSize - offset;
     if (!packet.header.HasPayload() || length < 1)
@@ -260,7 +270,9 @@ HRESULT CElementaryStream::Add(const OfferedPacket& packet) {
             length -= skipped;
         }
     }
-    m_bytesIn += m_cache->Append(payload, length);
+    if (length > 0)
+        m_cache->AppendPiece(payload, length);
+    SetBytesIn(m_bytesIn.load(std::memory_order_relaxed) + length);
     return S_OK;
 }
 

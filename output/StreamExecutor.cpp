@@ -396,19 +396,15 @@ HRESULT CStreamExecutor::AddPackets(std::span<const OfferedPacket> packets, size
     CScopedLock lock(&m_lock);
     if (!IsActive())
         return E_UNEXPECTED;
+    HRESULT result = E_OUTOFMEMORY;
     try {
-        for (const OfferedPacket& packet : packets) {
-            const HRESULT result = Add(packet);
-            if (result == E_OUTOFMEMORY)
-                m_full = true;
-            if (FAILED(result))
-                return result;
-            ++*taken;
-        }
+        result = AddAll(packets, taken);
     } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;  // of the queue of time stamps
+        // Of the queue of time stamps.
     }
-    return S_OK;
+    if (result == E_OUTOFMEMORY)
+        m_full = true;
+    return result;
 }
 
 HRESULT CStreamExecutor::TakeSection(const TsHeader&, std::span<const uint8_t>) {

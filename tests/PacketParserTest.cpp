@@ -19,14 +19,14 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 // What the parser handed on: the PID and stream position of each packet.
-class Packets final : public IPacketHandler {
+class Packets {
 public:
     explicit Packets(const PacketParser& parser) : m_parser(parser) {}
 
-    Next ParsePacket(const uint8_t* packet) override {
+    ParserStep ParsePacket(const uint8_t* packet) {
         seen.emplace_back(DecodeTsHeader(packet).Pid(), m_parser.StreamPosition());
         arrivals.push_back(m_parser.CurrentArrival().time);
-        return refuse ? Next::kRefused : Next::kGoOn;
+        return refuse ? ParserStep::kRefused : ParserStep::kGoOn;
     }
 
     std::vector<std::pair<uint32_t, int64_t>> seen;

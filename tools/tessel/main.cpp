@@ -1,9 +1,7 @@
 // The command line: `tessel COMMAND INPUT ...`.
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <new>
 
 #include "tools/tessel/Extract.h"
@@ -25,14 +23,6 @@ struct ExtractArguments {
     bool sections = false;
     std::string output;
 };
-
-void Print(const std::string& text) {
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
-        if (errno == EPIPE)
-            throw OutputClosed();
-        throw Failure(std::string("standard output: cannot write: ") + std::strerror(errno));
-    }
-}
 
 void RunInfo(const InfoArguments& arguments) {
     InputFile input(arguments.input);

@@ -229,7 +229,7 @@ private:
         std::vector<PidNotice> notices;
     };
 
-    friend class PacketParser;
+    friend PacketParser;
     ParserStep ParsePacket(const uint8_t* packet);
     ParserStep OfferPacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
                            bool hasSectionFilter);

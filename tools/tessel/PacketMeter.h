@@ -21,7 +21,7 @@ struct PidCounts {
     int8_t lastCounter = -1;
 };
 
-class PacketMeter final : private IPacketHandler {
+class PacketMeter {
 public:
     PacketMeter();
 
@@ -42,7 +42,8 @@ public:
     const std::optional<Pcr>& LastPcr() const { return m_lastPcr; }
 
 private:
-    Next ParsePacket(const uint8_t* packet) override { return Note(packet), Next::kGoOn; }
+    friend PacketParser;
+    ParserStep ParsePacket(const uint8_t* packet) { return Note(packet), ParserStep::kGoOn; }
     void Note(const uint8_t* packet);
     void CountPayload(PidCounts& counts, const TsHeader& header, std::span<const uint8_t> payload);
     void BeginAgain();

@@ -12,7 +12,7 @@ namespace tessel::tool {
 class PushSource final : public CBaseFilter {
 public:
     // As much as the buffer of a splitter takes: the fewer the handovers between threads, the less they cost.
-    static constexpr LONG kSampleSize = PacketParser::kDefaultCapacity;
+    static constexpr LONG kSampleSize = 768 * 1024;  // fits the input buffer beside the rest of the last one
 
     explicit PushSource(size_t pins);
 

@@ -152,19 +152,21 @@ HRESULT CElementaryStream::Bind(const Binding& binding) {
         return E_FAIL;
     }
     const auto pcrPid = static_cast<int32_t>(binding.pcrPid);
-    // Waiting for the program, the update is open already.
-    if (m_state != State::kWaitingForProgram && pcrPid != m_pcrPid)
+    const bool waits = m_state == State::kWaitingForProgram;  // with an update open
+    // A new version that leaves the clock alone leaves the stream alone.
+    const bool starts = waits || pcrPid != m_pcrPid;
+    if (starts && !waits)
         m_host.BeginPcrUpdate();
-    const bool updating = m_state == State::kWaitingForProgram || pcrPid != m_pcrPid;
     m_pcrPid = pcrPid;
     if (binding.pcrPid == kNullPid) {
-        if (m_state != State::kWaitingForProgram && updating)
+        if (starts && !waits)
             m_host.EndPcrUpdate();
         FlushCache();
         return E_FAIL;
     }
-    if (updating)
-        m_host.EndPcrUpdate();
+    if (!starts)
+        return S_OK;
+    m_host.EndPcrUpdate();
     if (m_pin.IsConnected()) {
         m_state = State::kWaitingForStart;
         m_pin.SetStartPending();
@@ -178,6 +180,8 @@ void CElementaryStream::FlushCache() {
     if (m_cache)
         m_cache->Clear();
     m_bytesOut = m_bytesIn.load();
+    m_full = false;
+    m_pin.OnRoomMade();
 }
 
 HRESULT CElementaryStream::Drop(int32_t bytes) {

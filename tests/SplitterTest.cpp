@@ -59,5 +59,40 @@ TEST_P(SplitterModes, DeliversEveryByteWithItsTime) {
 INSTANTIATE_TEST_SUITE_P(Modes, SplitterModes, testing::Values(StreamingMode::kStream, StreamingMode::kRecording),
                          [](const auto& mode) { return mode.param == StreamingMode::kStream ? "Strm" : "Rec"; });
 
+TEST(Splitter, ANewPmtVersionChangesTheTypeAndLosesNothing) {
+    SplitterGraph graph;
+    TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kVideoPid);
+    TestSink& open = graph.AddOpen(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kAudioPid);
+    ASSERT_EQ(graph.Run(), S_OK);
+    ProgrammeBuilder builder = TwoStreams();
+    builder.Tables().Frames(30);
+    builder.stream().Packet(kVideoPid, Bytes(184, 0xEE)).Packet(kAudioPid, Bytes(184, 0xEE));
+    ASSERT_EQ(graph.source->Push(builder.Padding().Take()), S_OK);
+    ASSERT_TRUE(Eventually([&] { return open.Bytes().size() >= builder.Payload(kAudioPid).size(); }));
+    // In the middle of PES packets, the same streams with another audio type; then nothing new but the version.
+    builder.programmes()[0].pmtVersion = 1;
+    builder.programmes()[0].streams[1].streamType = 0x81;
+    builder.Tables();
+    builder.stream().Packet(kVideoPid, Bytes(184, 0xEF)).Packet(kAudioPid, Bytes(184, 0xEF));
+    builder.programmes()[0].pmtVersion = 2;
+    builder.Tables();
+    builder.stream().Packet(kVideoPid, Bytes(184, 0xF0)).Packet(kAudioPid, Bytes(184, 0xF0));
+    ASSERT_EQ(graph.source->Push(builder.Frames(30).Padding().Take()), S_OK);
+    ASSERT_EQ(graph.End(), S_OK);
+    for (TestSink* sink : {&video, &open}) {
+        ASSERT_TRUE(sink->WaitForEnd());
+        const size_t payload = builder.Payload(sink == &video ? kVideoPid : kAudioPid).size();
+        EXPECT_EQ(sink->Bytes().size(), payload + 3 * 184);
+        EXPECT_EQ(sink->Segments(), 1u);
+        const auto samples = sink->Samples();
+        const auto typed =
+            std::count_if(samples.begin(), samples.end(), [](const auto& sample) { return sample.hasType; });
+        EXPECT_EQ(typed, sink == &video ? 0 : 1);
+    }
+    CMediaType type;
+    EXPECT_EQ(graph.Pin(u"a")->CurrentMediaType(type), S_OK);
+    EXPECT_EQ(type.subtype, MEDIASUBTYPE_DOLBY_AC3);
+}
+
 }  // namespace
 }  // namespace tessel

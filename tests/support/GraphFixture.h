@@ -134,6 +134,10 @@ public:
     TestSink& AddStream(const OLECHAR* name, const GUID& major, const GUID& sub, ULONG pid) {
         return Add(name, major, sub, {pid}, MEDIA_ELEMENTARY_STREAM);
     }
+    // As AddStream, with a sink that takes every type.
+    TestSink& AddOpen(const OLECHAR* name, const GUID& major, const GUID& sub, ULONG pid) {
+        return AddTo(name, major, sub, {pid}, MEDIA_ELEMENTARY_STREAM, MakeObject<TestSink>());
+    }
     OutputPinPtr Pin(const OLECHAR* name);
     // With a clock, stream time is 0 then.
     HRESULT Run();
@@ -146,6 +150,9 @@ public:
     ComPtr<IMpeg2Demultiplexer> demultiplexer;
 
 private:
+    TestSink& AddTo(const OLECHAR* name, const GUID& major, const GUID& sub, std::vector<ULONG> pids,
+                    MEDIA_SAMPLE_CONTENT content, ComPtr<TestSink> sink);
+
     std::vector<ComPtr<TestSink>> m_sinks;
 };
 

@@ -277,7 +277,8 @@ bool CElementaryStream::AlignToClock(IMediaSample& sample, REFERENCE_TIME start,
         const uint32_t epoch = Epoch();
         const auto milliseconds = static_cast<uint32_t>(std::min<int64_t>((start - now) / 10'000, INT32_MAX));
         m_lock.Unlock();
-        m_host.WaitForStreamTime(start - kWakeBefore, m_pin.InterruptEvent(), milliseconds);
+        if (m_pin.MayWait())
+            m_host.WaitForStreamTime(start - kWakeBefore, m_pin.InterruptEvent(), milliseconds);
         m_lock.Lock();
         *bytes = std::min(*bytes, m_cache ? m_cache->Available() : 0);
         return epoch == Epoch() && IsActive() && *bytes > 0;

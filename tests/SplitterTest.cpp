@@ -94,5 +94,34 @@ TEST(Splitter, ANewPmtVersionChangesTheTypeAndLosesNothing) {
     EXPECT_EQ(type.subtype, MEDIASUBTYPE_DOLBY_AC3);
 }
 
+TEST(SplitterLive, AudioBeginsWhenItIsDue) {
+    SplitterGraph graph(StreamingMode::kLive, MakeObject<ManualClock>());
+    TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kVideoPid);
+    TestSink& audio = graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kAudioPid);
+    // Longer than the test takes, since the wait has a time-out in real time.
+    ASSERT_EQ(ComPtr<IPin>(graph.Pin(u"a").get()).As<IAMPushSource>()->SetStreamOffset(kTestWait * 10'000), S_OK);
+    std::atomic<REFERENCE_TIME> begun{0};
+    audio.OnSample([&](IMediaSample&) {
+        if (begun == 0)
+            begun = graph.clock->GetPrivateTime();
+        return S_OK;
+    });
+    ASSERT_EQ(graph.Run(), S_OK);
+    const REFERENCE_TIME start = graph.clock->GetPrivateTime();
+    ProgrammeBuilder builder = TwoStreams();
+    ASSERT_EQ(graph.source->Push(builder.Tables().Frames(40).Padding().Take()), S_OK);
+    // Both start at once, and video waits for nobody.
+    ASSERT_TRUE(video.WaitForSamples(30));
+    graph.clock->Advance(10'000'000);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_TRUE(audio.Samples().empty());
+    graph.clock->Advance(kTestWait * 10'000);
+    ASSERT_TRUE(audio.WaitForSamples(1));
+    EXPECT_EQ(begun, start + 10'000'000 + kTestWait * 10'000);
+    EXPECT_EQ(audio.Flushes(), 1u);
+    // What comes at a stop must not wait either.
+    EXPECT_EQ(graph.graph->Stop(), S_OK);
+}
+
 }  // namespace
 }  // namespace tessel

@@ -101,6 +101,7 @@ HRESULT PacketParser::DetectPacketSize() {
         }
         Consume(skipped + 1);
     }
+    TakeArrivals();
     return E_ABORT;
 }
 
@@ -156,6 +157,8 @@ HRESULT PacketParser::ParseData(IPacketHandler& handler) {
         if (next == IPacketHandler::Next::kPause)
             return kParsePaused;
     }
+    // Those of bytes that were no packets go too.
+    TakeArrivals();
     return S_OK;
 }
 

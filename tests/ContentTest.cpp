@@ -558,6 +558,54 @@ TEST(PsiStream, TwentySectionsWaitAndTheNextOneIsUpToTheMode) {
     }
 }
 
+// A delivery thread that waits for a buffer when the stream is reset must not go on with what came later.
+TEST(Reset, ASenderThatWaitsForABufferStartsAnew) {
+    SplitterGraph graph;
+    TestSink& sink = graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {kPid}, MEDIA_TRANSPORT_PACKET);
+    std::mutex mutex;
+    ComPtr<IMediaSample> held;
+    sink.OnSample([&](IMediaSample& sample) {
+        const std::lock_guard lock(mutex);
+        if (sink.Samples().empty())
+            held = ComPtr<IMediaSample>(&sample);
+        return S_OK;
+    });
+    ASSERT_EQ(graph.Run(), S_OK);
+    ProgrammeBuilder builder({{.streams = {Video(kPid)}}});
+    const auto packets = [&builder](uint8_t number) {
+        for (int i = 0; i < 20; ++i)
+            builder.stream().Packet(kPid, Bytes(184, number));
+        return builder.Padding().Take();
+    };
+    builder.Tables();
+    ASSERT_EQ(graph.source->Push(packets(1)), S_OK);
+    ASSERT_TRUE(sink.WaitForSamples(1));
+    ASSERT_EQ(graph.source->Push(packets(2)), S_OK);
+    const auto content = graph.Pin(u"t")->Content();
+    ASSERT_TRUE(Eventually([&] { return content->QueuedBytes() >= 20 * 188; }));
+    ASSERT_EQ(graph.splitter->Reset(), S_OK);
+    EXPECT_EQ(content->QueuedBytes(), 0);
+    ASSERT_EQ(graph.source->Push(packets(3)), S_OK);
+    ASSERT_TRUE(Eventually([&] { return content->QueuedBytes() >= 20 * 188; }));
+    {
+        const std::lock_guard lock(mutex);
+        held.Reset();
+    }
+    // Without a program nothing goes out; with the tables all does.
+    builder.Tables();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(content->QueuedBytes(), 20 * 188);
+    ASSERT_EQ(graph.source->Push(packets(4)), S_OK);
+    ASSERT_EQ(graph.End(), S_OK);
+    ASSERT_TRUE(sink.WaitForEnd());
+    Bytes numbers;
+    for (const ReceivedSample& sample : sink.Samples())
+        for (size_t at = 0; at < sample.bytes.size(); at += kPacketSize)
+            if (numbers.empty() || numbers.back() != sample.bytes[at + 4])
+                numbers.push_back(sample.bytes[at + 4]);
+    EXPECT_THAT(numbers, ElementsAre(1, 4));
+}
+
 TEST(Mapping, ChangesAtTheByteWhereItCame) {
     SplitterGraph graph;
     TestSink& sink = graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {kPid}, MEDIA_TRANSPORT_PACKET);

@@ -264,6 +264,7 @@ private:
     // IOutputHost
     bool IsHostStopped() const override { return IsStopped(); }
     bool IsHostRunning() const override { return State() == State_Running; }
+    bool HasClock() const override { return static_cast<bool>(Clock()); }
     std::shared_ptr<CDeliveryLock> DeliveryLock() override { return m_deliveryLock; }
     std::shared_ptr<const ProgramMapTables> CurrentProgramMapTables() override;
     HRESULT SetPcrDiscont(int32_t pcrPid) override { return m_clocks.SetPcrDiscont(pcrPid); }

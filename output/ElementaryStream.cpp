@@ -322,7 +322,7 @@ int32_t CElementaryStream::TakeDataFromCache(IMediaSample* sample, int32_t bytes
             return 0;
         }
         if (m_pin.Mode() != StreamingMode::kFile && m_pin.Media() == MediaClass::kAudio && m_pin.HasLiveClock() &&
-            m_host.IsHostRunning() && !AlignToClock(*sample, start, &bytes))
+            m_host.IsHostRunning() && m_host.HasClock() && !AlignToClock(*sample, start, &bytes))
             return 0;
     }
     uint8_t* target = nullptr;

@@ -40,12 +40,19 @@ public:
     ~ManualClock() override { StopAdvising(); }
 
     REFERENCE_TIME GetPrivateTime() override { return m_now; }
+    HRESULT AdviseTime(REFERENCE_TIME base, REFERENCE_TIME time, HEVENT event, DWORD_PTR* cookie) override {
+        ++m_waits;
+        return CBaseReferenceClock::AdviseTime(base, time, event, cookie);
+    }
+    // How often somebody has waited for a time.
+    size_t Waits() const { return m_waits; }
     void Advance(REFERENCE_TIME by) {
         m_now += by;
         TriggerThread();
     }
 
 private:
+    std::atomic<size_t> m_waits{0};
     std::atomic<REFERENCE_TIME> m_now{10'000'000'000};
 };
 

@@ -225,6 +225,7 @@ HRESULT CTsFilterBase::DispatchSection(std::span<const uint8_t> section) {
         const auto transportStreamId = static_cast<uint32_t>(section[3] << 8 | section[4]);
         if (transportStreamId != CurrentTransportStreamId())
             NewTSID(transportStreamId);
+        m_isStreamKnown = true;
     }
     m_tables.Dispatch(section);
     return S_OK;
@@ -248,6 +249,7 @@ void CTsFilterBase::InternalReset() {
     m_announcement = {};
     CScopedLock lock(&m_tableLock);
     m_currentTransportStreamId.store(0, std::memory_order_relaxed);
+    m_isStreamKnown = false;
     m_pidStatus.Clear();
     __ResetTables();
     DeleteSectionFilters(0);
@@ -260,7 +262,9 @@ void CTsFilterBase::NewTSID(uint32_t transportStreamId) {
     // The PAT that announced the new stream is still being handled on PID 0, so its filter stays.
     DeleteSectionFilters(1);
     InstallSectionFilters(DefaultFilters::kWithoutPat);
-    DeferRestart();
+    // What came before the first table is of the stream that it names: the contents keep it.
+    if (m_isStreamKnown)
+        DeferRestart();
     m_currentTransportStreamId.store(transportStreamId, std::memory_order_relaxed);
 }
 

@@ -264,6 +264,7 @@ private:
     // IOutputHost
     bool IsHostStopped() const override { return IsStopped(); }
     bool IsHostRunning() const override { return State() == State_Running; }
+    bool HasClock() const override { return static_cast<bool>(Clock()); }
     std::shared_ptr<CDeliveryLock> DeliveryLock() override { return m_deliveryLock; }
     std::shared_ptr<const ProgramMapTables> CurrentProgramMapTables() override;
     HRESULT SetPcrDiscont(int32_t pcrPid) override { return m_clocks.SetPcrDiscont(pcrPid); }
@@ -304,6 +305,8 @@ private:
     std::unique_ptr<std::atomic<SectionFilter*>[]> m_sectionFilterSlots;
     // Written by the parsing thread and by resets under the table lock; clients only display it.
     std::atomic<uint32_t> m_currentTransportStreamId{0};
+    // A PAT has come since the last reset.
+    bool m_isStreamKnown OS_GUARDED_BY(m_tableLock) = false;
     TableStore m_tables OS_GUARDED_BY(m_tableLock);
     std::unique_ptr<CDvbServices> m_services;
 

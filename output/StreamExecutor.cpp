@@ -204,8 +204,9 @@ bool CStreamExecutor::ProcessCommands(int32_t* budget) {
 }
 
 void CStreamExecutor::OfferPrograms() {
-    const auto tables = m_host.CurrentProgramMapTables();
+    // In this order: the tables go before the content is reset, so older ones meet an older epoch.
     const uint32_t epoch = Epoch();
+    const auto tables = m_host.CurrentProgramMapTables();
     for (const auto& [number, table] : *tables)
         SetProgram(number, table.Get(), epoch);
 }
@@ -354,7 +355,8 @@ HRESULT CStreamExecutor::SendData(int32_t budget, int32_t* sent, bool startPendi
         return E_FAIL;
     {
         CScopedLock lock(&m_lock);
-        if (!IsActive())
+        // The wait for a buffer may have been long: the data may be another stream's by now.
+        if (!IsActive() || m_state != State::kStreaming)
             return S_OK;
         int32_t size = std::min<int32_t>(budget, sample->GetSize());
         const Timing timing = TakeMarks(size, startPending);

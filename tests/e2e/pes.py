@@ -41,6 +41,12 @@ class Elementary:
         """Where the PES begins that is the first to have a time stamp once the transport stream is known."""
         return next(at for at, _ in self.stamped if at >= self.known_from)
 
+    @property
+    def cut(self):
+        """What is left of the PES that was under way then. A video sample that reaches into the next one has it."""
+        return self.first - self.known_from
+
+
 
 def time_stamp(pes):
     """The DTS; the PTS where there is none; None where there is neither (ISO/IEC 13818-1, 2.4.3.7)."""

@@ -159,23 +159,30 @@ inline ParserStep CTsFilterBase::ParsePacket(const uint8_t* packet) {
     }
 
     const bool hasSectionFilter = m_sectionFilterSlots[pid].load(std::memory_order_acquire) != nullptr;
-    if (!hasSectionFilter)
-        return OfferPacket(packet, header, adaptation, false);
+    if (!hasSectionFilter) [[likely]] {
+        const bool refused = m_router.OfferPacket(packet, header, adaptation, false);
+        return refused && m_mode == StreamingMode::kFile ? ParserStep::kRefused : ParserStep::kGoOn;
+    }
+    return ParseTablePacket(packet, header, adaptation);
+}
+
+ParserStep CTsFilterBase::ParseTablePacket(const uint8_t* packet, const TsHeader& header,
+                                           const AdaptationFieldHeader& adaptation) {
     bool announced = false;
     const HRESULT status = ParseSections(packet, header, adaptation, &announced);
     if (announced)
         return ParserStep::kAgain;
     if (SUCCEEDED(status))
-        return OfferPacket(packet, header, adaptation, true);
+        return OfferTablePacket(packet, header, adaptation);
     return m_hasDeferred.load(std::memory_order_relaxed) ? ParserStep::kPause : ParserStep::kGoOn;
 }
 
-inline ParserStep CTsFilterBase::OfferPacket(const uint8_t* packet, const TsHeader& header,
-                                             const AdaptationFieldHeader& adaptation, bool hasSectionFilter) {
-    const bool refused = m_router.OfferPacket(packet, header, adaptation, hasSectionFilter);
+ParserStep CTsFilterBase::OfferTablePacket(const uint8_t* packet, const TsHeader& header,
+                                           const AdaptationFieldHeader& adaptation) {
+    const bool refused = m_router.OfferPacket(packet, header, adaptation, true);
     if (refused && m_mode == StreamingMode::kFile)
         return ParserStep::kRefused;
-    return hasSectionFilter && m_hasDeferred.load(std::memory_order_relaxed) ? ParserStep::kPause : ParserStep::kGoOn;
+    return m_hasDeferred.load(std::memory_order_relaxed) ? ParserStep::kPause : ParserStep::kGoOn;
 }
 
 HRESULT CTsFilterBase::ParseSections(const uint8_t* packet, const TsHeader& header,
@@ -216,7 +223,7 @@ ParserStep CTsFilterBase::OfferAnnouncement(const uint8_t* packet, const TsHeade
     if (FAILED(announcement.status))
         return ParserStep::kGoOn;
     const auto adaptation = header.HasAdaptationField() ? DecodeAdaptationFieldHeader(packet) : AdaptationFieldHeader{};
-    return OfferPacket(packet, header, adaptation, true);
+    return OfferTablePacket(packet, header, adaptation);
 }
 
 HRESULT CTsFilterBase::DispatchSection(std::span<const uint8_t> section) {

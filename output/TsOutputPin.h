@@ -107,6 +107,7 @@ public:
     // IPacketSink
     int DeliverPacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
                       bool pidHasSectionFilter) override;
+    PacketBatch* Batch() override { return &m_offered; }
     void FlushPackets() override;
     void SignalDelivery() override;
     int DeliverSection(const TsHeader& header, std::span<const uint8_t> section) override;
@@ -212,9 +213,6 @@ private:
     std::atomic<bool> m_eosPending{false};
     std::atomic<bool> m_eosDelivered{false};
     std::atomic<bool> m_flushing{false};
-    // What CheckDeliveryState said last.
-    std::atomic<bool> m_deliverable{false};
-
     RALThreadPtr<CRALExecutorThread> m_thread OS_GUARDED_BY(m_pinLock);
     const std::shared_ptr<CEvent> m_event;
     const std::shared_ptr<CEvent> m_interrupt;
@@ -227,10 +225,7 @@ private:
     bool m_inTask = false;                     // under the mutex
     std::atomic<uint32_t> m_taskEpoch{0};      // in which the task began
 
-    // The parsing thread's: packets offered and not yet added.
-    static constexpr size_t kBatch = 64;
-    std::array<OfferedPacket, kBatch> m_offered;
-    size_t m_offeredCount = 0;
+    PacketBatch m_offered;
 };
 
 }  // namespace tessel

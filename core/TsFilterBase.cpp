@@ -93,12 +93,16 @@ HRESULT CTsFilterBase::StartStreaming() {
         if (FAILED(result))
             return result;
         InternalReset();
-        m_parser.ResetPositions();
-        m_ending = false;
-        m_streaming.store(true, std::memory_order_relaxed);
+        SetInputPosition(0);
+        TakeInput();
     }
     RunDeferred();
     return result;
+}
+
+void CTsFilterBase::TakeInput() {
+    m_ending = false;
+    m_streaming.store(true, std::memory_order_relaxed);
 }
 
 HRESULT CTsFilterBase::StopStreaming() {
@@ -159,6 +163,8 @@ CTsFilterBase::Next CTsFilterBase::ParsePacket(const uint8_t* packet) {
     const bool hasSectionFilter = m_sectionFilterSlots[pid].load(std::memory_order_acquire) != nullptr;
     if (hasSectionFilter && FAILED(ParseSections(packet, header, adaptation)))
         return m_hasDeferred.load(std::memory_order_relaxed) ? Next::kPause : Next::kGoOn;
+    if (IsScanning()) [[unlikely]]
+        return hasSectionFilter && m_hasDeferred.load(std::memory_order_relaxed) ? Next::kPause : Next::kGoOn;
     const bool refused = m_router.OfferPacket(packet, header, adaptation, hasSectionFilter);
     if (refused && m_mode == StreamingMode::kFile)
         return Next::kRefused;
@@ -185,7 +191,7 @@ HRESULT CTsFilterBase::ParseSections(const uint8_t* packet, const TsHeader& head
             DispatchSection(section);
     }
     // Outside the table lock: the bytes stay until this PID's next section completes, on this thread.
-    if (!section.empty())
+    if (!section.empty() && !IsScanning())
         m_router.OfferSection(header, section);
     return status;
 }
@@ -215,11 +221,16 @@ HRESULT CTsFilterBase::EndPcrUpdate() {
 }
 
 void CTsFilterBase::InternalReset() {
+    CScopedLock lock(&m_tableLock);
+    __ResetTables();
+    ResetParsing();
+}
+
+void CTsFilterBase::ResetParsing() {
     m_parser.FlushBuffer();
     CScopedLock lock(&m_tableLock);
-    m_currentTransportStreamId.store(0, std::memory_order_relaxed);
+    SetCurrentTransportStreamId(0);
     m_pidStatus.Clear();
-    __ResetTables();
     DeleteSectionFilters(0);
     InstallSectionFilters(DefaultFilters::kWithPat);
 }
@@ -231,7 +242,7 @@ void CTsFilterBase::NewTSID(uint32_t transportStreamId) {
     DeleteSectionFilters(1);
     InstallSectionFilters(DefaultFilters::kWithoutPat);
     DeferRestart();
-    m_currentTransportStreamId.store(transportStreamId, std::memory_order_relaxed);
+    SetCurrentTransportStreamId(transportStreamId);
 }
 
 HRESULT CTsFilterBase::__ResetTables() {
@@ -250,6 +261,12 @@ HRESULT CTsFilterBase::__ResetTables() {
     if (m_services)
         services = m_services->Detach();
     return S_OK;
+}
+
+void CTsFilterBase::RemoveSectionFilters() {
+    CScopedLock streaming(&m_streamingLock);
+    CScopedLock tables(&m_tableLock);
+    DeleteSectionFilters(0);
 }
 
 void CTsFilterBase::DeleteSectionFilters(uint32_t firstPid) {
@@ -318,6 +335,34 @@ HRESULT CTsFilterBase::GetFirstTable(uint32_t tableId, IDvbTable** out) {
     return m_tables.GetFirstTable(tableId, out);
 }
 
+HRESULT CTsFilterBase::IsServiceInformationComplete() {
+    return m_services ? m_services->IsComplete() : S_FALSE;
+}
+
+HRESULT CTsFilterBase::GetProgramMapTable(uint32_t programNumber, IDvbProgramMapTable** out) {
+    if (out == nullptr)
+        return E_POINTER;
+    *out = nullptr;
+    ComPtr<IDvbTable> table;
+    const HRESULT result = GetTable(kProgramMapTable, programNumber, table.Put());
+    return SUCCEEDED(result) ? table->QueryInterface(IDvbProgramMapTable::kIid, reinterpret_cast<void**>(out)) : result;
+}
+
+HRESULT CTsFilterBase::GetTransportStreamId(uint32_t* out) {
+    return m_services ? m_services->GetTransportStreamId(out) : E_NOINTERFACE;
+}
+
+HRESULT CTsFilterBase::GetOriginalNetworkId(uint32_t* out) {
+    return m_services ? m_services->GetOriginalNetworkId(out) : E_NOINTERFACE;
+}
+
+HRESULT CTsFilterBase::GetServices(IDvbMapping** out) {
+    if (out == nullptr)
+        return E_POINTER;
+    *out = nullptr;
+    return m_services ? m_services->GetServices(out) : E_NOINTERFACE;
+}
+
 std::vector<TableStore::Version> CTsFilterBase::TableVersions() {
     CScopedLock lock(&m_tableLock);
     return m_tables.Versions();
@@ -365,8 +410,8 @@ void CTsFilterBase::OfferProgram(uint32_t programNumber) {
         return;
     for (const OutputPinPtr& pin : m_pins.All()) {
         const auto content = pin->Content();
-        if (!content)
-            continue;
+        if (!content || !content->IsActive())
+            continue;  // it asks when it becomes active
         CScopedLock lock(&m_deferredLock);
         m_deferred.offers.push_back({pin, content, content->Epoch(), programNumber, table->second});
         m_hasDeferred = true;

@@ -49,6 +49,7 @@ std::optional<std::string> ToNarrow(std::u16string_view text) {
 CTsSource::CTsSource(IUnknown* outer)
     : CTsFilterBase("CTsSource", CPacketReader::kReadSize, outer),
       m_workEvent(std::make_shared<CEvent>(EventReset::kAuto)),
+      m_gate(std::make_shared<TaskGate>()),
       m_workerLife(this, [](IRALThreadExecutor*) {}) {}
 
 CTsSource::~CTsSource() {

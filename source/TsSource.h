@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -35,6 +36,7 @@ public:
     HRESULT NonDelegatingQueryInterface(const IID& iid, void** out) override;
 
     HRESULT GetClassID(CLSID* out) override;
+    HRESULT Stop() override;
     HRESULT Pause() override;
 
     HRESULT GetPages(CAUUID* pages) override;
@@ -106,6 +108,8 @@ private:
 
     // Playback
     Input ReadInput() OS_REQUIRES(StreamingLock());
+    // True when it is better to wait a little before the next.
+    bool RunTask();
     bool EndInput(uint32_t epoch);
     void AbortPlayback(uint32_t epoch);
     void PauseWorker();
@@ -165,8 +169,14 @@ private:
     CCritSec m_workerLock{"file source's worker", kRankPin};
     RALThreadPtr<CRALExecutorThread> m_worker OS_GUARDED_BY(m_workerLock);
     const std::shared_ptr<CEvent> m_workEvent;
-    // Ends the worker's short waits.
-    CEvent m_hurry{EventReset::kAuto};
+    // What the worker still uses when its task has let go of the filter.
+    struct TaskGate {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool inTask = false;
+        CEvent hurry{EventReset::kAuto};  // ends the worker's short waits
+    };
+    const std::shared_ptr<TaskGate> m_gate;
     std::atomic<std::thread::id> m_workerId{};
     // What the worker's thread knows of the filter; gone before the filter goes.
     std::shared_ptr<IRALThreadExecutor> m_workerLife;

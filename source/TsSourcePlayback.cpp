@@ -1,4 +1,6 @@
 // The file source's worker, and what starts and ends it.
+#include <chrono>
+
 #include "platform/media/MediaResult.h"
 #include "source/TsSource.h"
 
@@ -9,6 +11,7 @@ namespace {
 constexpr size_t kWorkerStack = 65'536;
 // Milliseconds after which the worker looks again.
 constexpr uint32_t kRetryWait = 10;
+constexpr std::chrono::milliseconds kTaskWait{100};
 
 }  // namespace
 
@@ -17,7 +20,18 @@ HRESULT CTsSource::Pause() {
     // What seeking needs to know is found out before the file is the worker's.
     if (IsStopped())
         IsSeekable();
-    return CTsFilterBase::Pause();
+    const HRESULT result = CTsFilterBase::Pause();
+    m_gate->hurry.Set();
+    return result;
+}
+
+HRESULT CTsSource::Stop() {
+    const HRESULT result = CTsFilterBase::Stop();
+    // So that the filter is its clients' alone again. A task that waits for a receiver is left to it.
+    std::unique_lock lock(m_gate->mutex);
+    if (!IsOnWorker())
+        m_gate->changed.wait_for(lock, kTaskWait, [this] { return !m_gate->inTask; });
+    return result;
 }
 
 HRESULT CTsSource::StartStreaming() {
@@ -45,7 +59,7 @@ HRESULT CTsSource::StartStreaming() {
 
 HRESULT CTsSource::StopStreaming() {
     PauseWorker();
-    m_hurry.Set();
+    m_gate->hurry.Set();
     // A task that is under way comes to its end, unless the filter stops: then it may be waiting for a receiver that
     // waits for this thread. It finds the epoch moved on.
     const bool hasTurn = TakeParseTurn();
@@ -107,11 +121,33 @@ CTsSource::Input CTsSource::ReadInput() {
 }
 
 uint32_t CTsSource::DoOneThreadTask() {
-    // What is called from here may let go of the filter.
-    const ComPtr<IBaseFilter> self(this);
+    const std::shared_ptr<CEvent> work = m_workEvent;
+    const std::shared_ptr<TaskGate> gate = m_gate;
+    {
+        const std::lock_guard lock(gate->mutex);
+        gate->inTask = true;
+    }
+    bool waits = false;
+    {
+        // What is called from here may let go of the filter.
+        const ComPtr<IBaseFilter> self(this);
+        waits = RunTask();
+    }
+    {
+        const std::lock_guard lock(gate->mutex);
+        gate->inTask = false;
+        gate->changed.notify_all();
+    }
+    if (waits)
+        gate->hurry.Wait(kRetryWait);
+    work->Set();
+    return INFINITE;
+}
+
+bool CTsSource::RunTask() {
     // Whoever ends the input waits for the turn, so it is held for the whole task.
     if (!TakeParseTurn())
-        return INFINITE;
+        return true;
     Input input = Input::kNone;
     uint32_t epoch = 0;
     {
@@ -121,7 +157,7 @@ uint32_t CTsSource::DoOneThreadTask() {
         if (IsStreaming() && IsActive())
             input = ReadInput();
     }
-    bool waits = input == Input::kNone || input == Input::kFull;
+    bool waits = input == Input::kNone;
     if (input == Input::kEnd) {
         if (EndInput(epoch))
             for (const OutputPinPtr& pin : Pins().All())
@@ -135,10 +171,7 @@ uint32_t CTsSource::DoOneThreadTask() {
         waits = input == Input::kFull && result != S_OK;
     }
     ParseTurn().Release();
-    if (waits)
-        m_hurry.Wait(kRetryWait);
-    m_workEvent->Set();
-    return INFINITE;
+    return waits;
 }
 
 // False when the input has been ended, or begun anew, since epoch.

@@ -506,5 +506,309 @@ INSTANTIATE_TEST_SUITE_P(Codings, Seeks,
                                          SeekCase{"Audio", {.video = false}}),
                          [](const auto& test) { return test.param.name; });
 
+// Pictures that are shown before the one that a group begins with count from the group's time.
+TEST_F(FileSource, TimesAGroupByItsFirstPictureShown) {
+    Movie movie({.firstReference = 2});
+    movie.Frames(25).Padding();
+    SourceGraph graph;
+    ASSERT_EQ(graph.Load(Write(movie.stream.bytes())), S_OK);
+    graph.AddStreams();
+    constexpr REFERENCE_TIME kEarlier = 2 * Movie::kFrameTime;
+    EXPECT_EQ(graph.Duration(), movie.Now() - kEarlier);
+    ASSERT_EQ(graph.Seek(1), S_OK);
+    REFERENCE_TIME from = 0;
+    REFERENCE_TIME to = 0;
+    EXPECT_EQ(graph.seeking->GetAvailable(&from, &to), S_OK);
+    EXPECT_EQ(from, movie.points[0].time - kEarlier);
+    EXPECT_EQ(to, movie.points[1].time);
+}
+
+TEST_F(FileSource, PlaysOnBehindAHole) {
+    Movie movie;
+    movie.Frames(40);
+    const size_t hole = movie.stream.bytes().size() + 700;
+    const size_t video = movie.video.size();
+    movie.Frames(40).Padding();
+    Bytes bytes = movie.stream.bytes();
+    std::fill_n(bytes.begin() + static_cast<ptrdiff_t>(hole), 1'000, uint8_t{0});
+    SourceGraph graph;
+    ASSERT_EQ(graph.Load(Write(bytes)), S_OK);
+    graph.AddStreams();
+    graph.Play();
+    EXPECT_EQ(graph.audio->Bytes(), movie.audio);
+    const Bytes received = graph.video->Bytes();
+    ASSERT_GE(received.size() + 8 * 184, movie.video.size());
+    ASSERT_LT(received.size(), movie.video.size());
+    EXPECT_TRUE(std::equal(received.begin(), received.begin() + static_cast<ptrdiff_t>(video), movie.video.begin()));
+    EXPECT_TRUE(std::equal(movie.video.rbegin(), movie.video.rend() - static_cast<ptrdiff_t>(video + 3'000),
+                           received.rbegin()));
+}
+
+TEST_F(FileSource, EndsWithAnAbortWhereTheClockJumps) {
+    struct Case {
+        const char* what;
+        void (*jump)(Movie& movie);
+    };
+    const Case cases[] = {
+        {"forward", [](Movie& movie) { movie.Skip(Movie::kFrame * 26); }},
+        {"back", [](Movie& movie) { movie.Skip(-Movie::kFrame * 3); }},
+        {"indicator", [](Movie& movie) { movie.stream.Packet(kPcrPid, {}, {.discontinuity = true}); }},
+        {"another transport stream", [](Movie& movie) { movie.Tables(2); }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        Movie movie;
+        movie.Frames(100);
+        const size_t points = movie.points.size();
+        const size_t video = movie.video.size();
+        c.jump(movie);
+        movie.Frames(100).Padding();
+        SourceGraph graph;
+        ASSERT_EQ(graph.Load(Write(movie.stream.bytes())), S_OK);
+        graph.AddStreams();
+        ASSERT_GT(graph.Duration(), 0);
+        graph.Play();
+        EXPECT_EQ(graph.AbortResult(), VFW_E_INVALID_FILE_FORMAT);
+        EXPECT_LE(graph.video->Bytes().size(), video + 65'536);
+        EXPECT_LE(graph.Position(), movie.points.back().time);
+        // Behind the jump it plays.
+        ASSERT_TRUE(SUCCEEDED(graph.graph->Pause()));
+        graph.Forget();
+        const Movie::Point& behind = movie.points[points + 5];
+        ASSERT_EQ(graph.Seek(behind.time + 200'000), S_OK);
+        graph.Play();
+        EXPECT_EQ(graph.video->Bytes(), From(movie.video, behind.video));
+    }
+}
+
+// What becomes of the file while it is read, with most of it still unread.
+TEST_F(FileSource, FollowsAFileThatOthersChange) {
+    Movie movie({.pictureSize = 30'000});
+    movie.Frames(200);
+    const size_t written = movie.stream.bytes().size();
+    movie.Frames(100).Padding();
+    const Bytes& whole = movie.stream.bytes();
+    struct Case {
+        const char* what;
+        std::function<void(const fs::path&)> change;
+        size_t least;  // bytes of video
+        size_t most;
+    };
+    const auto append = [&](const fs::path& path) {
+        std::ofstream(path, std::ios::binary | std::ios::app)
+            .write(reinterpret_cast<const char*>(whole.data()) + written,
+                   static_cast<std::streamsize>(whole.size() - written));
+    };
+    const size_t first = 200 * 30'000;
+    const Case cases[] = {
+        {"grows", append, movie.video.size(), movie.video.size()},
+        {"shrinks", [](const fs::path& path) { fs::resize_file(path, 5'500'000); }, 5'000'000, 5'500'000},
+        {"is emptied", [](const fs::path& path) { fs::resize_file(path, 0); }, 0, first},
+        {"is deleted", [](const fs::path& path) { fs::remove(path); }, first - 1'000, first + 10'000},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const fs::path path = Write({whole.begin(), whole.begin() + static_cast<ptrdiff_t>(written)});
+        SourceGraph graph;
+        ASSERT_EQ(graph.Load(path), S_OK);
+        graph.AddStreams();
+        CEvent begun(EventReset::kManual);
+        CEvent changed(EventReset::kManual);
+        graph.video->OnSample([&](IMediaSample&) {
+            begun.Set();
+            EXPECT_TRUE(changed.Wait(kTestWait)) << "the change of the file";
+            return S_OK;
+        });
+        ASSERT_TRUE(SUCCEEDED(graph.graph->Run(0)));
+        ASSERT_TRUE(begun.Wait(kTestWait)) << "no sample";
+        EXPECT_EQ(graph.Seek(0), E_UNEXPECTED) << "it runs";
+        EXPECT_EQ(graph.Load(path), VFW_E_NOT_STOPPED);
+        c.change(path);
+        changed.Set();
+        ASSERT_TRUE(graph.video->WaitForEnd());
+        const Bytes received = graph.video->Bytes();
+        EXPECT_GE(received.size(), c.least);
+        EXPECT_LE(received.size(), c.most);
+        EXPECT_TRUE(std::equal(received.begin(), received.end(), movie.video.begin()));
+    }
+}
+
+TEST_F(FileSource, AnswersItsInterfaces) {
+    Movie movie;
+    movie.Frames(50).Padding();
+    SourceGraph graph;
+    // Nothing is open.
+    const auto& seeking = graph.seeking;
+    DWORD capabilities = 1;
+    EXPECT_EQ(seeking->GetCapabilities(&capabilities), S_OK);
+    EXPECT_EQ(capabilities, 0u);
+    EXPECT_EQ(graph.Duration(), 0);
+    EXPECT_EQ(graph.Position(), 0);
+    EXPECT_EQ(graph.Seek(0), S_FALSE);
+    EXPECT_EQ(graph.file->Load(nullptr, nullptr), E_POINTER);
+    EXPECT_EQ(graph.file->GetCurFile(nullptr, nullptr), E_POINTER);
+    EXPECT_EQ(graph.file->Load(std::u16string(260, u'a').c_str(), nullptr), E_INVALIDARG);
+    EXPECT_EQ(graph.file->Load(u"\xD800.ts", nullptr), E_POINTER) << "no text";
+    EXPECT_EQ(graph.Load(m_folder / "none.ts"), E_FAIL);
+    EXPECT_EQ(graph.Load(m_folder), E_FAIL);
+
+    const fs::path path = Write(movie.stream.bytes(), "\u00E4\u20AC\U0001F600.ts");
+    ASSERT_EQ(graph.Load(path), S_OK);
+    OLECHAR* name = nullptr;
+    AM_MEDIA_TYPE type;
+    EXPECT_EQ(graph.file->GetCurFile(&name, &type), S_OK);
+    EXPECT_EQ(std::u16string(name), path.u16string());
+    CoTaskMemFree(name);
+    EXPECT_EQ(type.majortype, MEDIATYPE_Stream);
+    EXPECT_EQ(type.subtype, MEDIASUBTYPE_MPEG2_TRANSPORT);
+    EXPECT_EQ(type.formattype, FORMAT_None);
+
+    // No stream is mapped yet; then one is.
+    EXPECT_EQ(graph.Duration(), 0);
+    graph.AddStreams();
+    EXPECT_EQ(graph.Duration(), movie.Now());
+    EXPECT_EQ(seeking->GetCapabilities(&capabilities), S_OK);
+    EXPECT_EQ(capabilities, 0x2Fu);
+    struct Check {
+        DWORD asked;
+        HRESULT result;
+        DWORD left;
+    };
+    for (const Check& check : {Check{0x2F, S_OK, 0x2F}, {0x3F, S_FALSE, 0x2F}, {0x10, E_FAIL, 0}}) {
+        DWORD asked = check.asked;
+        EXPECT_EQ(seeking->CheckCapabilities(&asked), check.result);
+        EXPECT_EQ(asked, check.left);
+    }
+    const GUID frames = MEDIATYPE_Video;
+    GUID format = frames;
+    EXPECT_EQ(seeking->GetTimeFormat(&format), S_OK);
+    EXPECT_EQ(format, TIME_FORMAT_MEDIA_TIME);
+    EXPECT_EQ(seeking->IsFormatSupported(&frames), S_FALSE);
+    EXPECT_EQ(seeking->SetTimeFormat(&frames), E_INVALIDARG);
+    EXPECT_EQ(seeking->SetTimeFormat(&format), S_OK);
+    double rate = 0;
+    EXPECT_EQ(seeking->GetRate(&rate), S_OK);
+    EXPECT_EQ(rate, 1.0);
+    for (const HRESULT result : {seeking->SetRate(1.0), seeking->GetPreroll(nullptr),
+                                 seeking->ConvertTimeFormat(nullptr, nullptr, 0, nullptr)})
+        EXPECT_EQ(result, E_NOTIMPL);
+    for (const HRESULT result :
+         {seeking->GetDuration(nullptr), seeking->GetCurrentPosition(nullptr), seeking->GetRate(nullptr),
+          seeking->GetAvailable(nullptr, nullptr), seeking->SetTimeFormat(nullptr), seeking->CheckCapabilities(nullptr),
+          seeking->SetPositions(nullptr, 1, nullptr, 0)})
+        EXPECT_EQ(result, E_POINTER);
+
+    EXPECT_EQ(graph.Seek(5, 0), S_OK) << "no positioning";
+    EXPECT_EQ(graph.Seek(5, 3), E_INVALIDARG);
+    EXPECT_EQ(graph.Position(), 0);
+    EXPECT_EQ(graph.Seek(10'000'000), S_OK);
+    EXPECT_EQ(graph.Seek(-4'000'000, AM_SEEKING_RelativePositioning), S_OK);
+    EXPECT_EQ(graph.Position(), 6'000'000);
+    ASSERT_TRUE(SUCCEEDED(graph.graph->Pause()));
+    EXPECT_EQ(graph.Seek(6'000'000), S_OK);
+    EXPECT_EQ(graph.video->Flushes(), 0u) << "it is there already";
+
+    CAUUID pages;
+    ASSERT_EQ(graph.filter.As<ISpecifyPropertyPages>()->GetPages(&pages), S_OK);
+    EXPECT_THAT(std::vector<GUID>(pages.pElems, pages.pElems + pages.cElems),
+                ElementsAre(kPageServices, kPageProgramAssociationTable, kPagePidMapping, kPageOutputPins));
+    CoTaskMemFree(pages.pElems);
+    const auto information = graph.filter.As<IDvbServiceInformationEx>();
+    EXPECT_EQ(information->IsServiceInformationComplete(), S_OK);
+    EXPECT_EQ(information->AdviseEvents(nullptr, nullptr), S_OK);
+    EXPECT_EQ(information->UnadviseEvents(7), S_OK);
+    ComPtr<IDvbProgramMapTable> table;
+    EXPECT_EQ(information->GetProgramMapTable(1, table.Put()), S_OK);
+    ComPtr<IDvbMapping> services;
+    ASSERT_EQ(information->GetServices(services.Put()), S_OK);
+    EXPECT_TRUE(ItemAs<IDvbService>(services.Get(), 0));
+}
+
+// Another file in the same filter, and pins for what is in it.
+TEST_F(FileSource, PlaysTheServiceThatIsChosen) {
+    SourceGraph graph;
+    Movie first({.coding = Coding::kAvcIdr});
+    Movie second({.pictureSize = 2'000});
+    bool connected = false;
+    for (Movie* movie : {&first, &second, &second}) {
+        movie->Frames(50).Padding();
+        ASSERT_EQ(graph.Load(Write(movie->stream.bytes(), connected ? "b.ts" : "a.ts")), S_OK);
+        ASSERT_EQ(graph.filter.As<IGetSetParam>()->SetParam(kParamSelectService, 0), S_OK);
+        ComPtr<IPin> video;
+        ComPtr<IPin> audio;
+        ASSERT_EQ(graph.filter->FindPin(u"VOut", video.Put()), S_OK);
+        ASSERT_EQ(graph.filter->FindPin(u"AOut", audio.Put()), S_OK);
+        EXPECT_EQ(graph.Position(), 0);
+        if (movie == &first)
+            continue;
+        if (!std::exchange(connected, true)) {
+            graph.video = &graph.Connect(video.Get(), MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO);
+            graph.audio = &graph.Connect(audio.Get(), MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload);
+        }
+        graph.Forget();
+        graph.Play();
+        EXPECT_EQ(graph.video->Bytes(), movie->video);
+        EXPECT_EQ(graph.audio->Bytes(), movie->audio);
+        ASSERT_EQ(graph.graph->Stop(), S_OK);
+    }
+}
+
+// Plays, seeks, pauses and stops in any order, while another thread asks.
+TEST_F(FileSource, StandsWhateverItsClientsDo) {
+    Movie movie;
+    movie.Frames(300).Padding();
+    SourceGraph graph;
+    ASSERT_EQ(graph.Load(Write(movie.stream.bytes())), S_OK);
+    graph.AddStreams();
+    const REFERENCE_TIME duration = graph.Duration();
+    std::atomic<bool> done{false};
+    std::thread asking([&] {
+        while (!done) {
+            graph.Position();
+            EXPECT_EQ(graph.Duration(), duration);
+            DWORD capabilities = 0;
+            graph.seeking->GetCapabilities(&capabilities);
+            REFERENCE_TIME from = 0;
+            REFERENCE_TIME to = 0;
+            EXPECT_EQ(graph.seeking->GetAvailable(&from, &to), S_OK);
+            EXPECT_EQ(graph.filter.As<IDvbServiceInformation>()->IsServiceInformationComplete(), S_OK);
+        }
+    });
+    std::mt19937 random(7);
+    for (int i = 0; i < 150; ++i) {
+        REFERENCE_TIME target = static_cast<REFERENCE_TIME>(random() % static_cast<uint64_t>(duration));
+        switch (random() % 6) {
+        case 0:
+            ASSERT_TRUE(SUCCEEDED(graph.graph->Run(0)));
+            break;
+        case 1:
+            ASSERT_TRUE(SUCCEEDED(graph.graph->Pause()));
+            break;
+        case 2:
+            ASSERT_EQ(graph.graph->Stop(), S_OK);
+            break;
+        case 3:
+            ASSERT_TRUE(
+                SUCCEEDED(graph.graph->SetPositions(graph.seeking.Get(), &target, AM_SEEKING_AbsolutePositioning)));
+            break;
+        case 4:
+            Sleep(random() % 8);
+            break;
+        default:
+            const HRESULT result = graph.Seek(target, AM_SEEKING_AbsolutePositioning | AM_SEEKING_SeekToKeyFrame);
+            ASSERT_TRUE(result == S_OK || result == E_UNEXPECTED) << std::hex << result;
+        }
+    }
+    done = true;
+    asking.join();
+    ASSERT_EQ(graph.graph->Stop(), S_OK);
+    ASSERT_EQ(graph.Seek(1), S_OK);
+    graph.Forget();
+    graph.Play();
+    EXPECT_EQ(graph.video->Bytes(), movie.video);
+    EXPECT_EQ(graph.audio->Bytes(), movie.audio);
+    EXPECT_EQ(graph.AbortResult(), S_OK);
+}
+
 }  // namespace
 }  // namespace tessel

@@ -120,8 +120,11 @@ HRESULT CTsSource::Load(const OLECHAR* name, const AM_MEDIA_TYPE*) {
             ForgetFile();
             return result;
         }
-        for (const OutputPinPtr& pin : Pins().All())
-            pin->BindWhileStopped();
+        {
+            CScopedLock seeking(&m_seekLock);
+            for (const OutputPinPtr& pin : Pins().All())
+                pin->BindWhileStopped();
+        }
         const std::lock_guard lock(m_nameMutex);
         m_fileName = std::move(text);
         return S_OK;

@@ -634,7 +634,7 @@ TEST_F(FileSource, FollowsAFileThatOthersChange) {
 }
 
 TEST_F(FileSource, AnswersItsInterfaces) {
-    Movie movie;
+    Movie movie({.pictureSize = 100'000});
     movie.Frames(50).Padding();
     SourceGraph graph;
     // Nothing is open.
@@ -704,9 +704,12 @@ TEST_F(FileSource, AnswersItsInterfaces) {
     EXPECT_EQ(graph.Seek(10'000'000), S_OK);
     EXPECT_EQ(graph.Seek(-4'000'000, AM_SEEKING_RelativePositioning), S_OK);
     EXPECT_EQ(graph.Position(), 6'000'000);
+    CEvent leave(EventReset::kManual);
+    graph.video->OnSample([&](IMediaSample&) { return leave.Wait(kTestWait) ? S_OK : E_FAIL; });
     ASSERT_TRUE(SUCCEEDED(graph.graph->Pause()));
     EXPECT_EQ(graph.Seek(6'000'000), S_OK);
     EXPECT_EQ(graph.video->Flushes(), 0u) << "it is there already";
+    leave.Set();
 
     CAUUID pages;
     ASSERT_EQ(graph.filter.As<ISpecifyPropertyPages>()->GetPages(&pages), S_OK);

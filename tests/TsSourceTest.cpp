@@ -298,7 +298,8 @@ TEST_F(FileSource, PlaysEveryByteWithItsTime) {
                           {"in units of 192 bytes", {}, 0, true},
                           {"behind 10,239 bytes of something else", {}, 10'239, false},
                           {"without names", {.named = false}, 0, false},
-                          {"small", {.pictureSize = 100}, 0, false}};
+                          {"small", {.pictureSize = 100}, 0, false},
+                          {"large", {.pictureSize = 150'000}, 0, false}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         Movie movie(c.options);
@@ -634,7 +635,7 @@ TEST_F(FileSource, FollowsAFileThatOthersChange) {
 }
 
 TEST_F(FileSource, AnswersItsInterfaces) {
-    Movie movie({.pictureSize = 100'000});
+    Movie movie({.pictureSize = 300'000});
     movie.Frames(50).Padding();
     SourceGraph graph;
     // Nothing is open.

@@ -111,6 +111,7 @@ private:
     // True when it is better to wait a little before the next.
     bool RunTask();
     bool EndInput(uint32_t epoch);
+    void EndOutputs();
     void AbortPlayback(uint32_t epoch);
     void PauseWorker();
     HRESULT ResumeWorker();

@@ -160,8 +160,7 @@ bool CTsSource::RunTask() {
     bool waits = input == Input::kNone;
     if (input == Input::kEnd) {
         if (EndInput(epoch))
-            for (const OutputPinPtr& pin : Pins().All())
-                pin->EndOfStream();
+            EndOutputs();
     } else if (input != Input::kNone) {
         const HRESULT result = ParseData();
         if (result == S_OK && m_discontinuity)
@@ -187,6 +186,14 @@ bool CTsSource::EndInput(uint32_t epoch) {
     return true;
 }
 
+void CTsSource::EndOutputs() {
+    const uint32_t epoch = m_inputEpoch;
+    // A receiver may begin anew from where it is told.
+    for (const OutputPinPtr& pin : Pins().All())
+        if (epoch == m_inputEpoch)
+            pin->EndOfStream();
+}
+
 void CTsSource::AbortPlayback(uint32_t epoch) {
     if (epoch != m_inputEpoch)
         return;
@@ -199,8 +206,7 @@ void CTsSource::AbortPlayback(uint32_t epoch) {
         pin->DeliverEndFlush();
     if (!ended)
         return;
-    for (const OutputPinPtr& pin : pins)
-        pin->EndOfStream();
+    EndOutputs();
     NotifyEvent(EC_ERRORABORT, VFW_E_INVALID_FILE_FORMAT, 0);
 }
 

@@ -21,6 +21,7 @@ void CTsSource::ForgetFile() {
         m_masterPin.reset();
     }
     m_seekReady = false;
+    m_endOfStream = m_aborted = false;
     NotePoints();
     m_position = 0;
     ComPtr<IStream> last;

@@ -56,11 +56,11 @@ void InputCopy(benchmark::State& state) {
 
 // Input copy, sync and packet hand-off to a handler that reads the header.
 void SyncAndHeaderWalk(benchmark::State& state) {
-    struct Handler final : IPacketHandler {
-        Next ParsePacket(const uint8_t* packet) override {
+    struct Handler {
+        ParserStep ParsePacket(const uint8_t* packet) {
             const TsHeader header = DecodeTsHeader(packet);
             sum += header.Pid() + header.ContinuityCounter();
-            return Next::kGoOn;
+            return ParserStep::kGoOn;
         }
         uint32_t sum = 0;
     } handler;

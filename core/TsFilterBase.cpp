@@ -140,19 +140,21 @@ HRESULT CTsFilterBase::ParseData() {
     return result;
 }
 
-CTsFilterBase::Next CTsFilterBase::ParsePacket(const uint8_t* packet) {
+inline ParserStep CTsFilterBase::ParsePacket(const uint8_t* packet) {
     const TsHeader header = DecodeTsHeader(packet);
+    if (m_announcement.position == m_parser.StreamPosition()) [[unlikely]]
+        return OfferAnnouncement(packet, header);
     const uint32_t pid = header.Pid();
     const bool scrambled = header.TransportScramblingControl() != 0;
     m_pidStatus.Update(pid, scrambled);
     if (header.TransportErrorIndicator() || scrambled)
-        return Next::kGoOn;
+        return ParserStep::kGoOn;
 
     AdaptationFieldHeader adaptation;
     if (header.HasAdaptationField()) {
         adaptation = DecodeAdaptationFieldHeader(packet);
         if (adaptation.length > kMaxAdaptationFieldLength)
-            return Next::kGoOn;
+            return ParserStep::kGoOn;
         if (m_clocks.Wants(adaptation)) {
             // Notices about a jump stand at the right byte only when all before it has gone in.
             m_router.FlushPackets();
@@ -161,18 +163,34 @@ CTsFilterBase::Next CTsFilterBase::ParsePacket(const uint8_t* packet) {
     }
 
     const bool hasSectionFilter = m_sectionFilterSlots[pid].load(std::memory_order_acquire) != nullptr;
+<<<<<<< HEAD
     if (hasSectionFilter && FAILED(ParseSections(packet, header, adaptation)))
         return m_hasDeferred.load(std::memory_order_relaxed) ? Next::kPause : Next::kGoOn;
     if (IsScanning()) [[unlikely]]
         return hasSectionFilter && m_hasDeferred.load(std::memory_order_relaxed) ? Next::kPause : Next::kGoOn;
+=======
+    if (!hasSectionFilter)
+        return OfferPacket(packet, header, adaptation, false);
+    bool announced = false;
+    const HRESULT status = ParseSections(packet, header, adaptation, &announced);
+    if (announced)
+        return ParserStep::kAgain;
+    if (SUCCEEDED(status))
+        return OfferPacket(packet, header, adaptation, true);
+    return m_hasDeferred.load(std::memory_order_relaxed) ? ParserStep::kPause : ParserStep::kGoOn;
+}
+
+inline ParserStep CTsFilterBase::OfferPacket(const uint8_t* packet, const TsHeader& header,
+                                             const AdaptationFieldHeader& adaptation, bool hasSectionFilter) {
+>>>>>>> main
     const bool refused = m_router.OfferPacket(packet, header, adaptation, hasSectionFilter);
     if (refused && m_mode == StreamingMode::kFile)
-        return Next::kRefused;
-    return hasSectionFilter && m_hasDeferred.load(std::memory_order_relaxed) ? Next::kPause : Next::kGoOn;
+        return ParserStep::kRefused;
+    return hasSectionFilter && m_hasDeferred.load(std::memory_order_relaxed) ? ParserStep::kPause : ParserStep::kGoOn;
 }
 
 HRESULT CTsFilterBase::ParseSections(const uint8_t* packet, const TsHeader& header,
-                                     const AdaptationFieldHeader& adaptation) {
+                                     const AdaptationFieldHeader& adaptation, bool* announced) {
     HRESULT status = S_OK;
     std::span<const uint8_t> section;
     {
@@ -187,13 +205,29 @@ HRESULT CTsFilterBase::ParseSections(const uint8_t* packet, const TsHeader& head
         status = filter->AssembleSection(packet + offset, length, header.PayloadUnitStartIndicator(),
                                          adaptation.DiscontinuityIndicator(), header.ContinuityCounter());
         section = filter->TakeCompleted();
-        if (!section.empty())
+        if (!section.empty()) {
+            const uint32_t before = CurrentTransportStreamId();
             DispatchSection(section);
+            *announced = CurrentTransportStreamId() != before;
+        }
+    }
+    if (*announced) {
+        m_announcement = {m_parser.StreamPosition(), status, {section.begin(), section.end()}};
+        return status;
     }
     // Outside the table lock: the bytes stay until this PID's next section completes, on this thread.
     if (!section.empty() && !IsScanning())
         m_router.OfferSection(header, section);
     return status;
+}
+
+ParserStep CTsFilterBase::OfferAnnouncement(const uint8_t* packet, const TsHeader& header) {
+    const Announcement announcement = std::exchange(m_announcement, {});
+    m_router.OfferSection(header, announcement.section);
+    if (FAILED(announcement.status))
+        return ParserStep::kGoOn;
+    const auto adaptation = header.HasAdaptationField() ? DecodeAdaptationFieldHeader(packet) : AdaptationFieldHeader{};
+    return OfferPacket(packet, header, adaptation, true);
 }
 
 HRESULT CTsFilterBase::DispatchSection(std::span<const uint8_t> section) {
@@ -202,6 +236,7 @@ HRESULT CTsFilterBase::DispatchSection(std::span<const uint8_t> section) {
         const auto transportStreamId = static_cast<uint32_t>(section[3] << 8 | section[4]);
         if (transportStreamId != CurrentTransportStreamId())
             NewTSID(transportStreamId);
+        m_isStreamKnown = true;
     }
     m_tables.Dispatch(section);
     return S_OK;
@@ -228,8 +263,14 @@ void CTsFilterBase::InternalReset() {
 
 void CTsFilterBase::ResetParsing() {
     m_parser.FlushBuffer();
+    m_announcement = {};
     CScopedLock lock(&m_tableLock);
+<<<<<<< HEAD
     SetCurrentTransportStreamId(0);
+=======
+    m_currentTransportStreamId.store(0, std::memory_order_relaxed);
+    m_isStreamKnown = false;
+>>>>>>> main
     m_pidStatus.Clear();
     DeleteSectionFilters(0);
     InstallSectionFilters(DefaultFilters::kWithPat);
@@ -241,8 +282,15 @@ void CTsFilterBase::NewTSID(uint32_t transportStreamId) {
     // The PAT that announced the new stream is still being handled on PID 0, so its filter stays.
     DeleteSectionFilters(1);
     InstallSectionFilters(DefaultFilters::kWithoutPat);
+<<<<<<< HEAD
     DeferRestart();
     SetCurrentTransportStreamId(transportStreamId);
+=======
+    // What came before the first table is of the stream that it names: the contents keep it.
+    if (m_isStreamKnown)
+        DeferRestart();
+    m_currentTransportStreamId.store(transportStreamId, std::memory_order_relaxed);
+>>>>>>> main
 }
 
 HRESULT CTsFilterBase::__ResetTables() {

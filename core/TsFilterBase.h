@@ -53,7 +53,6 @@ class CTsFilterBase : private FilterStateLock,
                       public ITableDecoder,
                       public IDvbServiceInformationEx,
                       protected IOutputHost,
-                      private IPacketHandler,
                       private IPcrClockOwner,
                       private ITableStoreEvents,
                       private IServiceListOwner {
@@ -264,9 +263,22 @@ private:
         std::vector<PidNotice> notices;
     };
 
-    Next ParsePacket(const uint8_t* packet) override;
+    friend PacketParser;
+    ParserStep ParsePacket(const uint8_t* packet);
+    ParserStep OfferPacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
+                           bool hasSectionFilter);
+    // A section that announced another transport stream. The contents start anew before they get it, so it waits,
+    // with its packet, until that has been done.
+    struct Announcement {
+        int64_t position = -1;  // of the packet
+        HRESULT status = S_OK;
+        std::vector<uint8_t> section;
+    };
+
     // What the section filter of the packet's PID makes of it; a failure keeps the packet from the outputs.
-    HRESULT ParseSections(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation);
+    HRESULT ParseSections(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
+                          bool* announced);
+    ParserStep OfferAnnouncement(const uint8_t* packet, const TsHeader& header);
     HRESULT DispatchSection(std::span<const uint8_t> section);
     void DeleteSectionFilters(uint32_t firstPid) OS_REQUIRES(m_tableLock);
     void InstallSectionFilters(DefaultFilters which);
@@ -286,6 +298,7 @@ private:
     // IOutputHost
     bool IsHostStopped() const override { return IsStopped(); }
     bool IsHostRunning() const override { return State() == State_Running; }
+    bool HasClock() const override { return static_cast<bool>(Clock()); }
     std::shared_ptr<CDeliveryLock> DeliveryLock() override { return m_deliveryLock; }
     HRESULT SetPcrDiscont(int32_t pcrPid) override { return m_clocks.SetPcrDiscont(pcrPid); }
     HRESULT StartSync(int32_t pcrPid, int64_t* ptsOrigin, REFERENCE_TIME* timeOrigin) override;
@@ -314,6 +327,8 @@ private:
     const std::shared_ptr<CDeliveryLock> m_deliveryLock;
 
     PacketParser m_parser;
+    // With the streaming lock.
+    Announcement m_announcement;
     PidStatusBits m_pidStatus;
     PacketRouter m_router;
     PcrClocks m_clocks;
@@ -324,6 +339,8 @@ private:
     std::unique_ptr<std::atomic<SectionFilter*>[]> m_sectionFilterSlots;
     // Written by the parsing thread and by resets under the table lock; clients only display it.
     std::atomic<uint32_t> m_currentTransportStreamId{0};
+    // A PAT has come since the last reset.
+    bool m_isStreamKnown OS_GUARDED_BY(m_tableLock) = false;
     TableStore m_tables OS_GUARDED_BY(m_tableLock);
     std::unique_ptr<CDvbServices> m_services;
 

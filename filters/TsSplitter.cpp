@@ -13,6 +13,8 @@ namespace {
 constexpr size_t kWorkerStack = 65'536;
 // Milliseconds after which Receive looks for room again.
 constexpr uint32_t kRoomWait = 1;
+// Milliseconds that a stop waits for the worker, which may be in a client's callback.
+constexpr uint32_t kTaskWait = 100;
 
 constexpr CLSID kPages[] = {kPageServices,
                             kPageProgramAssociationTable,
@@ -279,7 +281,20 @@ HRESULT CTsSplitter::Stop() {
         // A Receive that is under way ends first.
         CScopedLock receive(&m_input->ReceiveLock());
     }
-    return CTsFilterBase::Stop();
+    const HRESULT result = CTsFilterBase::Stop();
+    // The worker's task holds the filter. A client that lets go of a stopped filter wants it gone.
+    WaitForWorker();
+    return result;
+}
+
+void CTsSplitter::WaitForWorker() {
+    std::shared_ptr<CRALThread> thread;
+    {
+        CScopedLock lock(&m_workerLock);
+        thread = m_worker.get_deleter().thread;
+    }
+    if (thread)
+        thread->WaitForTask(kTaskWait);
 }
 
 HRESULT CTsSplitter::StartStreaming() {

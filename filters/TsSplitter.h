@@ -78,6 +78,7 @@ private:
     HRESULT AddBytes(const uint8_t* data, int32_t length);
     void PauseWorker();
     void ResumeWorker();
+    void WaitForWorker();
 
     HRESULT m_clockResult = S_OK;
     CWallClock m_wallClock;

@@ -26,6 +26,8 @@ public:
     virtual REFERENCE_TIME CurrentStreamTime() = 0;
     virtual bool IsHostStopped() const = 0;
     virtual bool IsHostRunning() const = 0;
+    // Without a clock there is no stream time, and nothing to wait for.
+    virtual bool HasClock() const = 0;
     // The host is about to stop: whoever waits for a receiver gives up.
     virtual bool IsEnding() const = 0;
     // Filter parameter 22.

@@ -23,7 +23,11 @@ public:
 private:
     void OnReset() override OS_REQUIRES(m_lock);
     int32_t PendingBytes(bool, bool) override OS_REQUIRES(m_lock) { return static_cast<int32_t>(m_queue.size()); }
-    HRESULT Add(const OfferedPacket&) override OS_REQUIRES(m_lock) { return S_OK; }
+    // Packets are nothing to it.
+    HRESULT AddAll(std::span<const OfferedPacket> packets, size_t* taken) override OS_REQUIRES(m_lock) {
+        *taken = packets.size();
+        return S_OK;
+    }
 
     std::deque<ComPtr<IMediaSample>> m_queue OS_GUARDED_BY(m_lock);
 };

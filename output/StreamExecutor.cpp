@@ -203,8 +203,9 @@ bool CStreamExecutor::ProcessCommands(int32_t* budget) {
 }
 
 void CStreamExecutor::OfferPrograms() {
-    const auto tables = m_host.CurrentProgramMapTables();
+    // In this order: the tables go before the content is reset, so older ones meet an older epoch.
     const uint32_t epoch = Epoch();
+    const auto tables = m_host.CurrentProgramMapTables();
     for (const auto& [number, table] : *tables)
         SetProgram(number, table.Get(), epoch);
 }
@@ -273,6 +274,9 @@ REFERENCE_TIME CStreamExecutor::ToSampleTime(int64_t timestamp, bool startPendin
 }
 
 void CStreamExecutor::AddMark(int64_t timestamp) {
+    // A PES packet that had no payload leaves no mark, so that marks cannot outgrow the bytes.
+    if (!m_marks.empty() && m_marks.back().position == m_bytesIn)
+        m_marks.pop_back();
     // Those whose bytes have been dropped are kept for their times, but not without end.
     if (m_marks.size() >= kMaxQueued && m_marks[1].position <= m_bytesOut)
         m_marks.pop_front();
@@ -350,7 +354,8 @@ HRESULT CStreamExecutor::SendData(int32_t budget, int32_t* sent, bool startPendi
         return E_FAIL;
     {
         CScopedLock lock(&m_lock);
-        if (!IsActive())
+        // The wait for a buffer may have been long: the data may be another stream's by now.
+        if (!IsActive() || m_state != State::kStreaming)
             return S_OK;
         int32_t size = std::min<int32_t>(budget, sample->GetSize());
         const Timing timing = TakeMarks(size, startPending);
@@ -392,19 +397,15 @@ HRESULT CStreamExecutor::AddPackets(std::span<const OfferedPacket> packets, size
     CScopedLock lock(&m_lock);
     if (!IsActive())
         return E_UNEXPECTED;
+    HRESULT result = E_OUTOFMEMORY;
     try {
-        for (const OfferedPacket& packet : packets) {
-            const HRESULT result = Add(packet);
-            if (result == E_OUTOFMEMORY)
-                m_full = true;
-            if (FAILED(result))
-                return result;
-            ++*taken;
-        }
+        result = AddAll(packets, taken);
     } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;  // of the queue of time stamps
+        // Of the queue of time stamps.
     }
-    return S_OK;
+    if (result == E_OUTOFMEMORY)
+        m_full = true;
+    return result;
 }
 
 HRESULT CStreamExecutor::TakeSection(const TsHeader&, std::span<const uint8_t>) {

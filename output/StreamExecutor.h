@@ -109,7 +109,8 @@ protected:
     virtual void OnInactive() OS_REQUIRES(m_lock) {}
     virtual void OnReset() OS_REQUIRES(m_lock) {}
     virtual int32_t PendingBytes(bool startPending, bool eosPending) OS_REQUIRES(m_lock) = 0;
-    virtual HRESULT Add(const OfferedPacket& packet) OS_REQUIRES(m_lock) = 0;
+    // Adds until one is refused; *taken counts up.
+    virtual HRESULT AddAll(std::span<const OfferedPacket> packets, size_t* taken) OS_REQUIRES(m_lock) = 0;
     virtual HRESULT Drop(int32_t) OS_REQUIRES(m_lock) { return E_FAIL; }
     // True when the mapping has changed. The base asks for the program anew.
     virtual bool UpdateMapping(IEnumPIDMap* mapping) OS_REQUIRES(m_lock);
@@ -117,6 +118,8 @@ protected:
     // again.
     virtual int32_t TakeDataFromCache(IMediaSample* sample, int32_t bytes, bool startPending) OS_REQUIRES(m_lock);
 
+    // The lock makes this thread the only one that writes, so no atomic addition is needed.
+    void SetBytesIn(int64_t bytes) OS_REQUIRES(m_lock) { m_bytesIn.store(bytes, std::memory_order_release); }
     void CloseUpdate() OS_REQUIRES(m_lock);
     void AddMark(int64_t timestamp) OS_REQUIRES(m_lock);
     REFERENCE_TIME ToSampleTime(int64_t timestamp, bool startPending) OS_REQUIRES(m_lock);

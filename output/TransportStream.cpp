@@ -13,7 +13,7 @@ namespace {
 constexpr int32_t kFirstCapacity = 0x30000;
 constexpr int32_t kLastCapacity = 0x300000;
 // Fewer bytes a PID are not worth a wake-up.
-constexpr int32_t kWorthwhile = 1800;
+constexpr int64_t kWorthwhile = 1800;
 constexpr int32_t kCountOfAll = 11;
 
 }  // namespace
@@ -34,7 +34,7 @@ int32_t CTransportStream::PendingBytes(bool startPending, bool eosPending) {
     return startPending || eosPending || m_full || buffered >= kWorthwhile * m_pidCount ? buffered : 0;
 }
 
-HRESULT CTransportStream::Add(const OfferedPacket& packet) {
+HRESULT CTransportStream::MakeRoom() {
     while (m_cache->Available() + kTransportPacketSize > m_cache->Capacity()) {
         if (m_capacity >= kLastCapacity)
             return E_OUTOFMEMORY;
@@ -43,8 +43,18 @@ HRESULT CTransportStream::Add(const OfferedPacket& packet) {
             return E_OUTOFMEMORY;
         m_capacity = capacity;
     }
-    m_cache->Append(packet.bytes, kTransportPacketSize);
-    m_bytesIn += kTransportPacketSize;
+    return S_OK;
+}
+
+HRESULT CTransportStream::AddAll(std::span<const OfferedPacket> packets, size_t* taken) {
+    for (const OfferedPacket& packet : packets) {
+        const HRESULT result = MakeRoom();
+        if (FAILED(result))
+            return result;
+        m_cache->AppendPiece(packet.bytes, kTransportPacketSize);
+        SetBytesIn(m_bytesIn.load(std::memory_order_relaxed) + kTransportPacketSize);
+        ++*taken;
+    }
     return S_OK;
 }
 
@@ -52,8 +62,13 @@ bool CTransportStream::UpdateMapping(IEnumPIDMap* mapping) {
     mapping->Reset();
     m_pidCount = 0;
     PID_MAP entry{};
-    while (m_pidCount < kCountOfAll && mapping->Next(1, &entry, nullptr) == S_OK)
-        m_pidCount = entry.ulPID == ALL_PIDS ? kCountOfAll : m_pidCount + 1;
+    while (mapping->Next(1, &entry, nullptr) == S_OK) {
+        ++m_pidCount;
+        if (entry.ulPID == ALL_PIDS) {
+            m_pidCount = kCountOfAll;
+            break;
+        }
+    }
     return CStreamExecutor::UpdateMapping(mapping);
 }
 

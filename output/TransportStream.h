@@ -15,9 +15,11 @@ private:
     void OnInactive() override OS_REQUIRES(m_lock) { m_cache.reset(); }
     void OnReset() override OS_REQUIRES(m_lock);
     int32_t PendingBytes(bool startPending, bool eosPending) override OS_REQUIRES(m_lock);
-    HRESULT Add(const OfferedPacket& packet) override OS_REQUIRES(m_lock);
+    HRESULT AddAll(std::span<const OfferedPacket> packets, size_t* taken) override OS_REQUIRES(m_lock);
     bool UpdateMapping(IEnumPIDMap* mapping) override OS_REQUIRES(m_lock);
     int32_t TakeDataFromCache(IMediaSample* sample, int32_t bytes, bool startPending) override OS_REQUIRES(m_lock);
+
+    HRESULT MakeRoom() OS_REQUIRES(m_lock);
 
     // Null while inactive.
     std::unique_ptr<ByteBuffer> m_cache OS_GUARDED_BY(m_lock);

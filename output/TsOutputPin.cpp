@@ -156,8 +156,9 @@ bool CTsOutputPin::NoteMapping() {
 }
 
 void CTsOutputPin::OfferPrograms(CStreamExecutor& content) {
-    const auto tables = m_host.CurrentProgramMapTables();
+    // In this order: the tables go before the content is reset, so older ones meet an older epoch.
     const uint32_t epoch = content.Epoch();
+    const auto tables = m_host.CurrentProgramMapTables();
     for (const auto& [number, table] : *tables)
         content.SetProgram(number, table.Get(), epoch);
 }
@@ -180,13 +181,23 @@ HRESULT CTsOutputPin::MapPID(ULONG count, const ULONG* pids, MEDIA_SAMPLE_CONTEN
             bindsNow = NoteMapping();
         }
     }
-    if (FAILED(result))
-        return result;
+    // Those before one that was refused stay mapped.
     if (Kind() == ContentKind::kPsiSections)
         for (ULONG i = 0; i < count; ++i)
+<<<<<<< HEAD
             m_host.WantSections(pids[i]);
     if (bindsNow)
         Bind(*executor);
+=======
+            if (m_map.Contains(pids[i]))
+                m_host.WantSections(pids[i]);
+    if (FAILED(result))
+        return result;
+    if (bindsNow && SUCCEEDED(executor->Active())) {
+        OfferPrograms(*executor);
+        executor->Inactive();
+    }
+>>>>>>> main
     return S_OK;
 }
 

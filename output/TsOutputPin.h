@@ -138,6 +138,8 @@ public:
     void OnRoomMade() { m_room.Set(); }
     // Set when a wait on the delivery thread is to end.
     std::shared_ptr<CEvent> InterruptEvent() const { return m_interrupt; }
+    // Before such a wait: forgets what ended others. False when it would have to end at once.
+    bool MayWait();
 
     // For the filter
     ContentKind Kind() const { return m_kind.load(); }
@@ -226,6 +228,7 @@ private:
     std::atomic<uint32_t> m_epoch{0};
     std::atomic<bool> m_threadRunning{false};  // it is awake; written under the mutex
     bool m_inTask = false;                     // under the mutex
+    std::atomic<uint32_t> m_taskEpoch{0};      // in which the task began
 
     // The parsing thread's: packets offered and not yet added.
     static constexpr size_t kBatch = 64;

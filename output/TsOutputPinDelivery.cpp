@@ -182,6 +182,7 @@ uint32_t CTsOutputPin::DoOneThreadTask() {
         const std::lock_guard lock(m_taskMutex);
         m_inTask = true;
         epoch = m_epoch;
+        m_taskEpoch = epoch;
     }
     RunTask(epoch);
     const std::lock_guard lock(m_taskMutex);
@@ -231,6 +232,11 @@ bool CTsOutputPin::SendSome(CStreamExecutor& content, int32_t budget, uint32_t e
     if (budget > sent || content.GetPendingBytes(m_startPending, m_eosPending) > 0)
         m_event->Set();
     return true;
+}
+
+bool CTsOutputPin::MayWait() {
+    m_interrupt->Reset();
+    return !m_flushing && !m_host.IsEnding() && m_taskEpoch == m_epoch;
 }
 
 void CTsOutputPin::FlushDownstream() {

@@ -19,14 +19,14 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 // What the parser handed on: the PID and stream position of each packet.
-class Packets final : public IPacketHandler {
+class Packets {
 public:
     explicit Packets(const PacketParser& parser) : m_parser(parser) {}
 
-    Next ParsePacket(const uint8_t* packet) override {
+    ParserStep ParsePacket(const uint8_t* packet) {
         seen.emplace_back(DecodeTsHeader(packet).Pid(), m_parser.StreamPosition());
         arrivals.push_back(m_parser.CurrentArrival().time);
-        return refuse ? Next::kRefused : Next::kGoOn;
+        return refuse ? ParserStep::kRefused : ParserStep::kGoOn;
     }
 
     std::vector<std::pair<uint32_t, int64_t>> seen;
@@ -241,9 +241,9 @@ TEST_F(PacketParserTest, WhileAnInPlaceWriteIsOpenNothingMoves) {
     EXPECT_EQ(packets.seen.back(), std::pair(0x103u, int64_t{564}));
     parser.Commit(-1);  // one too many changes nothing
     EXPECT_EQ(parser.Reserve(10).size(), 10u);
-    parser.Commit(1'000'000);  // cut to the room behind the 188 bytes read
+    parser.Commit(1'000'000);  // cut to the room that there is, all of it: the rest was moved to the front
     EXPECT_EQ(parser.FlushBuffer(), S_OK);
-    EXPECT_EQ(parser.StreamPosition(), 752 + 600 - 188);
+    EXPECT_EQ(parser.StreamPosition(), 752 + 600);
 }
 
 TEST_F(PacketParserTest, APacketHasTheArrivalOfTheSampleThatItBeginsIn) {
@@ -259,6 +259,18 @@ TEST_F(PacketParserTest, APacketHasTheArrivalOfTheSampleThatItBeginsIn) {
     EXPECT_EQ(m_parser.CurrentArrival().position, 388);
     m_parser.ResetPositions();
     EXPECT_EQ(m_parser.CurrentArrival().position, INT64_MIN);
+}
+
+// A live source of garbage must not fill the memory with the times at which it came.
+TEST_F(PacketParserTest, GarbageTakesItsArrivalsWithIt) {
+    for (const bool detects : {true, false}) {
+        for (int i = 0; i < 3; ++i) {
+            m_parser.NoteArrival(m_parser.BytesReceived());
+            Add(Bytes(600));
+            EXPECT_EQ(detects ? m_parser.DetectPacketSize() : m_parser.ParseData(m_packets), detects ? E_ABORT : S_OK);
+            EXPECT_EQ(m_parser.CurrentArrival().time, m_parser.BytesReceived() - 600);
+        }
+    }
 }
 
 TEST(ByteBuffer, KeepsALargerBlockAndNothingElse) {

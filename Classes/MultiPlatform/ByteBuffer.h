@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <span>
 
@@ -31,6 +32,13 @@ public:
     // Copies as many of length bytes as fit, after moving the unread bytes to the front when that is
     // needed; returns how many.
     int32_t Append(const uint8_t* bytes, int32_t length);
+    // As Append, for small pieces whose room has been tested: length is from 1 to Capacity() - Available().
+    void AppendPiece(const uint8_t* bytes, int32_t length) {
+        if (length > Capacity() - m_write)
+            MakeRoom(length);
+        std::memcpy(m_data + m_write, bytes, static_cast<size_t>(length));
+        m_write += length;
+    }
 
     // Releases count (at most Available()) bytes at the read offset; nothing while held.
     void Skip(int32_t count) {

@@ -7,11 +7,6 @@ namespace tessel {
 
 namespace {
 
-// Bytes that must follow the second sync byte before a packet is taken.
-constexpr int32_t kLookAhead = 6;
-// Three packets of the larger size and the look-ahead.
-constexpr int32_t kDetectionWindow = 3 * kTimestampedPacketSize + kLookAhead;
-
 const uint8_t* FindSync(const uint8_t* bytes, int32_t count) {
     return static_cast<const uint8_t*>(std::memchr(bytes, kSyncByte, static_cast<size_t>(count)));
 }
@@ -69,12 +64,9 @@ HRESULT PacketParser::FlushBuffer() {
     return S_OK;
 }
 
-void PacketParser::Consume(int32_t count) {
-    m_streamPosition += count;
-    m_buffer->Skip(count);
-}
-
 HRESULT PacketParser::DetectPacketSize() {
+    // Three packets of the larger size and the look-ahead.
+    constexpr int32_t kDetectionWindow = 3 * kTimestampedPacketSize + kLookAhead;
     if (!m_buffer)
         return E_UNEXPECTED;
     // While an in-place write is open nothing can be consumed, so nothing is decided.
@@ -101,15 +93,8 @@ HRESULT PacketParser::DetectPacketSize() {
         }
         Consume(skipped + 1);
     }
+    TakeArrivals();
     return E_ABORT;
-}
-
-inline const uint8_t* PacketParser::SkipUntilSync() {
-    const uint8_t* packet = m_buffer->ReadPointer();
-    if (m_buffer->Available() > m_packetSize + kLookAhead && packet[0] == kSyncByte &&
-        packet[m_packetSize] == kSyncByte) [[likely]]
-        return packet;
-    return SearchSync();
 }
 
 const uint8_t* PacketParser::SearchSync() {
@@ -137,24 +122,6 @@ void PacketParser::TakeArrivals() {
         m_currentArrival = m_arrivals.front();
         m_arrivals.pop_front();
     }
-}
-
-HRESULT PacketParser::ParseData(IPacketHandler& handler) {
-    if (!m_buffer)
-        return E_UNEXPECTED;
-    if (m_buffer->Held())
-        return S_OK;
-    while (const uint8_t* packet = SkipUntilSync()) {
-        if (!m_arrivals.empty())
-            TakeArrivals();
-        const IPacketHandler::Next next = handler.ParsePacket(packet);
-        if (next == IPacketHandler::Next::kRefused)
-            return S_FALSE;
-        Consume(m_packetSize);
-        if (next == IPacketHandler::Next::kPause)
-            return kParsePaused;
-    }
-    return S_OK;
 }
 
 }  // namespace tessel

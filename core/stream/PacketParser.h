@@ -23,19 +23,12 @@ struct ArrivalRecord {
     REFERENCE_TIME time;  // stream time of the arrival
 };
 
-// Sees every packet that stands between two sync bytes.
-class IPacketHandler {
-public:
-    enum class Next {
-        kGoOn,
-        kRefused,  // stop, leaving the packet unread
-        kPause,    // stop behind the packet
-    };
-    // packet: 188 bytes.
-    virtual Next ParsePacket(const uint8_t* packet) = 0;
-
-protected:
-    ~IPacketHandler() = default;
+// What a handler wants after a packet.
+enum class ParserStep {
+    kGoOn,
+    kRefused,  // stop, leaving the packet unread
+    kPause,    // stop behind the packet
+    kAgain,    // stop, and hand it over once more
 };
 
 // Of ParseData: the handler has something to do before the next packet.
@@ -73,7 +66,10 @@ public:
     // Hands every complete packet to handler. A packet is complete when the next sync byte and 6 bytes
     // more are there. S_OK when the data ran out; S_FALSE when the handler refused a packet; kParsePaused;
     // E_UNEXPECTED without a buffer.
-    HRESULT ParseData(IPacketHandler& handler);
+    // A handler has an operation ParserStep ParsePacket(const uint8_t* packet); packet: 188 bytes. It is no interface,
+    // so that its work stands in the loop.
+    template <class Handler>
+    HRESULT ParseData(Handler& handler);
 
     int32_t PacketSize() const { return m_packetSize; }
     void SetPacketSize(int32_t size) { m_packetSize = size; }
@@ -84,10 +80,22 @@ public:
 
 private:
     // The next packet, at the read offset; null when more data is needed.
-    const uint8_t* SkipUntilSync();
+    const uint8_t* SkipUntilSync() {
+        const uint8_t* packet = m_buffer->ReadPointer();
+        if (m_buffer->Available() > m_packetSize + kLookAhead && packet[0] == kSyncByte &&
+            packet[m_packetSize] == kSyncByte) [[likely]]
+            return packet;
+        return SearchSync();
+    }
     const uint8_t* SearchSync();
-    void Consume(int32_t count);
+    void Consume(int32_t count) {
+        m_streamPosition += count;
+        m_buffer->Skip(count);
+    }
     void TakeArrivals();
+
+    // Bytes that must follow the second sync byte before a packet is taken.
+    static constexpr int32_t kLookAhead = 6;
 
     std::unique_ptr<ByteBuffer> m_buffer;
     const int32_t m_requestedCapacity;
@@ -97,5 +105,28 @@ private:
     std::deque<ArrivalRecord> m_arrivals;
     ArrivalRecord m_currentArrival{INT64_MIN, 0};
 };
+
+template <class Handler>
+HRESULT PacketParser::ParseData(Handler& handler) {
+    if (!m_buffer)
+        return E_UNEXPECTED;
+    if (m_buffer->Held())
+        return S_OK;
+    while (const uint8_t* packet = SkipUntilSync()) {
+        if (!m_arrivals.empty())
+            TakeArrivals();
+        const ParserStep step = handler.ParsePacket(packet);
+        if (step == ParserStep::kRefused)
+            return S_FALSE;
+        if (step == ParserStep::kAgain)
+            return kParsePaused;
+        Consume(m_packetSize);
+        if (step == ParserStep::kPause)
+            return kParsePaused;
+    }
+    // Those of bytes that were no packets go too.
+    TakeArrivals();
+    return S_OK;
+}
 
 }  // namespace tessel

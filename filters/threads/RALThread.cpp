@@ -123,6 +123,17 @@ HRESULT CRALThread::SetIdealProcessor(uint32_t) {
     return m_thread != nullptr ? S_OK : kThreadMissing;
 }
 
+bool CRALThread::WaitForTask(uint32_t milliseconds) {
+    {
+        const CScopedLock lock(&m_lock);
+        if (m_thread == nullptr)
+            return true;
+        if (m_thread->IsCurrent())
+            return false;
+    }
+    return m_idle.Wait(milliseconds);
+}
+
 void CRALThread::Leave() {
     m_running = 0;
     m_stop.Set();
@@ -135,6 +146,7 @@ uint32_t CRALThread::DefaultProcedure(CRALThread* thread) {
     if (FAILED(started))
         return static_cast<uint32_t>(started);
     thread->RunTasks();
+    thread->m_idle.Set();
     return static_cast<uint32_t>(thread->OnThreadEnd());
 }
 
@@ -142,10 +154,16 @@ void CRALThread::RunTasks() {
     while (IsRunning()) {
         if (m_wake != nullptr)
             m_wake->Wait(m_wakeTimeout);
-        m_gate.Wait();
+        // Who closes the gate and then finds the thread idle can be sure that no task runs.
+        do {
+            m_idle.Set();
+            m_gate.Wait();
+            m_idle.Reset();
+        } while (!m_gate.IsSet());
         if (!IsRunning())
             break;
         const uint32_t delay = DoOneThreadTask();
+        m_idle.Set();
         if (delay == INFINITE || m_wake != nullptr)
             continue;
         // Not beyond the greatest time-out, which would become none; Stop ends the sleep.

@@ -59,6 +59,8 @@ public:
     HRESULT Resume(int32_t priority);
     // No new task begins; one that runs, or is past the gate, finishes.
     HRESULT Pause();
+    // After Pause: true when no task runs any more, false when the time is over or the caller is the thread.
+    bool WaitForTask(uint32_t milliseconds);
     // Ends the thread after the task that runs, and waits for that up to kStopWait. A thread that
     // takes longer is left to end by itself; so is one that stops itself.
     HRESULT Stop();
@@ -96,6 +98,8 @@ private:
     CEvent m_stop{EventReset::kManual};
     // The pause gate: while it is clear, no task begins.
     CEvent m_gate{EventReset::kManual};
+    // No task runs.
+    CEvent m_idle{EventReset::kManual, true};
 
     // These do not change while there is a thread.
     std::shared_ptr<CEvent> m_wake;

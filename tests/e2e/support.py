@@ -80,9 +80,32 @@ def recordings():
     return [dict(entry, path=facts.parent / entry["file"]) for entry in json.loads(facts.read_text())]
 
 
+def ffmpeg(arguments, what):
+    """Runs ffmpeg, which must succeed."""
+    if shutil.which("ffmpeg") is None:
+        raise AssertionError(f"ffmpeg is not installed; {what} needs it (scripts/test installs it)")
+    result = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", *map(str, arguments)], capture_output=True)
+    if result.returncode != 0:
+        raise AssertionError(f"ffmpeg fails, {what}: " + result.stderr.decode(errors="replace"))
+
+
+def made_by_ffmpeg(name, *arguments):
+    """The stream that ffmpeg makes of these arguments; kept in CACHE."""
+    path = CACHE / f"{name}-{hashlib.sha256(repr(arguments).encode()).hexdigest()[:16]}.ts"
+    if path.is_file():
+        return path
+    CACHE.mkdir(parents=True, exist_ok=True)
+    with tempfile.TemporaryDirectory(dir=CACHE) as folder:
+        made = pathlib.Path(folder, "made.ts")
+        ffmpeg([*arguments, "-f", "mpegts", made], f"making the stream {name}")
+        made.replace(path)
+    return path
+
+
 def two_programmes():
     """A stream of two programmes by ffmpeg: PIDs 256 and 257 (PMT 4096), 258 and 259 (PMT 4097)."""
-    arguments = [
+    return made_by_ffmpeg(
+        "two-programmes",
         "-f", "lavfi", "-i", "testsrc2=s=352x288:r=25:d=3", "-f", "lavfi", "-i", "sine=440:d=3:r=48000",
         "-map", "0:v", "-map", "1:a", "-map", "0:v", "-map", "1:a",
         "-c:v:0", "mpeg2video", "-b:v:0", "800k", "-c:a:0", "mp2",
@@ -90,20 +113,7 @@ def two_programmes():
         "-metadata:s:a:0", "language=deu", "-metadata:s:a:1", "language=fra",
         "-program", "title=First & Co:program_num=11:st=0:st=1", "-program", "title=Second:program_num=12:st=2:st=3",
         "-mpegts_transport_stream_id", "0x1234", "-mpegts_original_network_id", "0x2345",
-        "-metadata", "service_provider=Provider", "-f", "mpegts"]
-    path = CACHE / f"two-programmes-{hashlib.sha256(repr(arguments).encode()).hexdigest()[:16]}.ts"
-    if path.is_file():
-        return path
-    if shutil.which("ffmpeg") is None:
-        raise AssertionError("ffmpeg is not installed; this test makes its stream with it (scripts/test installs it)")
-    CACHE.mkdir(parents=True, exist_ok=True)
-    with tempfile.TemporaryDirectory(dir=CACHE) as folder:
-        made = pathlib.Path(folder, "made.ts")
-        result = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", *arguments, made], capture_output=True)
-        if result.returncode != 0:
-            raise AssertionError("ffmpeg cannot make the stream: " + result.stderr.decode(errors="replace"))
-        made.replace(path)
-    return path
+        "-metadata", "service_provider=Provider")
 
 
 def in_192_bytes(data):
@@ -117,6 +127,12 @@ class Stream:
     def __init__(self):
         self.data = bytearray()
         self.counters = collections.Counter()
+
+    def pcr(self, pid, base):
+        """A packet of an adaptation field alone; base in 90 kHz."""
+        field = b"\xb7\x10" + (base << 15 | 0x7E00).to_bytes(6, "big")
+        self.data += (bytes([0x47, pid >> 8, pid & 0xFF, 0x20 | (self.counters[pid] - 1) % 16]) + field).ljust(
+            PACKET, b"\xff")
 
     def packet(self, pid, payload, start=False):
         counter = self.counters[pid] % 16

@@ -1,7 +1,11 @@
 """How the tool behaves as a program: exit codes, messages, pipes and files."""
+import json
 import os
 import random
+import shutil
+import signal
 import subprocess
+import time
 import unittest
 
 import support
@@ -39,7 +43,8 @@ class Inputs(MannersTest):
         for path, text in inputs:
             for command in (["info", path], ["info", "--json", "--pids", path],
                             ["extract", path, "--pid", "0", "-o", "-"],
-                            ["extract", path, "--sections", "--pid", "0", "-o", self.folder / "out"]):
+                            ["extract", path, "--sections", "--pid", "0", "-o", self.folder / "out"],
+                            ["demux", path, "--discard"], ["watch", path]):
                 with self.subTest(path=path.name, command=command[0]):
                     self.assertFails(1, f"{path}: {text}", *command)
 
@@ -128,6 +133,90 @@ class Outputs(MannersTest):
                 self.assertEqual((tool.wait(240), error), (0, b""))
 
 
+class Demux(MannersTest):
+    """What demux does as a program; test_demux.py looks at the bytes."""
+
+    def demux(self, *options, source=None, **more):
+        """The summary, and what was written: {name: bytes}."""
+        folder = self.folder / "out"
+        summary = json.loads(self.done("demux", source or self.stream, "--json", "-o", folder, *options, **more))
+        files = {file.name: file.read_bytes() for file in folder.iterdir()}
+        shutil.rmtree(folder)
+        return summary, files
+
+    def test_selection(self):
+        cases = [([], ["11-256.m2v", "11-257.mp2", "12-258.h264", "12-259.ac3"]),
+                 (["--service", "12"], ["12-258.h264", "12-259.ac3"]),
+                 (["--service", "First & Co", "--audio", "ger"], ["11-256.m2v", "11-257.mp2"]),
+                 (["--audio", "fre"], ["11-256.m2v", "12-258.h264", "12-259.ac3"]),
+                 (["--service", "12", "--pid", "17"], ["0-17.psi", "12-258.h264", "12-259.ac3"]),
+                 (["--pid", "257:packets,4096", "--pid", "0x100:es"], ["11-256.m2v", "11-257.ts", "11-4096.psi"])]
+        for options, names in cases:
+            with self.subTest(options):
+                summary, files = self.demux(*options)
+                self.assertEqual(sorted(files), names)
+                self.assertNotIn(b"", files.values())
+                shown = {stream["file"]: stream["bytes"] for stream in summary["streams"]}
+                self.assertEqual(shown, {name: len(data) for name, data in files.items()})
+                self.assertEqual([stream["dropped_bytes"] or 0 for stream in summary["streams"]], [0] * len(names))
+
+    def test_pipe_and_discard_say_what_a_file_does(self):
+        def streams(summary, **changed):
+            # In how many samples the bytes come is a matter of threads.
+            return [dict(stream, samples=None, **changed) for stream in summary["streams"]]
+
+        summary, files = self.demux("--timestamps")
+        names = [name for name in files if not name.endswith(".csv")]
+        self.assertEqual(sorted(files), sorted(names + [name + ".csv" for name in names]))
+        piped, from_pipe = self.demux("--timestamps", source="-", input=self.stream.read_bytes())
+        self.assertEqual(streams(piped), streams(summary))
+        self.assertTrue(all(from_pipe[name] == files[name] for name in names))
+        counted = json.loads(self.done("demux", self.stream, "--discard", "--json"))
+        self.assertEqual(streams(counted), streams(summary, file=None, dropped_bytes=None))
+        text = self.done("demux", self.stream, "--discard").decode()
+        for name, data in files.items():
+            if name in names:
+                self.assertRegex(text, name.split(".")[0].replace("-", " +") + fr" .* {len(data)} ")
+
+    def test_what_cannot_start_is_said(self):
+        head = self.file("head.ts", self.stream.read_bytes()[:188 * 400])
+        summary, files = self.demux(source=head)
+        self.assertEqual(files, {})
+        notes = [stream["note"] for stream in summary["streams"]]
+        self.assertTrue(notes and all(notes), notes)
+
+    def test_outputs_that_are_refused(self):
+        folder = self.folder / "in"
+        folder.mkdir()
+        data = self.stream.read_bytes()
+        path = self.folder / "in" / "11-256.m2v"
+        path.write_bytes(data)
+        self.assertFails(2, "is also the input", "demux", path, "-o", folder)
+        self.assertTrue(path.read_bytes() == data)
+        self.assertFails(1, "No such file", "demux", path, "-o", self.folder / "no" / "where")
+        self.assertFails(1, "is no directory", "demux", path, "-o", path)
+
+    def test_interrupt_keeps_what_is_there(self):
+        folder = self.folder / "out"
+        tool = subprocess.Popen([support.TOOL, "demux", "-", "--json", "-o", folder], stdin=subprocess.PIPE,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        tool.stdin.write(self.stream.read_bytes())
+        tool.stdin.flush()
+        deadline = time.monotonic() + 60
+        while not folder.is_dir() or not any(file.stat().st_size for file in folder.iterdir()):
+            self.assertLess(time.monotonic(), deadline, "nothing was written")
+            time.sleep(0.01)
+        tool.send_signal(signal.SIGINT)
+        output, error = tool.stdout.read(), tool.stderr.read()
+        self.assertEqual((tool.wait(60), error), (0, b""))
+        for pipe in (tool.stdin, tool.stdout, tool.stderr):
+            pipe.close()
+        summary = json.loads(output)
+        self.assertIs(summary["interrupted"], True)
+        for stream in summary["streams"]:
+            self.assertEqual((folder / stream["file"]).stat().st_size, stream["bytes"])
+
+
 class Arguments(MannersTest):
     def test_bad_pids(self):
         for pid in ("8192", "0x2000", "-1", "", ",", "1,", "1,,2", "abc", "1.5", "0x", "0x-1", "1 2", "+1", "9" * 11):
@@ -152,9 +241,23 @@ class Arguments(MannersTest):
             with self.subTest(arguments):
                 self.assertFails(2, "--help", *arguments)
 
+    def test_demux_that_makes_no_sense(self):
+        into = ["-o", self.folder / "out"]
+        cases = [(2, "--discard", []), (2, "--discard", ["--discard", *into]), (2, "--timestamps", ["--discard", "--timestamps"]),
+                 (2, "directory", ["-o", "-"]), (2, "is no mode", ["--mode", "slow", *into]),
+                 (2, "is no PID", ["--pid", "8192", *into]), (2, ":es, :packets", ["--pid", "1:pes", *into]),
+                 (2, "add --service", ["--pid", "256", "--audio", "ger", *into]),
+                 (1, 'no service "Third"', ["--service", "Third", *into]), (1, 'no service "13"', ["--service", "13", *into]),
+                 (1, 'no audio in the language "eng"', ["--audio", "eng", *into]),
+                 (1, "is in no program map", ["--pid", "300:es", *into])]
+        for code, text, options in cases:
+            with self.subTest(options):
+                self.assertFails(code, text, "demux", self.stream, *options)
+
     def test_help_and_version(self):
         helps = {(): ("info", "extract", "Exit code"), ("info",): ("INPUT", "--json", "--pids"),
-                 ("extract",): ("INPUT", "--pid", "--sections", "--output")}
+                 ("extract",): ("INPUT", "--pid", "--sections", "--output"), ("watch",): ("INPUT", "--json"),
+                 ("demux",): ("INPUT", "--output", "--discard", "--service", "--audio", "--pid", "--mode", "--timestamps")}
         for command, words in helps.items():
             for option in ("--help", "-h"):
                 text = self.done(*command, option).decode()

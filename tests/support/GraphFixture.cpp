@@ -1,12 +1,23 @@
 #include "tests/support/GraphFixture.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "platform/media/MediaResult.h"
 #include "services/objects/Collections.h"
 
 namespace tessel {
+
+bool Eventually(const std::function<bool()>& holds) {
+    for (uint32_t waited = 0; !holds(); ++waited) {
+        if (waited == kTestWait)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
 
 class TestSource::Pin final : public CBaseOutputPin {
 public:
@@ -177,8 +188,12 @@ bool TestSink::WaitForSamples(size_t count) const {
     return WaitUntil([this, count] { return m_samples.size() >= count; });
 }
 
-SplitterGraph::SplitterGraph(StreamingMode mode)
-    : graph(MakeObject<CFilterGraph>()), splitter(MakeObject<CTsSplitter>()), source(MakeObject<TestSource>()) {
+SplitterGraph::SplitterGraph(StreamingMode mode, ComPtr<ManualClock> its)
+    : clock(std::move(its)),
+      graph(MakeObject<CFilterGraph>()),
+      splitter(MakeObject<CTsSplitter>()),
+      source(MakeObject<TestSource>()) {
+    EXPECT_EQ(graph->SetSyncSource(clock.Get()), S_OK);
     EXPECT_EQ(splitter->Init(mode, mode == StreamingMode::kRecording ? 0 : 1), S_OK);
     EXPECT_EQ(graph->AddFilter(splitter.Get(), u"splitter"), S_OK);
     EXPECT_EQ(graph->AddFilter(source.Get(), u"source"), S_OK);
@@ -192,15 +207,19 @@ SplitterGraph::~SplitterGraph() {
 
 TestSink& SplitterGraph::Add(const OLECHAR* name, const GUID& major, const GUID& sub, std::vector<ULONG> pids,
                              MEDIA_SAMPLE_CONTENT content) {
+    return AddTo(name, major, sub, std::move(pids), content, MakeObject<TestSink>(major, sub));
+}
+
+TestSink& SplitterGraph::AddTo(const OLECHAR* name, const GUID& major, const GUID& sub, std::vector<ULONG> pids,
+                               MEDIA_SAMPLE_CONTENT content, ComPtr<TestSink> sink) {
     AM_MEDIA_TYPE type = MakeMediaType(major, sub);
     ComPtr<IPin> pin;
     EXPECT_EQ(demultiplexer->CreateOutputPin(&type, name, pin.Put()), S_OK);
     EXPECT_EQ(pin.As<IMPEG2PIDMap>()->MapPID(static_cast<ULONG>(pids.size()), pids.data(), content), S_OK);
-    m_sinks.push_back(MakeObject<TestSink>(major, sub));
-    TestSink& sink = *m_sinks.back().Get();
-    EXPECT_EQ(graph->AddFilter(&sink, nullptr), S_OK);
-    EXPECT_EQ(graph->ConnectDirect(pin.Get(), &sink.In(), nullptr), S_OK);
-    return sink;
+    EXPECT_EQ(graph->AddFilter(sink.Get(), nullptr), S_OK);
+    EXPECT_EQ(graph->ConnectDirect(pin.Get(), &sink->In(), &type), S_OK);
+    m_sinks.push_back(std::move(sink));
+    return *m_sinks.back().Get();
 }
 
 OutputPinPtr SplitterGraph::Pin(const OLECHAR* name) {
@@ -211,7 +230,7 @@ OutputPinPtr SplitterGraph::Pin(const OLECHAR* name) {
 }
 
 HRESULT SplitterGraph::Run() {
-    const HRESULT result = graph->Run(0);
+    const HRESULT result = graph->Run(clock ? clock->GetPrivateTime() : 0);
     return SUCCEEDED(result) ? S_OK : result;
 }
 

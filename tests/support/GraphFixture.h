@@ -30,6 +30,32 @@ inline AM_MEDIA_TYPE MakeMediaType(const GUID& major, const GUID& sub) {
     return type;
 }
 
+// Looks every millisecond; false when it has not turned true after kTestWait.
+bool Eventually(const std::function<bool()>& holds);
+
+// Stands still unless a test moves it.
+class ManualClock final : public CBaseReferenceClock {
+public:
+    ManualClock() : CBaseReferenceClock("ManualClock", nullptr, kMediaLeafRank) {}
+    ~ManualClock() override { StopAdvising(); }
+
+    REFERENCE_TIME GetPrivateTime() override { return m_now; }
+    HRESULT AdviseTime(REFERENCE_TIME base, REFERENCE_TIME time, HEVENT event, DWORD_PTR* cookie) override {
+        ++m_waits;
+        return CBaseReferenceClock::AdviseTime(base, time, event, cookie);
+    }
+    // How often somebody has waited for a time.
+    size_t Waits() const { return m_waits; }
+    void Advance(REFERENCE_TIME by) {
+        m_now += by;
+        TriggerThread();
+    }
+
+private:
+    std::atomic<size_t> m_waits{0};
+    std::atomic<REFERENCE_TIME> m_now{10'000'000'000};
+};
+
 // One output pin; the test pushes on its own thread.
 class TestSource final : public CBaseFilter {
 public:
@@ -103,10 +129,10 @@ private:
     size_t m_ends = 0;
 };
 
-// source → splitter → sinks, in a graph without a clock.
+// source → splitter → sinks, in a graph without a clock, unless the test gives it one.
 class SplitterGraph {
 public:
-    explicit SplitterGraph(StreamingMode mode = StreamingMode::kRecording);
+    explicit SplitterGraph(StreamingMode mode = StreamingMode::kRecording, ComPtr<ManualClock> clock = {});
     ~SplitterGraph();
 
     // An output pin of that name and type, mapped, with a sink behind it. The sink lives as long as the graph.
@@ -115,16 +141,25 @@ public:
     TestSink& AddStream(const OLECHAR* name, const GUID& major, const GUID& sub, ULONG pid) {
         return Add(name, major, sub, {pid}, MEDIA_ELEMENTARY_STREAM);
     }
+    // As AddStream, with a sink that takes every type.
+    TestSink& AddOpen(const OLECHAR* name, const GUID& major, const GUID& sub, ULONG pid) {
+        return AddTo(name, major, sub, {pid}, MEDIA_ELEMENTARY_STREAM, MakeObject<TestSink>());
+    }
     OutputPinPtr Pin(const OLECHAR* name);
+    // With a clock, stream time is 0 then.
     HRESULT Run();
     HRESULT End() { return source->Out().DeliverEndOfStream(); }
 
+    const ComPtr<ManualClock> clock;
     ComPtr<CFilterGraph> graph;
     ComPtr<CTsSplitter> splitter;
     ComPtr<TestSource> source;
     ComPtr<IMpeg2Demultiplexer> demultiplexer;
 
 private:
+    TestSink& AddTo(const OLECHAR* name, const GUID& major, const GUID& sub, std::vector<ULONG> pids,
+                    MEDIA_SAMPLE_CONTENT content, ComPtr<TestSink> sink);
+
     std::vector<ComPtr<TestSink>> m_sinks;
 };
 

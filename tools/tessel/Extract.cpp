@@ -43,6 +43,8 @@ private:
     int64_t m_count = 0;
 };
 
+}  // namespace
+
 uint32_t ParsePid(const std::string& text) {
     const bool hex = text.starts_with("0x") || text.starts_with("0X");
     const char* const begin = text.data() + (hex ? 2 : 0);
@@ -53,8 +55,6 @@ uint32_t ParsePid(const std::string& text) {
         throw Misuse("\"" + text + "\" is no PID; a PID is a number from 0 to 8191 (0x1FFF)");
     return pid;
 }
-
-}  // namespace
 
 std::vector<uint32_t> ParsePidList(const std::string& text) {
     std::vector<uint32_t> pids;

@@ -11,6 +11,8 @@ namespace tessel::tool {
 
 enum class ExtractWhat { kPackets, kSections };
 
+// "256" or "0x100"; Misuse for anything that is no PID.
+uint32_t ParsePid(const std::string& text);
 // "256", "0x100", "17,0x11": PIDs below 8192; Misuse for anything else.
 std::vector<uint32_t> ParsePidList(const std::string& text);
 

@@ -5,16 +5,17 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "tools/tessel/Failure.h"
+#include "tools/tessel/Interrupt.h"
 
 namespace tessel::tool {
 
 namespace {
 
 constexpr size_t kReadSize = 256 * 1024;
-constexpr size_t kOutputBuffer = 1 << 20;
 
 std::string Reason() {
     return std::strerror(errno);
@@ -27,6 +28,12 @@ bool SameFile(int first, int second) {
            a.st_ino == b.st_ino;
 }
 
+// The offset of a file proper, else -1.
+int64_t OffsetOf(int descriptor) {
+    struct stat status {};
+    return fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) ? lseek(descriptor, 0, SEEK_CUR) : -1;
+}
+
 }  // namespace
 
 InputFile::InputFile(const std::string& path) : m_name(path) {
@@ -35,6 +42,7 @@ InputFile::InputFile(const std::string& path) : m_name(path) {
         m_descriptor = STDIN_FILENO;
         if (isatty(m_descriptor) != 0)
             throw Misuse("standard input is a terminal; name a file, or pipe a transport stream in");
+        m_start = OffsetOf(m_descriptor);
         return;
     }
     m_descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -45,6 +53,7 @@ InputFile::InputFile(const std::string& path) : m_name(path) {
         close(m_descriptor);
         throw Failure(m_name + ": is a directory; name a transport stream file in it");
     }
+    m_start = OffsetOf(m_descriptor);
 }
 
 InputFile::~InputFile() {
@@ -54,18 +63,37 @@ InputFile::~InputFile() {
 
 std::span<const uint8_t> InputFile::Read() {
     m_buffer.resize(kReadSize);
-    for (;;) {
-        const ssize_t count = read(m_descriptor, m_buffer.data(), m_buffer.size());
-        if (count >= 0) {
-            m_bytesRead += count;
-            return std::span(m_buffer).first(static_cast<size_t>(count));
-        }
-        if (errno != EINTR)
-            throw Failure(m_name + ": cannot read: " + Reason());
-    }
+    return std::span(m_buffer).first(Read(std::span(m_buffer)));
 }
 
-OutputFile::OutputFile(const std::string& path, const InputFile& input) : m_name(path) {
+size_t InputFile::Read(std::span<uint8_t> buffer) {
+    while (WaitForInput(m_descriptor)) {
+        const ssize_t count = read(m_descriptor, buffer.data(), buffer.size());
+        if (count >= 0) {
+            m_bytesRead += count;
+            return static_cast<size_t>(count);
+        }
+        if (errno != EINTR && errno != EAGAIN)
+            throw Failure(m_name + ": cannot read: " + Reason());
+    }
+    return 0;
+}
+
+void InputFile::Rewind() {
+    if (lseek(m_descriptor, m_start, SEEK_SET) < 0)
+        throw Failure(m_name + ": cannot read from the beginning again: " + Reason());
+    m_bytesRead = 0;
+}
+
+std::optional<int64_t> InputFile::Size() const {
+    struct stat status {};
+    if (!CanRewind() || fstat(m_descriptor, &status) != 0)
+        return std::nullopt;
+    return status.st_size - m_start;
+}
+
+OutputFile::OutputFile(const std::string& path, const InputFile& input, size_t buffer)
+    : m_name(path), m_capacity(buffer) {
     if (path == "-") {
         m_name = "standard output";
         m_descriptor = STDOUT_FILENO;
@@ -81,7 +109,7 @@ OutputFile::OutputFile(const std::string& path, const InputFile& input) : m_name
         throw Misuse(m_name + ": is also the input; choose another file with -o");
     if (path != "-" && ftruncate(m_descriptor, 0) != 0 && errno != EINVAL)
         throw Failure(m_name + ": cannot write: " + Reason());
-    m_buffer.reserve(kOutputBuffer);
+    m_buffer.reserve(m_capacity);
 }
 
 OutputFile::~OutputFile() {
@@ -90,23 +118,29 @@ OutputFile::~OutputFile() {
 }
 
 void OutputFile::Write(std::span<const uint8_t> bytes) {
-    if (m_buffer.size() + bytes.size() > kOutputBuffer)
+    if (m_buffer.size() + bytes.size() > m_capacity)
         Flush();
-    m_buffer.insert(m_buffer.end(), bytes.begin(), bytes.end());
+    if (bytes.size() >= m_capacity)
+        WriteOut(bytes);
+    else
+        m_buffer.insert(m_buffer.end(), bytes.begin(), bytes.end());
 }
 
 void OutputFile::Flush() {
-    size_t written = 0;
-    while (written < m_buffer.size()) {
-        const ssize_t count = write(m_descriptor, m_buffer.data() + written, m_buffer.size() - written);
+    WriteOut(m_buffer);
+    m_buffer.clear();
+}
+
+void OutputFile::WriteOut(std::span<const uint8_t> bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = write(m_descriptor, bytes.data(), bytes.size());
         if (count >= 0)
-            written += static_cast<size_t>(count);
+            bytes = bytes.subspan(static_cast<size_t>(count));
         else if (errno == EPIPE)
             throw OutputClosed();
         else if (errno != EINTR)
             throw Failure(m_name + ": cannot write: " + Reason());
     }
-    m_buffer.clear();
 }
 
 void OutputFile::Close() {
@@ -116,6 +150,14 @@ void OutputFile::Close() {
         m_descriptor = -1;
         if (close(descriptor) != 0)
             throw Failure(m_name + ": cannot write: " + Reason());
+    }
+}
+
+void Print(const std::string& text) {
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
+        if (errno == EPIPE)
+            throw OutputClosed();
+        throw Failure("standard output: cannot write: " + Reason());
     }
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -16,9 +17,16 @@ public:
     InputFile(const InputFile&) = delete;
     InputFile& operator=(const InputFile&) = delete;
 
-    // Some more bytes, valid until the next call; none at the end.
+    // Some more bytes, valid until the next call; none at the end, or when the user has interrupted.
     std::span<const uint8_t> Read();
+    // The same into a buffer of the caller's: the number of bytes.
+    size_t Read(std::span<uint8_t> buffer);
     int64_t BytesRead() const { return m_bytesRead; }
+    // A file proper can be read from its beginning again; what a pipe has given is gone.
+    bool CanRewind() const { return m_start >= 0; }
+    void Rewind();
+    // Bytes from the beginning to the end; unknown of a pipe.
+    std::optional<int64_t> Size() const;
     // The path, or "standard input".
     const std::string& Name() const { return m_name; }
     int Descriptor() const { return m_descriptor; }
@@ -26,6 +34,7 @@ public:
 private:
     std::string m_name;
     int m_descriptor = -1;
+    int64_t m_start = -1;  // where in the file we began; -1 for a pipe
     std::vector<uint8_t> m_buffer;
     int64_t m_bytesRead = 0;
 };
@@ -33,8 +42,10 @@ private:
 // Throws OutputClosed when the reader of a pipe has gone.
 class OutputFile {
 public:
-    // Refuses (Misuse) to overwrite the file that input reads.
-    OutputFile(const std::string& path, const InputFile& input);
+    static constexpr size_t kBuffer = 1 << 20;
+
+    // Refuses (Misuse) to overwrite the file that input reads. buffer: bytes gathered before they are written.
+    OutputFile(const std::string& path, const InputFile& input, size_t buffer = kBuffer);
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
@@ -45,10 +56,15 @@ public:
 
 private:
     void Flush();
+    void WriteOut(std::span<const uint8_t> bytes);
 
     std::string m_name;
     int m_descriptor = -1;
+    const size_t m_capacity;
     std::vector<uint8_t> m_buffer;
 };
+
+// Writes to standard output at once.
+void Print(const std::string& text);
 
 }  // namespace tessel::tool

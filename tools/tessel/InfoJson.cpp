@@ -22,7 +22,7 @@ Json ToJson(const ComponentInfo& component) {
             {"stream_type_name", component.streamTypeName},
             {"language", OrNull(component.language)},
             {"scrambled", component.scrambled},
-            {"media", OrNull(component.media)},
+            {"media", component.media != nullptr ? Json(component.media->text) : Json(nullptr)},
             {"descriptors", std::move(descriptors)}};
 }
 

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <cstdio>
 
 #include "tools/tessel/Info.h"
@@ -18,42 +17,11 @@ std::string HexOr(const std::optional<uint32_t>& value, const char* otherwise) {
     return value ? Hex(*value) + " (" + std::to_string(*value) + ")" : otherwise;
 }
 
-using Row = std::vector<std::string>;
-
-// A line each with aligned columns; the last column runs free.
-std::vector<std::string> Aligned(const std::vector<Row>& rows, const std::string& indent) {
-    std::vector<size_t> widths;
-    for (const Row& row : rows) {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (size_t i = 0; i < row.size(); ++i)
-            widths[i] = std::max(widths[i], Columns(row[i]));
-    }
-    std::vector<std::string> lines;
-    for (const Row& row : rows) {
-        std::string& line = lines.emplace_back(indent);
-        for (size_t i = 0; i < row.size(); ++i) {
-            line += row[i];
-            if (i + 1 < row.size())
-                line.append(widths[i] - Columns(row[i]) + 2, ' ');
-        }
-        line.erase(line.find_last_not_of(' ') + 1);
-        line += '\n';
-    }
-    return lines;
-}
-
-std::string Columned(const std::vector<Row>& rows, const std::string& indent) {
-    std::string text;
-    for (const std::string& line : Aligned(rows, indent))
-        text += line;
-    return text;
-}
-
 // Descriptors stand below their component: their texts are too long for a column.
 std::string Components(const ServiceInfo& service) {
     std::vector<Row> rows = {{"PID", "MEDIA", "LANG", "STREAM TYPE"}};
     for (const ComponentInfo& component : service.components) {
-        std::string media = component.media.value_or("-");
+        std::string media = component.media != nullptr ? component.media->text : "-";
         if (component.scrambled)
             media += " (scrambled)";
         rows.push_back(

@@ -5,13 +5,6 @@
 
 namespace tessel::tool {
 
-namespace {
-
-// Bytes in which four sync bytes at an equal distance must have shown: packets, and a look-ahead.
-constexpr int64_t kFourPackets = 4 * kTimestampedPacketSize + 6;
-
-}  // namespace
-
 StreamReader::StreamReader() : CTsFilterBase("StreamReader") {
     if (FAILED(SetMode(StreamingMode::kRecording, 0)) || FAILED(StartStreaming()))
         throw Failure("out of memory");

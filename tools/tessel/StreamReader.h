@@ -6,6 +6,9 @@
 
 namespace tessel::tool {
 
+// Bytes in which four sync bytes at an equal distance must have shown: packets, and a look-ahead.
+inline constexpr int64_t kFourPackets = 4 * kTimestampedPacketSize + 6;
+
 class StreamReader final : public CTsFilterBase {
 public:
     // Starts streaming; Failure when there is no memory for it.

@@ -95,4 +95,32 @@ size_t Columns(std::string_view utf8) {
     return columns;
 }
 
+std::vector<std::string> Aligned(const std::vector<Row>& rows, const std::string& indent) {
+    std::vector<size_t> widths;
+    for (const Row& row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (size_t i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], Columns(row[i]));
+    }
+    std::vector<std::string> lines;
+    for (const Row& row : rows) {
+        std::string& line = lines.emplace_back(indent);
+        for (size_t i = 0; i < row.size(); ++i) {
+            line += row[i];
+            if (i + 1 < row.size())
+                line.append(widths[i] - Columns(row[i]) + 2, ' ');
+        }
+        line.erase(line.find_last_not_of(' ') + 1);
+        line += '\n';
+    }
+    return lines;
+}
+
+std::string Columned(const std::vector<Row>& rows, const std::string& indent) {
+    std::string text;
+    for (const std::string& line : Aligned(rows, indent))
+        text += line;
+    return text;
+}
+
 }  // namespace tessel::tool

@@ -3,6 +3,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tessel::tool {
 
@@ -15,5 +16,11 @@ std::string ToTerminal(std::string_view utf8);
 
 // Columns that utf8 takes on a terminal, counting one for each character.
 size_t Columns(std::string_view utf8);
+
+using Row = std::vector<std::string>;
+
+// A line each with aligned columns; the last column runs free.
+std::vector<std::string> Aligned(const std::vector<Row>& rows, const std::string& indent);
+std::string Columned(const std::vector<Row>& rows, const std::string& indent);
 
 }  // namespace tessel::tool

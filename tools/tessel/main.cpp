@@ -1,14 +1,15 @@
 // The command line: `tessel COMMAND INPUT ...`.
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <new>
 
+#include "tools/tessel/DemuxRun.h"
 #include "tools/tessel/Extract.h"
 #include "tools/tessel/Failure.h"
 #include "tools/tessel/Info.h"
+#include "tools/tessel/Interrupt.h"
+#include "tools/tessel/Watch.h"
 
 namespace tessel::tool {
 namespace {
@@ -26,13 +27,22 @@ struct ExtractArguments {
     std::string output;
 };
 
-void Print(const std::string& text) {
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
-        if (errno == EPIPE)
-            throw OutputClosed();
-        throw Failure(std::string("standard output: cannot write: ") + std::strerror(errno));
-    }
-}
+struct DemuxArguments {
+    std::string input;
+    std::string directory;
+    bool discard = false;
+    std::string mode = "rec";
+    std::string service;
+    std::string audio;
+    std::vector<std::string> pids;
+    bool timestamps = false;
+    bool json = false;
+};
+
+struct WatchArguments {
+    std::string input;
+    bool json = false;
+};
 
 void RunInfo(const InfoArguments& arguments) {
     InputFile input(arguments.input);
@@ -45,6 +55,38 @@ void RunExtract(const ExtractArguments& arguments) {
     InputFile input(arguments.input);
     OutputFile output(arguments.output, input);
     Extract(input, pids, arguments.sections ? ExtractWhat::kSections : ExtractWhat::kPackets, output);
+}
+
+std::optional<std::string> Given(const std::string& text) {
+    return text.empty() ? std::nullopt : std::optional(text);
+}
+
+void RunDemux(const DemuxArguments& arguments) {
+    DemuxRequest request;
+    request.mode = ParseMode(arguments.mode);
+    request.service = Given(arguments.service);
+    request.audio = Given(arguments.audio);
+    request.pids = ParsePidRequests(arguments.pids);
+    request.directory = Given(arguments.directory);
+    request.timestamps = arguments.timestamps;
+    if (request.directory.has_value() == arguments.discard)
+        throw Misuse("name a directory with -o, or only measure with --discard; see `tessel demux --help`");
+    if (request.directory == "-")
+        throw Misuse("demux writes a file for each stream; name a directory with -o");
+    if (arguments.discard && request.timestamps)
+        throw Misuse("--timestamps writes files, and --discard writes none");
+    if (request.audio && !request.pids.empty() && !request.service)
+        throw Misuse("--audio chooses among the streams of services, and --pid names streams; add --service");
+    InputFile input(arguments.input);
+    CatchInterrupts();
+    const DemuxResult result = Demux(input, request);
+    Print(arguments.json ? DemuxAsJson(result) : DemuxAsText(result));
+}
+
+void RunWatch(const WatchArguments& arguments) {
+    InputFile input(arguments.input);
+    CatchInterrupts();
+    Watch(input, arguments.json ? WatchFormat::kJson : WatchFormat::kText);
 }
 
 const char* const kInputHelp = "A transport stream: a file, or - for standard input";
@@ -77,6 +119,45 @@ void AddExtract(CLI::App& app, ExtractArguments& arguments) {
     extract->callback([&arguments] { RunExtract(arguments); });
 }
 
+void AddDemux(CLI::App& app, DemuxArguments& arguments) {
+    CLI::App* demux = app.add_subcommand("demux", "Write the elementary streams of a stream, each to a file");
+    demux->add_option("INPUT", arguments.input, kInputHelp)->required();
+    demux->add_option("-o,--output", arguments.directory, "The directory to write to; it is made when missing");
+    demux->add_flag("--discard", arguments.discard, "Write nothing, only measure");
+    demux->add_option("--service", arguments.service, "Of this service alone: its id or its name");
+    demux->add_option("--audio", arguments.audio, "Audio in this language alone: a code as `tessel info` shows it");
+    demux->add_option("--pid", arguments.pids,
+                      "These PIDs: P[:es|packets|sections][,...]; with --service, besides its streams");
+    demux->add_option(
+        "--mode", arguments.mode,
+        "rec: outputs wait for room; strm: as rec, with the checks of a running clock; live: at the speed "
+        "of the stream's own clock, and what is late is dropped");
+    demux->add_flag("--timestamps", arguments.timestamps,
+                    "Beside each elementary stream a CSV file: byte offset, time in 100 ns, flags");
+    demux->add_flag("--json", arguments.json, "The summary for programs");
+    demux->footer(
+        "Files are SERVICE-PID.EXT: m2v, m1v, h264, m4v, mp2, mpa, ac3, aac, sub, ts for packets, psi for sections.\n"
+        "A stream begins with its first time stamp. What no pin delivers as an elementary stream, or what shows\n"
+        "no time stamp in the first 10,000,000 bytes, is written as packets. The summary says what is missing.\n\n"
+        "Examples:\n"
+        "  tessel demux recording.ts -o streams\n"
+        "  tessel demux recording.ts --service 101 --audio ger --timestamps -o streams\n"
+        "  tessel demux recording.ts --pid 256,0x11:sections -o streams\n"
+        "  cat recording.ts | tessel demux - --discard --json");
+    demux->callback([&arguments] { RunDemux(arguments); });
+}
+
+void AddWatch(CLI::App& app, WatchArguments& arguments) {
+    CLI::App* watch = app.add_subcommand("watch", "Print table and service events as they come");
+    watch->add_option("INPUT", arguments.input, kInputHelp)->required();
+    watch->add_flag("--json", arguments.json, "For programs: one JSON object a line");
+    watch->footer(
+        "Examples:\n"
+        "  tessel watch recording.ts\n"
+        "  cat recording.ts | tessel watch --json -");
+    watch->callback([&arguments] { RunWatch(arguments); });
+}
+
 int Run(int argc, char** argv) {
     CLI::App app("Takes MPEG-2 transport streams apart.", "tessel");
     app.set_version_flag("--version", "tessel " TESSEL_VERSION);
@@ -87,11 +168,16 @@ int Run(int argc, char** argv) {
         "Examples:\n"
         "  tessel info recording.ts\n"
         "  tessel extract recording.ts --pid 256 -o video.ts\n"
+        "  tessel demux recording.ts -o streams\n"
         "`tessel COMMAND --help` says more.");
     InfoArguments info;
     AddInfo(app, info);
     ExtractArguments extract;
     AddExtract(app, extract);
+    DemuxArguments demux;
+    AddDemux(app, demux);
+    WatchArguments watch;
+    AddWatch(app, watch);
     const auto named = [&](CLI::App* command) { return command->check_name(argv[1]); };
     if (argc > 1 && argv[1][0] != '-' && app.get_subcommands(named).empty())
         throw Misuse("there is no command \"" + std::string(argv[1]) + "\"; see `tessel --help`");

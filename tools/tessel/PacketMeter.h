@@ -1,0 +1,61 @@
+// Counts what an input holds, PID by PID, beside the filter that takes it apart: what an output should
+// have delivered, and whether a stream has what it needs to start.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "core/stream/PacketParser.h"
+
+namespace tessel::tool {
+
+struct PidCounts {
+    int64_t packets = 0;      // clear ones
+    int64_t payload = 0;      // bytes of elementary stream, without PES headers and repeated packets
+    int64_t beforeStart = 0;  // those of them that came before the first time stamp
+    bool scrambled = false;
+    bool timed = false;  // a PES packet with a time stamp has come
+    bool hasPcr = false;
+    int8_t lastCounter = -1;
+};
+
+class PacketMeter {
+public:
+    PacketMeter();
+
+    void Push(std::span<const uint8_t> bytes);
+    // No more bytes come. Nothing is told of packets that no packet size was found for.
+    void Finish();
+
+    // pid: below 8192.
+    const PidCounts& Of(uint32_t pid) const { return m_pids[pid]; }
+    bool IsPresent(uint32_t pid) const { return Of(pid).packets != 0 || Of(pid).scrambled; }
+    bool FoundPackets() const { return m_foundPackets; }
+
+    // The last clock reference of the first PID that had one, and where its packet began.
+    struct Pcr {
+        int64_t value;  // 27 MHz
+        int64_t position;
+    };
+    const std::optional<Pcr>& LastPcr() const { return m_lastPcr; }
+
+private:
+    friend PacketParser;
+    ParserStep ParsePacket(const uint8_t* packet) { return Note(packet), ParserStep::kGoOn; }
+    void Note(const uint8_t* packet);
+    void CountPayload(PidCounts& counts, const TsHeader& header, std::span<const uint8_t> payload);
+    void Parse();
+
+    PacketParser m_parser{kCapacity};
+    bool m_resyncPending = true;
+    bool m_foundPackets = false;
+    std::optional<uint32_t> m_pcrPid;
+    std::optional<Pcr> m_lastPcr;
+    std::vector<PidCounts> m_pids;
+
+    static constexpr int32_t kCapacity = 65'536;
+};
+
+}  // namespace tessel::tool

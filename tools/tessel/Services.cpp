@@ -1,0 +1,144 @@
+#include "tools/tessel/Services.h"
+
+#include <algorithm>
+
+#include "core/stream/TsHeader.h"
+#include "descriptors/DescriptorText.h"
+#include "descriptors/NameTable.h"
+#include "services/objects/Parameters.h"
+#include "tables/TableFactory.h"
+#include "tools/tessel/Utf8.h"
+
+namespace tessel::tool {
+
+namespace {
+
+constexpr uint32_t kServiceDescriptionPid = 0x0011;
+constexpr uint32_t kPsipBasePid = 0x1FFB;
+
+template <class I>
+using Getter = HRESULT (I::*)(uint32_t*);
+
+template <class I>
+uint32_t Value(I* object, Getter<I> getter) {
+    uint32_t value = 0;
+    (object->*getter)(&value);
+    return value;
+}
+
+std::optional<std::string> TextOf(IDvbService* service, HRESULT (IDvbService::*getter)(BSTR*)) {
+    CBstr text;
+    if (FAILED((service->*getter)(text.Put())) || !text)
+        return std::nullopt;
+    return ToUtf8(text.View());
+}
+
+// Three letters or digits; what a broken descriptor holds is no language.
+std::optional<std::string> LanguageText(uint32_t code) {
+    const std::string text = {static_cast<char>(code >> 16), static_cast<char>(code >> 8), static_cast<char>(code)};
+    const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+    });
+    return plain ? std::optional(text) : std::nullopt;
+}
+
+constexpr MediaKind kMediaKinds[] = {
+    {MEDIATYPE_Video, MEDIASUBTYPE_MPEG1Payload, "video/mpeg1", "m1v"},
+    {MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, "video/mpeg2", "m2v"},
+    {MEDIATYPE_Video, MEDIASUBTYPE_MPEG4_VIDEO, "video/mpeg4", "m4v"},
+    {MEDIATYPE_Video, MEDIASUBTYPE_AVC_VIDEO, "video/h264", "h264"},
+    {MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, "audio/mpeg1", "mp2"},
+    {MEDIATYPE_Audio, MEDIASUBTYPE_MPEG2_AUDIO, "audio/mpeg2", "mpa"},
+    {MEDIATYPE_Audio, MEDIASUBTYPE_AAC_AUDIO, "audio/aac", "aac"},
+    {MEDIATYPE_Audio, MEDIASUBTYPE_DOLBY_AC3, "audio/ac3", "ac3"},
+    {KSDATAFORMAT_TYPE_VBI, KSDATAFORMAT_SUBTYPE_TELETEXT, "vbi/teletext", nullptr},
+    {MEDIATYPE_Stream, MEDIASUBTYPE_DVB_SUBTITLE, "subtitle/dvb", "sub"},
+};
+
+const MediaKind* MediaOf(IDvbComponentEx* component) {
+    AM_MEDIA_TYPE type;
+    if (FAILED(component->GetMediaType(&type)))
+        return nullptr;
+    for (const MediaKind& kind : kMediaKinds)
+        if (kind.majortype == type.majortype && kind.subtype == type.subtype)
+            return &kind;
+    return nullptr;
+}
+
+DescriptorInfo DescribeDescriptor(IDvbDescriptor* descriptor) {
+    const uint32_t tag = Value(descriptor, &IDvbDescriptor::GetTag);
+    OLECHAR text[kDescriptorTextUnits];
+    RenderDescriptor(text, descriptor);
+    return {tag, ToUtf8(DescriptorTagNames().GetName(tag)), ToUtf8(text)};
+}
+
+ComponentInfo DescribeComponent(IDvbComponentEx* component) {
+    ComponentInfo info;
+    info.pid = Value<IDvbComponent>(component, &IDvbComponent::GetPid);
+    info.streamType = Value<IDvbComponent>(component, &IDvbComponent::GetStreamType);
+    info.streamTypeName = ToUtf8(StreamTypeNames().GetName(info.streamType));
+    info.language = LanguageText(Value<IDvbComponentEx>(component, &IDvbComponentEx::GetLanguage));
+    info.scrambled = component->IsScrambled() == S_OK;
+    info.media = MediaOf(component);
+    ComPtr<IDvbMapping> descriptors;
+    component->GetDescriptors(descriptors.Put());
+    for (int32_t i = 0; const auto descriptor = ItemAs<IDvbDescriptor>(descriptors.Get(), i); ++i)
+        info.descriptors.push_back(DescribeDescriptor(descriptor.Get()));
+    return info;
+}
+
+std::optional<uint32_t> PidOrNone(uint32_t pid) {
+    return pid != 0 && pid != kNullPid ? std::optional(pid) : std::nullopt;
+}
+
+}  // namespace
+
+ServiceInfo DescribeService(IDvbService* service, ITableDecoder& tables, bool named) {
+    ServiceInfo info;
+    info.id = Value<IDvbService>(service, &IDvbService::GetServiceId);
+    info.name = TextOf(service, &IDvbService::GetName);
+    info.provider = TextOf(service, &IDvbService::GetProviderName);
+    // 0 is reserved: no table has told the type.
+    if (const uint32_t type = Value<IDvbService>(service, &IDvbService::GetServiceType); named && type != 0) {
+        info.type = type;
+        info.typeName = ToUtf8(ServiceTypeNames().GetName(type));
+    }
+    info.scrambled = service->IsScrambled() == S_OK;
+    info.pcrPid = PidOrNone(Value<IDvbService>(service, &IDvbService::GetPcrPid));
+
+    const auto params = ComPtr<IDvbService>(service).As<IGetSetParam>();
+    const auto param = [&](uint32_t id) {
+        uint32_t value = 0;
+        params->GetParam(id, &value);
+        return value;
+    };
+    info.pmtPid = PidOrNone(param(param::kPmtPid));
+    const ChannelInfo channel = {param(param::kMajorChannel), param(param::kMinorChannel), param(param::kSourceId)};
+    if (channel.major != 0 || channel.minor != 0 || channel.sourceId != 0)
+        info.channel = channel;
+
+    // The current table, not the service's own list: that one keeps the components of earlier versions.
+    ComPtr<IDvbTable> table;
+    tables.GetTable(kProgramMapTable, info.id, table.Put());
+    if (const auto pmt = table.As<IDvbProgramMapTable>()) {
+        info.hasProgramMap = true;
+        ComPtr<IDvbCollection> components;
+        pmt->GetComponents(components.Put());
+        for (int32_t i = 0; const auto component = ItemAs<IDvbComponentEx>(components.Get(), i); ++i)
+            info.components.push_back(DescribeComponent(component.Get()));
+    }
+    return info;
+}
+
+bool HasTable(ITableDecoder& tables, uint32_t tableId) {
+    ComPtr<IDvbCollection> list;
+    uint32_t count = 0;
+    return SUCCEEDED(tables.EnumTables(tableId, list.Put())) && SUCCEEDED(list->GetCount(&count)) && count > 0;
+}
+
+bool NoNamesToCome(ITableDecoder& tables, const std::function<bool(uint32_t pid)>& isPresent) {
+    return (HasTable(tables, kServiceDescriptionTable) || !isPresent(kServiceDescriptionPid)) &&
+           (HasTable(tables, kVirtualChannelTable) || !isPresent(kPsipBasePid));
+}
+
+}  // namespace tessel::tool

@@ -163,12 +163,6 @@ inline ParserStep CTsFilterBase::ParsePacket(const uint8_t* packet) {
     }
 
     const bool hasSectionFilter = m_sectionFilterSlots[pid].load(std::memory_order_acquire) != nullptr;
-<<<<<<< HEAD
-    if (hasSectionFilter && FAILED(ParseSections(packet, header, adaptation)))
-        return m_hasDeferred.load(std::memory_order_relaxed) ? Next::kPause : Next::kGoOn;
-    if (IsScanning()) [[unlikely]]
-        return hasSectionFilter && m_hasDeferred.load(std::memory_order_relaxed) ? Next::kPause : Next::kGoOn;
-=======
     if (!hasSectionFilter)
         return OfferPacket(packet, header, adaptation, false);
     bool announced = false;
@@ -182,8 +176,7 @@ inline ParserStep CTsFilterBase::ParsePacket(const uint8_t* packet) {
 
 inline ParserStep CTsFilterBase::OfferPacket(const uint8_t* packet, const TsHeader& header,
                                              const AdaptationFieldHeader& adaptation, bool hasSectionFilter) {
->>>>>>> main
-    const bool refused = m_router.OfferPacket(packet, header, adaptation, hasSectionFilter);
+    const bool refused = !IsScanning() && m_router.OfferPacket(packet, header, adaptation, hasSectionFilter);
     if (refused && m_mode == StreamingMode::kFile)
         return ParserStep::kRefused;
     return hasSectionFilter && m_hasDeferred.load(std::memory_order_relaxed) ? ParserStep::kPause : ParserStep::kGoOn;
@@ -223,7 +216,8 @@ HRESULT CTsFilterBase::ParseSections(const uint8_t* packet, const TsHeader& head
 
 ParserStep CTsFilterBase::OfferAnnouncement(const uint8_t* packet, const TsHeader& header) {
     const Announcement announcement = std::exchange(m_announcement, {});
-    m_router.OfferSection(header, announcement.section);
+    if (!IsScanning())
+        m_router.OfferSection(header, announcement.section);
     if (FAILED(announcement.status))
         return ParserStep::kGoOn;
     const auto adaptation = header.HasAdaptationField() ? DecodeAdaptationFieldHeader(packet) : AdaptationFieldHeader{};
@@ -265,12 +259,8 @@ void CTsFilterBase::ResetParsing() {
     m_parser.FlushBuffer();
     m_announcement = {};
     CScopedLock lock(&m_tableLock);
-<<<<<<< HEAD
     SetCurrentTransportStreamId(0);
-=======
-    m_currentTransportStreamId.store(0, std::memory_order_relaxed);
     m_isStreamKnown = false;
->>>>>>> main
     m_pidStatus.Clear();
     DeleteSectionFilters(0);
     InstallSectionFilters(DefaultFilters::kWithPat);
@@ -282,15 +272,10 @@ void CTsFilterBase::NewTSID(uint32_t transportStreamId) {
     // The PAT that announced the new stream is still being handled on PID 0, so its filter stays.
     DeleteSectionFilters(1);
     InstallSectionFilters(DefaultFilters::kWithoutPat);
-<<<<<<< HEAD
-    DeferRestart();
-    SetCurrentTransportStreamId(transportStreamId);
-=======
     // What came before the first table is of the stream that it names: the contents keep it.
     if (m_isStreamKnown)
         DeferRestart();
-    m_currentTransportStreamId.store(transportStreamId, std::memory_order_relaxed);
->>>>>>> main
+    SetCurrentTransportStreamId(transportStreamId);
 }
 
 HRESULT CTsFilterBase::__ResetTables() {

@@ -184,20 +184,12 @@ HRESULT CTsOutputPin::MapPID(ULONG count, const ULONG* pids, MEDIA_SAMPLE_CONTEN
     // Those before one that was refused stay mapped.
     if (Kind() == ContentKind::kPsiSections)
         for (ULONG i = 0; i < count; ++i)
-<<<<<<< HEAD
-            m_host.WantSections(pids[i]);
-    if (bindsNow)
-        Bind(*executor);
-=======
             if (m_map.Contains(pids[i]))
                 m_host.WantSections(pids[i]);
     if (FAILED(result))
         return result;
-    if (bindsNow && SUCCEEDED(executor->Active())) {
-        OfferPrograms(*executor);
-        executor->Inactive();
-    }
->>>>>>> main
+    if (bindsNow)
+        Bind(*executor);
     return S_OK;
 }
 

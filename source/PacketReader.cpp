@@ -27,10 +27,10 @@ const uint8_t* CPacketReader::ReadPacket() {
     return result == kParsePaused ? m_packet : nullptr;
 }
 
-IPacketHandler::Next CPacketReader::ParsePacket(const uint8_t* packet) {
+ParserStep CPacketReader::ParsePacket(const uint8_t* packet) {
     m_packet = packet;
     m_position = m_parser.StreamPosition();
-    return Next::kPause;
+    return ParserStep::kPause;
 }
 
 bool CPacketReader::ReadMore() {

@@ -7,7 +7,7 @@
 namespace tessel {
 
 // Finds packets as the parser does, so the last one of the file is held back.
-class CPacketReader final : private IPacketHandler {
+class CPacketReader {
 public:
     static constexpr int32_t kReadSize = 65'536;
 
@@ -22,7 +22,9 @@ public:
     int64_t Position() const { return m_position; }
 
 private:
-    Next ParsePacket(const uint8_t* packet) override;
+    friend class PacketParser;
+
+    ParserStep ParsePacket(const uint8_t* packet);
     bool ReadMore();
 
     IStream& m_file;

@@ -184,7 +184,7 @@ private:
     // What write does at the end of a task, unless the task's epoch is over; then the thread rests.
     template <class Write>
     void Rest(uint32_t epoch, Write write);
-    void DeliverPendingEnd();
+    void DeliverPendingEnd(uint32_t epoch);
     void WaitForThreadInactive();
     // Ends the waits of the delivery thread, which then looks at the state again.
     void Interrupt();

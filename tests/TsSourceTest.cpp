@@ -585,7 +585,7 @@ TEST_F(FileSource, EndsWithAnAbortWhereTheClockJumps) {
 // What becomes of the file while it is read, with most of it still unread.
 TEST_F(FileSource, FollowsAFileThatOthersChange) {
     Movie movie({.pictureSize = 30'000});
-    movie.Frames(200);
+    movie.Frames(400);
     const size_t written = movie.stream.bytes().size();
     movie.Frames(100).Padding();
     const Bytes& whole = movie.stream.bytes();
@@ -600,12 +600,12 @@ TEST_F(FileSource, FollowsAFileThatOthersChange) {
             .write(reinterpret_cast<const char*>(whole.data()) + written,
                    static_cast<std::streamsize>(whole.size() - written));
     };
-    const size_t first = 200 * 30'000;
+    const size_t first = 400 * 30'000;
     const Case cases[] = {
         {"grows", append, movie.video.size(), movie.video.size()},
-        {"shrinks", [](const fs::path& path) { fs::resize_file(path, 5'500'000); }, 5'000'000, 5'500'000},
-        {"is emptied", [](const fs::path& path) { fs::resize_file(path, 0); }, 0, first},
-        {"is deleted", [](const fs::path& path) { fs::remove(path); }, first - 1'000, first + 10'000},
+        {"shrinks", [](const fs::path& path) { fs::resize_file(path, 11'000'000); }, 10'300'000, 11'000'000},
+        {"is emptied", [](const fs::path& path) { fs::resize_file(path, 0); }, 0, 10'000'000},
+        {"is deleted", [](const fs::path& path) { fs::remove(path); }, first - 1'000, first + 20'000},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);

@@ -93,12 +93,16 @@ HRESULT CTsFilterBase::StartStreaming() {
         if (FAILED(result))
             return result;
         InternalReset();
-        m_parser.ResetPositions();
-        m_ending = false;
-        m_streaming.store(true, std::memory_order_relaxed);
+        SetInputPosition(0);
+        TakeInput();
     }
     RunDeferred();
     return result;
+}
+
+void CTsFilterBase::TakeInput() {
+    m_ending = false;
+    m_streaming.store(true, std::memory_order_relaxed);
 }
 
 HRESULT CTsFilterBase::StopStreaming() {
@@ -160,7 +164,7 @@ inline ParserStep CTsFilterBase::ParsePacket(const uint8_t* packet) {
 
     const bool hasSectionFilter = m_sectionFilterSlots[pid].load(std::memory_order_acquire) != nullptr;
     if (!hasSectionFilter) [[likely]] {
-        const bool refused = m_router.OfferPacket(packet, header, adaptation, false);
+        const bool refused = !IsScanning() && m_router.OfferPacket(packet, header, adaptation, false);
         return refused && m_mode == StreamingMode::kFile ? ParserStep::kRefused : ParserStep::kGoOn;
     }
     return ParseTablePacket(packet, header, adaptation);
@@ -179,7 +183,7 @@ ParserStep CTsFilterBase::ParseTablePacket(const uint8_t* packet, const TsHeader
 
 ParserStep CTsFilterBase::OfferTablePacket(const uint8_t* packet, const TsHeader& header,
                                            const AdaptationFieldHeader& adaptation) {
-    const bool refused = m_router.OfferPacket(packet, header, adaptation, true);
+    const bool refused = !IsScanning() && m_router.OfferPacket(packet, header, adaptation, true);
     if (refused && m_mode == StreamingMode::kFile)
         return ParserStep::kRefused;
     return m_hasDeferred.load(std::memory_order_relaxed) ? ParserStep::kPause : ParserStep::kGoOn;
@@ -212,14 +216,15 @@ HRESULT CTsFilterBase::ParseSections(const uint8_t* packet, const TsHeader& head
         return status;
     }
     // Outside the table lock: the bytes stay until this PID's next section completes, on this thread.
-    if (!section.empty())
+    if (!section.empty() && !IsScanning())
         m_router.OfferSection(header, section);
     return status;
 }
 
 ParserStep CTsFilterBase::OfferAnnouncement(const uint8_t* packet, const TsHeader& header) {
     const Announcement announcement = std::exchange(m_announcement, {});
-    m_router.OfferSection(header, announcement.section);
+    if (!IsScanning())
+        m_router.OfferSection(header, announcement.section);
     if (FAILED(announcement.status))
         return ParserStep::kGoOn;
     const auto adaptation = header.HasAdaptationField() ? DecodeAdaptationFieldHeader(packet) : AdaptationFieldHeader{};
@@ -252,13 +257,18 @@ HRESULT CTsFilterBase::EndPcrUpdate() {
 }
 
 void CTsFilterBase::InternalReset() {
+    CScopedLock lock(&m_tableLock);
+    __ResetTables();
+    ResetParsing();
+}
+
+void CTsFilterBase::ResetParsing() {
     m_parser.FlushBuffer();
     m_announcement = {};
     CScopedLock lock(&m_tableLock);
-    m_currentTransportStreamId.store(0, std::memory_order_relaxed);
+    SetCurrentTransportStreamId(0);
     m_isStreamKnown = false;
     m_pidStatus.Clear();
-    __ResetTables();
     DeleteSectionFilters(0);
     InstallSectionFilters(DefaultFilters::kWithPat);
 }
@@ -272,7 +282,7 @@ void CTsFilterBase::NewTSID(uint32_t transportStreamId) {
     // What came before the first table is of the stream that it names: the contents keep it.
     if (m_isStreamKnown)
         DeferRestart();
-    m_currentTransportStreamId.store(transportStreamId, std::memory_order_relaxed);
+    SetCurrentTransportStreamId(transportStreamId);
 }
 
 HRESULT CTsFilterBase::__ResetTables() {
@@ -291,6 +301,12 @@ HRESULT CTsFilterBase::__ResetTables() {
     if (m_services)
         services = m_services->Detach();
     return S_OK;
+}
+
+void CTsFilterBase::RemoveSectionFilters() {
+    CScopedLock streaming(&m_streamingLock);
+    CScopedLock tables(&m_tableLock);
+    DeleteSectionFilters(0);
 }
 
 void CTsFilterBase::DeleteSectionFilters(uint32_t firstPid) {
@@ -359,6 +375,34 @@ HRESULT CTsFilterBase::GetFirstTable(uint32_t tableId, IDvbTable** out) {
     return m_tables.GetFirstTable(tableId, out);
 }
 
+HRESULT CTsFilterBase::IsServiceInformationComplete() {
+    return m_services ? m_services->IsComplete() : S_FALSE;
+}
+
+HRESULT CTsFilterBase::GetProgramMapTable(uint32_t programNumber, IDvbProgramMapTable** out) {
+    if (out == nullptr)
+        return E_POINTER;
+    *out = nullptr;
+    ComPtr<IDvbTable> table;
+    const HRESULT result = GetTable(kProgramMapTable, programNumber, table.Put());
+    return SUCCEEDED(result) ? table->QueryInterface(IDvbProgramMapTable::kIid, reinterpret_cast<void**>(out)) : result;
+}
+
+HRESULT CTsFilterBase::GetTransportStreamId(uint32_t* out) {
+    return m_services ? m_services->GetTransportStreamId(out) : E_NOINTERFACE;
+}
+
+HRESULT CTsFilterBase::GetOriginalNetworkId(uint32_t* out) {
+    return m_services ? m_services->GetOriginalNetworkId(out) : E_NOINTERFACE;
+}
+
+HRESULT CTsFilterBase::GetServices(IDvbMapping** out) {
+    if (out == nullptr)
+        return E_POINTER;
+    *out = nullptr;
+    return m_services ? m_services->GetServices(out) : E_NOINTERFACE;
+}
+
 std::vector<TableStore::Version> CTsFilterBase::TableVersions() {
     CScopedLock lock(&m_tableLock);
     return m_tables.Versions();
@@ -406,8 +450,8 @@ void CTsFilterBase::OfferProgram(uint32_t programNumber) {
         return;
     for (const OutputPinPtr& pin : m_pins.All()) {
         const auto content = pin->Content();
-        if (!content)
-            continue;
+        if (!content || !content->IsActive())
+            continue;  // it asks when it becomes active
         CScopedLock lock(&m_deferredLock);
         m_deferred.offers.push_back({pin, content, content->Epoch(), programNumber, table->second});
         m_hasDeferred = true;

@@ -51,6 +51,7 @@ class CTsFilterBase : private FilterStateLock,
                       public IGetSetParam,
                       public IMPEG2PIDParam,
                       public ITableDecoder,
+                      public IDvbServiceInformationEx,
                       protected IOutputHost,
                       private IPcrClockOwner,
                       private ITableStoreEvents,
@@ -151,6 +152,17 @@ public:
     // The table of that table_id with the lowest key.
     HRESULT GetFirstTable(uint32_t tableId, IDvbTable** out);
 
+    // IDvbServiceInformationEx; a filter that has no client events leaves the first three as they are.
+    HRESULT Reset() override { return S_OK; }
+    HRESULT AdviseEvents(IUnknown*, uint32_t*) override { return S_OK; }
+    HRESULT UnadviseEvents(uint32_t) override { return S_OK; }
+    HRESULT IsServiceInformationComplete() override;
+    HRESULT GetTable(uint32_t tableId, IDvbTable** out) override { return GetFirstTable(tableId, out); }
+    HRESULT GetProgramMapTable(uint32_t programNumber, IDvbProgramMapTable** out) override;
+    HRESULT GetTransportStreamId(uint32_t* out) override;
+    HRESULT GetOriginalNetworkId(uint32_t* out) override;
+    HRESULT GetServices(IDvbMapping** out) override;
+
 protected:
     // A section filter came, or all went.
     struct PidNotice {
@@ -162,8 +174,29 @@ protected:
     explicit CTsFilterBase(const char* name, int32_t requestedCapacity = PacketParser::kDefaultCapacity,
                            IUnknown* outer = nullptr);
 
+    // For filters' own query functions.
+    static bool IsServiceInformation(const IID& iid) {
+        return iid == IDvbServiceInformation::kIid || iid == IDvbServiceInformationEx::kIid;
+    }
+
+    // The steps of StartStreaming, for a filter that puts them together in its own way. With the streaming lock.
+    HRESULT CreateInput() { return m_parser.CreateBuffer(); }
+    // The stream position of the next byte that comes in.
+    void SetInputPosition(int64_t position) { m_parser.ResetPositions(position); }
+    void TakeInput();
+    // InternalReset but for tables, services and clocks, which stay.
+    void ResetParsing();
+    // Without a lock. Sections come in no more until the next reset.
+    void RemoveSectionFilters();
+    // While set, tables and clocks are made, and the outputs are offered nothing.
+    void SetScanning(bool scanning) { m_scanning.store(scanning, std::memory_order_relaxed); }
+    bool IsScanning() const { return m_scanning.load(std::memory_order_relaxed); }
+
     // A PAT carries another transport_stream_id than before.
     virtual void NewTSID(uint32_t transportStreamId);
+    void SetCurrentTransportStreamId(uint32_t transportStreamId) {
+        m_currentTransportStreamId.store(transportStreamId, std::memory_order_relaxed);
+    }
     HRESULT __ResetTables();
 
     // Raised by the table store inside the table lock; filters extend them.
@@ -206,6 +239,7 @@ protected:
     // IOutputHost
     bool IsEnding() const override { return m_ending.load(); }
     int32_t WorkerPriority() const override { return m_workerPriority.load(std::memory_order_relaxed); }
+    std::shared_ptr<const ProgramMapTables> CurrentProgramMapTables() override;
 
     // CPersistStream
     DWORD GetSoftwareVersion() override { return 7; }
@@ -267,7 +301,6 @@ private:
     bool IsHostRunning() const override { return State() == State_Running; }
     bool HasClock() const override { return static_cast<bool>(Clock()); }
     std::shared_ptr<CDeliveryLock> DeliveryLock() override { return m_deliveryLock; }
-    std::shared_ptr<const ProgramMapTables> CurrentProgramMapTables() override;
     HRESULT SetPcrDiscont(int32_t pcrPid) override { return m_clocks.SetPcrDiscont(pcrPid); }
     HRESULT StartSync(int32_t pcrPid, int32_t queuedJumps, int64_t* ptsOrigin, REFERENCE_TIME* timeOrigin) override;
     void WaitForStreamTime(REFERENCE_TIME at, const std::shared_ptr<CEvent>& event, uint32_t milliseconds) override;
@@ -287,6 +320,7 @@ private:
     // only touched under the lock.
     std::atomic<bool> m_streaming{false};
     std::atomic<bool> m_ending{false};
+    std::atomic<bool> m_scanning{false};
     std::atomic<int32_t> m_workerPriority{1};
     StreamingMode m_mode = StreamingMode::kStream;
     int32_t m_modeParameter = 1;

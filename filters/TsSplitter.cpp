@@ -1,11 +1,9 @@
 #include "filters/TsSplitter.h"
 
 #include <algorithm>
-#include <iterator>
 #include <new>
 
-#include "filters/PageIds.h"
-#include "platform/com/TaskMemory.h"
+#include "core/PropertyPages.h"
 #include "services/objects/Collections.h"
 
 namespace tessel {
@@ -17,6 +15,17 @@ constexpr size_t kWorkerStack = 65'536;
 constexpr uint32_t kRoomWait = 1;
 // Milliseconds that a stop waits for the worker, which may be in a client's callback.
 constexpr uint32_t kTaskWait = 100;
+
+constexpr CLSID kPages[] = {kPageServices,
+                            kPageProgramAssociationTable,
+                            kPageServiceDescriptionTable,
+                            kPageNetworkInformationTable,
+                            kPageServiceGuideTable,
+                            kPageGenreLookupTable,
+                            kPageConditionalAccessTable,
+                            kPageVirtualChannelTable,
+                            kPagePidMapping,
+                            kPageOutputPins};
 
 }  // namespace
 
@@ -51,7 +60,7 @@ HRESULT CTsSplitter::NonDelegatingQueryInterface(const IID& iid, void** out) {
         return GetInterface<ISpecifyPropertyPages>(this, out);
     if (iid == IDvbPidMapper::kIid)
         return GetInterface<IDvbPidMapper>(this, out);
-    if (iid == IDvbServiceInformation::kIid || iid == IDvbServiceInformationEx::kIid)
+    if (IsServiceInformation(iid))
         return GetInterface<IDvbServiceInformationEx>(this, out);
     if (iid == IRALThreadExecutor::kIid)
         return GetInterface<IRALThreadExecutor>(this, out);
@@ -100,15 +109,7 @@ HRESULT CTsSplitter::EnsureFreePin(CTsOutputPin&) {
 }
 
 HRESULT CTsSplitter::GetPages(CAUUID* pages) {
-    if (pages == nullptr)
-        return E_POINTER;
-    *pages = {};
-    pages->pElems = static_cast<GUID*>(CoTaskMemAlloc(sizeof(kPropertyPageIds)));
-    if (pages->pElems == nullptr)
-        return E_OUTOFMEMORY;
-    std::copy(std::begin(kPropertyPageIds), std::end(kPropertyPageIds), pages->pElems);
-    pages->cElems = static_cast<ULONG>(std::size(kPropertyPageIds));
-    return S_OK;
+    return HandOutPages(kPages, pages);
 }
 
 HRESULT CTsSplitter::SetSyncSource(IReferenceClock* clock) {
@@ -131,34 +132,6 @@ HRESULT CTsSplitter::Reset() {
         ParseTurn().Release();
     m_events.TellReset();
     return S_OK;
-}
-
-HRESULT CTsSplitter::IsServiceInformationComplete() {
-    return Services() != nullptr ? Services()->IsComplete() : S_FALSE;
-}
-
-HRESULT CTsSplitter::GetProgramMapTable(uint32_t programNumber, IDvbProgramMapTable** out) {
-    if (out == nullptr)
-        return E_POINTER;
-    *out = nullptr;
-    ComPtr<IDvbTable> table;
-    const HRESULT result = CTsFilterBase::GetTable(kProgramMapTable, programNumber, table.Put());
-    return SUCCEEDED(result) ? table->QueryInterface(IDvbProgramMapTable::kIid, reinterpret_cast<void**>(out)) : result;
-}
-
-HRESULT CTsSplitter::GetTransportStreamId(uint32_t* out) {
-    return Services() != nullptr ? Services()->GetTransportStreamId(out) : E_NOINTERFACE;
-}
-
-HRESULT CTsSplitter::GetOriginalNetworkId(uint32_t* out) {
-    return Services() != nullptr ? Services()->GetOriginalNetworkId(out) : E_NOINTERFACE;
-}
-
-HRESULT CTsSplitter::GetServices(IDvbMapping** out) {
-    if (out == nullptr)
-        return E_POINTER;
-    *out = nullptr;
-    return Services() != nullptr ? Services()->GetServices(out) : E_NOINTERFACE;
 }
 
 void CTsSplitter::PauseWorker() {

@@ -20,7 +20,6 @@ inline constexpr CLSID CLSID_TsSplitterRec = MakeGuid("{0A354CEF-937C-4748-AF03-
 class CTsSplitter final : public CTsFilterBase,
                           public ISpecifyPropertyPages,
                           public IDvbPidMapper,
-                          public IDvbServiceInformationEx,
                           public IRALThreadExecutor {
 public:
     explicit CTsSplitter(IUnknown* outer = nullptr);
@@ -48,15 +47,8 @@ public:
 
     // IDvbServiceInformationEx
     HRESULT Reset() override;
-    HRESULT IsServiceInformationComplete() override;
     HRESULT AdviseEvents(IUnknown* sink, uint32_t* cookie) override { return m_events.Sinks().Advise(sink, cookie); }
     HRESULT UnadviseEvents(uint32_t cookie) override { return m_events.Sinks().Unadvise(cookie); }
-    HRESULT GetTable(uint32_t tableId, IDvbTable** out) override { return GetFirstTable(tableId, out); }
-    HRESULT GetProgramMapTable(uint32_t programNumber, IDvbProgramMapTable** out) override;
-    HRESULT GetTransportStreamId(uint32_t* out) override;
-    HRESULT GetOriginalNetworkId(uint32_t* out) override;
-    HRESULT GetServices(IDvbMapping** out) override;
-    using CTsFilterBase::GetTable;
 
     // IRALThreadExecutor: the worker
     HRESULT OnThreadStart() override { return S_OK; }

@@ -19,6 +19,9 @@ constexpr int32_t kStreamingCapacity = 0x300000;
 constexpr int32_t kWaitingCapacity = 0x900000;
 constexpr int32_t kQuarter = 2'359'296;
 
+// How often, at most, a full buffer makes the parser wait for the start before data goes.
+constexpr int32_t kMostRefusals = 10;
+
 constexpr int32_t kShortAudio = 300;
 constexpr int64_t kPictureOverdue = 15'000;  // 90 kHz: a sixth of a second
 
@@ -51,6 +54,7 @@ void CElementaryStream::OnReset() {
     m_lastContinuityCounter = -1;
     m_programNumber = 0;
     m_streamPid = kNoPid;
+    m_patience = kMostRefusals;
 }
 
 int32_t CElementaryStream::PendingBytes(bool startPending, bool eosPending) {
@@ -202,6 +206,10 @@ HRESULT CElementaryStream::MakeRoom(int32_t bytes) {
         if (m_state == State::kStreaming && m_capacity >= kStreamingCapacity)
             return E_OUTOFMEMORY;
         if (m_capacity >= kWaitingCapacity) {
+            // A file is read faster than a delivery thread may be woken, and its start waits for nothing else.
+            if (m_pin.Mode() == StreamingMode::kFile && m_state == State::kWaitingForStart && m_patience-- > 0)
+                return E_OUTOFMEMORY;
+            m_patience = 0;
             Drop(kQuarter);
             continue;
         }

@@ -50,6 +50,7 @@ private:
     // Null while inactive.
     std::unique_ptr<ByteBuffer> m_cache OS_GUARDED_BY(m_lock);
     int32_t m_capacity OS_GUARDED_BY(m_lock) = 0;
+    int32_t m_patience OS_GUARDED_BY(m_lock) = 0;
     int32_t m_lastContinuityCounter OS_GUARDED_BY(m_lock) = -1;  // -1: the next one is right
     int32_t m_pmtVersion OS_GUARDED_BY(m_lock) = -1;
     uint32_t m_programNumber OS_GUARDED_BY(m_lock) = 0;  // 0: none

@@ -6,6 +6,10 @@ namespace {
 
 constexpr uint8_t kPrivateStream2 = 0xBF;
 
+constexpr size_t kPts = 9;
+constexpr size_t kDts = 14;
+constexpr size_t kTimestampSize = 5;
+
 bool IsElementaryStreamId(uint8_t id) {
     return (id >= 0xC0 && id <= 0xEF) || id == 0xBA || id == 0xBB || id == 0xBD || id == kPrivateStream2 || id == 0xFD;
 }
@@ -14,6 +18,10 @@ bool IsElementaryStreamId(uint8_t id) {
 int64_t DecodeTimestamp(const uint8_t* bytes) {
     return int64_t{bytes[0] >> 1 & 7} << 30 | int64_t{bytes[1]} << 22 | int64_t{bytes[2] >> 1} << 15 | bytes[3] << 7 |
            bytes[4] >> 1;
+}
+
+uint8_t StreamId(std::span<const uint8_t> bytes) {
+    return bytes[0] != 0 ? bytes[0] : bytes[3];
 }
 
 }  // namespace
@@ -25,11 +33,7 @@ bool IsPesStart(std::span<const uint8_t> bytes) {
 }
 
 PesHeader ParsePesHeader(std::span<const uint8_t> bytes) {
-    constexpr size_t kPts = 9;
-    constexpr size_t kDts = 14;
-    constexpr size_t kTimestampSize = 5;
-    const uint8_t id = bytes[0] != 0 ? bytes[0] : bytes[3];
-    if (id == kPrivateStream2)
+    if (StreamId(bytes) == kPrivateStream2)
         return {6, kNoTimestamp};
     PesHeader header{9 + bytes[8], kNoTimestamp};
     const uint8_t flags = bytes[7];
@@ -38,6 +42,12 @@ PesHeader ParsePesHeader(std::span<const uint8_t> bytes) {
     else if ((flags & 0x80) != 0 && bytes.size() >= kPts + kTimestampSize)
         header.timestamp = DecodeTimestamp(bytes.data() + kPts);
     return header;
+}
+
+int64_t ParsePts(std::span<const uint8_t> bytes) {
+    const bool has =
+        StreamId(bytes) != kPrivateStream2 && (bytes[7] & 0x80) != 0 && bytes.size() >= kPts + kTimestampSize;
+    return has ? DecodeTimestamp(bytes.data() + kPts) : kNoTimestamp;
 }
 
 }  // namespace tessel

@@ -21,5 +21,7 @@ inline constexpr int32_t kLeastPesHeader = 13;
 bool IsPesStart(std::span<const uint8_t> bytes);
 
 PesHeader ParsePesHeader(std::span<const uint8_t> bytes);
+// The PTS, kNoTimestamp without.
+int64_t ParsePts(std::span<const uint8_t> bytes);
 
 }  // namespace tessel

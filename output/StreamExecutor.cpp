@@ -56,12 +56,9 @@ void CStreamExecutor::Inactive() {
         CScopedLock lock(&m_lock);
         if (!IsActive())
             return;
-        const int32_t pcrPid = m_pcrPid;
         m_active = false;
         Reset(nullptr);
         OnInactive();
-        if (m_pin.Mode() == StreamingMode::kFile)
-            m_pcrPid = pcrPid;
         CloseUpdate();
         m_state = State::kStreaming;
     }
@@ -92,7 +89,9 @@ void CStreamExecutor::Reset(IEnumPIDMap* mapping) {
         m_clockChanges.clear();
     }
     OnReset();
-    m_pcrPid = kProgramUnknown;
+    // A file's program is known while the file is not played too, at every moment.
+    if (IsActive() || m_pin.Mode() != StreamingMode::kFile)
+        m_pcrPid = kProgramUnknown;
     if (IsActive() && mapping != nullptr)
         UpdateMapping(mapping);
 }

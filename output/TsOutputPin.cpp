@@ -188,11 +188,22 @@ HRESULT CTsOutputPin::MapPID(ULONG count, const ULONG* pids, MEDIA_SAMPLE_CONTEN
                 m_host.WantSections(pids[i]);
     if (FAILED(result))
         return result;
-    if (bindsNow && SUCCEEDED(executor->Active())) {
-        OfferPrograms(*executor);
-        executor->Inactive();
-    }
+    if (bindsNow)
+        Bind(*executor);
     return S_OK;
+}
+
+void CTsOutputPin::Bind(CStreamExecutor& content) {
+    if (FAILED(content.Active()))
+        return;
+    OfferPrograms(content);
+    content.Inactive();
+}
+
+void CTsOutputPin::BindWhileStopped() {
+    const auto content = Content();
+    if (content && !content->IsActive() && !m_map.IsEmpty())
+        Bind(*content);
 }
 
 HRESULT CTsOutputPin::UnmapPID(ULONG count, const ULONG* pids) {

@@ -57,6 +57,8 @@ public:
     HRESULT MapPID(ULONG count, const ULONG* pids, MEDIA_SAMPLE_CONTENT content) override;
     HRESULT UnmapPID(ULONG count, const ULONG* pids) override;
     HRESULT EnumPIDMap(IEnumPIDMap** out) override;
+    // While the filter is stopped: looks for the mapped stream among the current tables, and keeps what it finds.
+    void BindWhileStopped();
     // Every mapped PID and special value goes, the content too.
     void ResetMapping();
 
@@ -163,6 +165,7 @@ private:
     // Tells an active content; brings one in file mode to its program while the filter is stopped.
     bool NoteMapping() OS_REQUIRES(m_mapMutex);
     void OfferPrograms(CStreamExecutor& content);
+    void Bind(CStreamExecutor& content);
 
     // S_OK when the pin takes data.
     HRESULT CheckDeliveryState() const;
@@ -182,7 +185,7 @@ private:
     // What write does at the end of a task, unless the task's epoch is over; then the thread rests.
     template <class Write>
     void Rest(uint32_t epoch, Write write);
-    void DeliverPendingEnd();
+    void DeliverPendingEnd(uint32_t epoch);
     void WaitForThreadInactive();
     // Ends the waits of the delivery thread, which then looks at the state again.
     void Interrupt();

@@ -165,12 +165,16 @@ void CTsOutputPin::Rest(uint32_t epoch, Write write) {
     }
     NoteDeliverable();
     // It may have been told of the end while it was on its way to rest.
-    DeliverPendingEnd();
+    DeliverPendingEnd(epoch);
 }
 
-void CTsOutputPin::DeliverPendingEnd() {
-    if (!m_eosPending || m_flushing || m_eosDelivered.exchange(true))
-        return;
+void CTsOutputPin::DeliverPendingEnd(uint32_t epoch) {
+    {
+        // Under the mutex, so that a thread that comes late does not take the end of the next epoch for its own.
+        const std::lock_guard lock(m_taskMutex);
+        if (epoch != m_epoch || !m_eosPending || m_flushing || m_eosDelivered.exchange(true))
+            return;
+    }
     m_flushOnStart = false;
     DeliverEndOfStream();
 }

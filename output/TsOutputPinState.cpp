@@ -205,7 +205,8 @@ void CTsOutputPin::WakeThread() {
 void CTsOutputPin::WaitForThreadInactive() {
     const auto thread = Thread();
     std::unique_lock lock(m_taskMutex);
-    if (m_taskChanged.wait_for(lock, kTaskWait, [this] { return !m_threadRunning; }))
+    // At rest it may still be delivering the end.
+    if (m_taskChanged.wait_for(lock, kTaskWait, [this] { return !m_threadRunning && !m_inTask; }))
         return;
     if (thread)
         thread->Pause();
@@ -294,7 +295,7 @@ HRESULT CTsOutputPin::EndOfStream() {
     if (m_threadRunning)
         m_event->Set();
     else
-        DeliverPendingEnd();
+        DeliverPendingEnd(m_epoch);
     return S_OK;
 }
 

@@ -28,9 +28,9 @@ HRESULT PacketParser::CreateBuffer() {
     return S_OK;
 }
 
-void PacketParser::ResetPositions() {
-    m_streamPosition = 0;
-    m_bytesReceived = 0;
+void PacketParser::ResetPositions(int64_t position) {
+    m_streamPosition = position;
+    m_bytesReceived = position;
     m_arrivals.clear();
     m_currentArrival = {INT64_MIN, 0};
 }

@@ -43,8 +43,8 @@ public:
     // Makes the buffer if there is none (E_OUTOFMEMORY) and empties it.
     HRESULT CreateBuffer();
     void DestroyBuffer() { m_buffer.reset(); }
-    // Positions back to 0, no arrivals.
-    void ResetPositions();
+    // Both positions, no arrivals.
+    void ResetPositions(int64_t position = 0);
 
     // Copies as many bytes as fit; moves the caller's pointer on and its length down by that number.
     // E_UNEXPECTED without a buffer, E_OUTOFMEMORY when nothing fits.

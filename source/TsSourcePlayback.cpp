@@ -1,0 +1,213 @@
+// The file source's worker, and what starts and ends it.
+#include <chrono>
+
+#include "platform/media/MediaResult.h"
+#include "source/TsSource.h"
+
+namespace tessel {
+
+namespace {
+
+constexpr size_t kWorkerStack = 65'536;
+// Milliseconds after which the worker looks again.
+constexpr uint32_t kRetryWait = 10;
+constexpr std::chrono::milliseconds kTaskWait{100};
+
+}  // namespace
+
+HRESULT CTsSource::Pause() {
+    CScopedLock lock(&StateLock());
+    // What seeking needs to know is found out before the file is the worker's.
+    if (IsStopped())
+        IsSeekable();
+    const HRESULT result = CTsFilterBase::Pause();
+    m_gate->hurry.Set();
+    return result;
+}
+
+HRESULT CTsSource::Stop() {
+    const HRESULT result = CTsFilterBase::Stop();
+    // So that the filter is its clients' alone again. A task that waits for a receiver is left to it.
+    std::unique_lock lock(m_gate->mutex);
+    if (!IsOnWorker())
+        m_gate->changed.wait_for(lock, kTaskWait, [this] { return !m_gate->inTask; });
+    return result;
+}
+
+HRESULT CTsSource::StartStreaming() {
+    {
+        CScopedLock lock(&StreamingLock());
+        if (!m_stream)
+            return E_UNEXPECTED;
+        const HRESULT result = CreateInput();
+        if (FAILED(result))
+            return result;
+        InternalReset();
+        Clocks().ForEach([](PcrClock& clock) { clock.lastPcr = kUnknown; });
+        SetInputPosition(m_start.filePos);
+        if (FAILED(m_stream->Seek(m_start.filePos, STREAM_SEEK_SET, nullptr)))
+            return E_FAIL;
+        m_position = m_start.time;
+        m_endOfStream = m_aborted = false;
+        ++m_inputEpoch;
+        TakeInput();
+    }
+    RunDeferred();
+    ApplyOffsets();
+    return ResumeWorker();
+}
+
+HRESULT CTsSource::StopStreaming() {
+    PauseWorker();
+    m_gate->hurry.Set();
+    // A task that is under way comes to its end, unless the filter stops: then it may be waiting for a receiver that
+    // waits for this thread. It finds the epoch moved on.
+    const bool hasTurn = TakeParseTurn();
+    HRESULT result = S_OK;
+    {
+        CScopedLock lock(&StreamingLock());
+        ++m_inputEpoch;
+        result = CTsFilterBase::StopStreaming();
+    }
+    if (hasTurn)
+        ParseTurn().Release();
+    return result;
+}
+
+// Video begins a picture later, so that the picture that is due is still to come.
+void CTsSource::ApplyOffsets() {
+    Start start;
+    {
+        CScopedLock lock(&StreamingLock());
+        start = m_start;
+    }
+    for (const OutputPinPtr& pin : Pins().All())
+        pin->SetStreamOffset(pin->Media() == MediaClass::kVideo ? start.frameDuration - start.origin : -start.origin);
+}
+
+void CTsSource::PauseWorker() {
+    CScopedLock lock(&m_workerLock);
+    if (m_worker)
+        m_worker->Pause();
+}
+
+HRESULT CTsSource::ResumeWorker() {
+    CScopedLock lock(&m_workerLock);
+    if (!m_worker) {
+        auto worker = MakeRALThread<CRALExecutorThread>(m_workerLife);
+        if (!worker)
+            return E_FAIL;
+        worker->SetWake(m_workEvent);
+        worker->Start(nullptr, kWorkerStack);
+        m_worker = std::move(worker);
+    }
+    m_worker->Resume(WorkerPriority());
+    m_workEvent->Set();
+    return S_OK;
+}
+
+HRESULT CTsSource::OnThreadStart() {
+    m_workerId = std::this_thread::get_id();
+    return S_OK;
+}
+
+CTsSource::Input CTsSource::ReadInput() {
+    const std::span<uint8_t> reserved = ReserveData(CPacketReader::kReadSize);
+    if (reserved.empty())
+        return Input::kFull;
+    const int32_t read = ReadFile(*m_stream.Get(), reserved);
+    CommitData(read);
+    return read > 0 ? Input::kRead : Input::kEnd;
+}
+
+uint32_t CTsSource::DoOneThreadTask() {
+    const std::shared_ptr<CEvent> work = m_workEvent;
+    const std::shared_ptr<TaskGate> gate = m_gate;
+    {
+        const std::lock_guard lock(gate->mutex);
+        gate->inTask = true;
+    }
+    bool waits = false;
+    {
+        // What is called from here may let go of the filter.
+        const ComPtr<IBaseFilter> self(this);
+        waits = RunTask();
+    }
+    {
+        const std::lock_guard lock(gate->mutex);
+        gate->inTask = false;
+        gate->changed.notify_all();
+    }
+    if (waits)
+        gate->hurry.Wait(kRetryWait);
+    work->Set();
+    return INFINITE;
+}
+
+bool CTsSource::RunTask() {
+    // Whoever ends the input waits for the turn, so it is held for the whole task.
+    if (!TakeParseTurn())
+        return true;
+    Input input = Input::kNone;
+    uint32_t epoch = 0;
+    {
+        CScopedLock lock(&StreamingLock());
+        epoch = m_inputEpoch;
+        // Until all outputs are active, none gets data.
+        if (IsStreaming() && IsActive())
+            input = ReadInput();
+    }
+    bool waits = input == Input::kNone;
+    if (input == Input::kEnd) {
+        if (EndInput(epoch))
+            EndOutputs();
+    } else if (input != Input::kNone) {
+        const HRESULT result = ParseData();
+        if (result == S_OK && m_discontinuity)
+            AbortPlayback(epoch);
+        else if (FAILED(result))
+            EndInput(epoch);
+        waits = input == Input::kFull && result != S_OK;
+    }
+    ParseTurn().Release();
+    return waits;
+}
+
+// False when the input has been ended, or begun anew, since epoch.
+bool CTsSource::EndInput(uint32_t epoch) {
+    CScopedLock lock(&StreamingLock());
+    if (epoch != m_inputEpoch)
+        return false;
+    NoteMasterTime();
+    ++m_inputEpoch;
+    CTsFilterBase::StopStreaming();
+    m_endOfStream = true;
+    PauseWorker();
+    return true;
+}
+
+void CTsSource::EndOutputs() {
+    const uint32_t epoch = m_inputEpoch;
+    // A receiver may begin anew from where it is told.
+    for (const OutputPinPtr& pin : Pins().All())
+        if (epoch == m_inputEpoch)
+            pin->EndOfStream();
+}
+
+void CTsSource::AbortPlayback(uint32_t epoch) {
+    if (epoch != m_inputEpoch)
+        return;
+    const std::vector<OutputPinPtr> pins = Pins().All();
+    for (const OutputPinPtr& pin : pins)
+        pin->DeliverBeginFlush();
+    m_aborted = true;
+    const bool ended = EndInput(epoch);
+    for (const OutputPinPtr& pin : pins)
+        pin->DeliverEndFlush();
+    if (!ended)
+        return;
+    EndOutputs();
+    NotifyEvent(EC_ERRORABORT, VFW_E_INVALID_FILE_FORMAT, 0);
+}
+
+}  // namespace tessel

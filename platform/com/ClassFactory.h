@@ -1,6 +1,7 @@
 // Classes that a module makes: its table of them, and their factories.
 #pragma once
 
+#include <memory>
 #include <new>
 #include <span>
 #include <string>
@@ -32,23 +33,21 @@ struct ModuleClass {
     const REGFILTER2* filter;  // null for what is no filter
 };
 
-// A creator of Object, which is made of its outer one and then initialised: CreateObject<CFilter, [](CFilter& filter)
-// { return filter.Init(); }>.
+// A creator of Object, which is constructed with the outer one and then initialised:
+// CreateObject<CFilter, [](CFilter& filter) { return filter.Init(); }>.
 template <class Object, auto kInit = [](Object&) { return S_OK; }>
 CUnknown* CreateObject(IUnknown* outer, HRESULT* result) try {
+    const auto release = [](CUnknown* object) { object->NonDelegatingRelease(); };
     auto* object = new (std::nothrow) Object(outer);
     if (object == nullptr) {
         *result = E_OUTOFMEMORY;
         return nullptr;
     }
-    // First: initialisation may count references for a moment.
+    // Before its initialisation, which may count references for a moment.
     object->NonDelegatingAddRef();
+    std::unique_ptr<CUnknown, decltype(release)> own(object, release);
     *result = kInit(*object);
-    if (FAILED(*result)) {
-        object->NonDelegatingRelease();
-        return nullptr;
-    }
-    return object;
+    return SUCCEEDED(*result) ? own.release() : nullptr;
 } catch (const std::bad_alloc&) {
     *result = E_OUTOFMEMORY;
     return nullptr;

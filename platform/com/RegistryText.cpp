@@ -11,14 +11,16 @@ constexpr std::string_view kHead =
     "# The classes and filters that are registered. Programs rewrite this file as a whole: comments are lost.\n";
 constexpr std::string_view kBlanks = " \t\r";
 
-std::string Escape(std::string_view text) {
+// special: what means something where the text is to stand.
+std::string Escape(std::string_view text, std::string_view special = {}) {
     std::string out;
     for (size_t i = 0; i < text.size(); ++i) {
         const auto byte = static_cast<uint8_t>(text[i]);
         const bool isEdge = i == 0 || i + 1 == text.size();
         if (byte == '\\') {
             out += "\\\\";
-        } else if (byte < 0x20 || byte == 0x7F || (byte == ' ' && isEdge)) {
+        } else if (byte < 0x20 || byte == 0x7F || (byte == ' ' && isEdge) ||
+                   special.find(text[i]) != std::string_view::npos) {
             char code[5];
             std::snprintf(code, sizeof(code), "\\x%02X", byte);
             out += code;
@@ -95,7 +97,7 @@ std::string FormatRegistry(const RegistryKeys& keys) {
     for (const auto& [key, values] : keys) {
         text += "\n[" + Escape(key) + "]\n";
         for (const auto& [name, value] : values)
-            text += Escape(name) + " = " + Escape(value) + "\n";
+            text += Escape(name, "=#[") + " = " + Escape(value) + "\n";
     }
     return text;
 }

@@ -241,6 +241,12 @@ public:
     explicit Fragile(IUnknown* outer) : CUnknown("Fragile", outer) {}
 };
 
+HRESULT CountForAMoment(Fragile& object) {
+    object.NonDelegatingAddRef();
+    object.NonDelegatingRelease();
+    return S_OK;
+}
+
 TEST(CreateObject, LeavesNoObjectBehindThatCouldNotBeInitialised) {
     HRESULT result = S_OK;
     const int32_t before = CUnknown::ObjectsActive();
@@ -248,6 +254,11 @@ TEST(CreateObject, LeavesNoObjectBehindThatCouldNotBeInitialised) {
     EXPECT_EQ(result, E_ABORT);
     EXPECT_EQ((CreateObject<Fragile, [](Fragile&) -> HRESULT { throw std::bad_alloc(); }>(nullptr, &result)), nullptr);
     EXPECT_EQ(result, E_OUTOFMEMORY);
+    EXPECT_EQ(CUnknown::ObjectsActive(), before);
+    CUnknown* const made = CreateObject<Fragile, CountForAMoment>(nullptr, &result);
+    ASSERT_NE(made, nullptr);
+    EXPECT_EQ(made->NonDelegatingAddRef(), 1u);
+    EXPECT_EQ(made->NonDelegatingRelease(), 0u);
     EXPECT_EQ(CUnknown::ObjectsActive(), before);
 }
 

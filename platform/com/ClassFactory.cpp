@@ -31,6 +31,7 @@ public:
         CUnknown* object = m_entry.create(outer, &result);
         if (object == nullptr)
             return FAILED(result) ? result : E_FAIL;
+        object->NonDelegatingAddRef();
         result = object->NonDelegatingQueryInterface(iid, out);
         object->NonDelegatingRelease();
         return result;

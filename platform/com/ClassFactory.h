@@ -23,7 +23,7 @@ protected:
     ~IClassFactory() = default;
 };
 
-// A new object with one reference of its own, or null and a failure in result.
+// A new object, its count 0 as at birth, or null and a failure in result.
 using ClassCreator = CUnknown* (*)(IUnknown* outer, HRESULT* result);
 
 struct ModuleClass {
@@ -43,11 +43,14 @@ CUnknown* CreateObject(IUnknown* outer, HRESULT* result) try {
         *result = E_OUTOFMEMORY;
         return nullptr;
     }
-    // Before its initialisation, which may count references for a moment.
+    // Its initialisation may count references for a moment, and must not end it.
     object->NonDelegatingAddRef();
     std::unique_ptr<CUnknown, decltype(release)> own(object, release);
     *result = kInit(*object);
-    return SUCCEEDED(*result) ? own.release() : nullptr;
+    if (FAILED(*result))
+        return nullptr;
+    own->ForgetReference();
+    return own.release();
 } catch (const std::bad_alloc&) {
     *result = E_OUTOFMEMORY;
     return nullptr;

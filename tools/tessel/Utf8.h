@@ -5,10 +5,14 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/com/Utf8.h"
+
 namespace tessel::tool {
 
 // Half a surrogate pair becomes U+FFFD.
-std::string ToUtf8(std::u16string_view text);
+inline std::string ToUtf8(std::u16string_view text) {
+    return Utf8FromUtf16(text);
+}
 
 // utf8 with everything made visible that would drive the reader's terminal: control characters, and
 // the marks that end a line, turn its direction or hide in it. Broken UTF-8 becomes U+FFFD.

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <new>
 
+#include "tools/tessel/Classes.h"
 #include "tools/tessel/DemuxRun.h"
 #include "tools/tessel/Extract.h"
 #include "tools/tessel/Failure.h"
@@ -41,6 +42,11 @@ struct DemuxArguments {
 
 struct WatchArguments {
     std::string input;
+    bool json = false;
+};
+
+struct ModuleArguments {
+    std::string registry;
     bool json = false;
 };
 
@@ -87,6 +93,11 @@ void RunWatch(const WatchArguments& arguments) {
     InputFile input(arguments.input);
     CatchInterrupts();
     Watch(input, arguments.json ? WatchFormat::kJson : WatchFormat::kText);
+}
+
+void RunClasses(const ModuleArguments& arguments) {
+    const std::vector<ClassInfo> classes = ReadClasses(arguments.registry);
+    Print(arguments.json ? ClassesAsJson(classes) : ClassesAsText(classes));
 }
 
 const char* const kInputHelp = "A transport stream: a file, or - for standard input";
@@ -158,6 +169,23 @@ void AddWatch(CLI::App& app, WatchArguments& arguments) {
     watch->callback([&arguments] { RunWatch(arguments); });
 }
 
+void AddModule(CLI::App& app, ModuleArguments& arguments) {
+    app.add_option("--registry", arguments.registry,
+                   "The file that classes are registered in (tessel/registry in the user's data folder)")
+        ->option_text("FILE")
+        ->check(CLI::Validator([](const std::string& path) { return path.empty() ? "no file is named" : ""; }, ""));
+    CLI::App* classes = app.add_subcommand("classes", "List the classes of the module, and which are registered");
+    classes->add_flag("--json", arguments.json, "For programs: one JSON array");
+    classes->callback([&arguments] { RunClasses(arguments); });
+    CLI::App* add = app.add_subcommand("register", "Register the classes of the module for applications to find");
+    add->callback([&arguments] { Print(RegisterModule(arguments.registry)); });
+    CLI::App* remove = app.add_subcommand("unregister", "Take the classes of the module out of the registry");
+    remove->callback([&arguments] { Print(UnregisterModule(arguments.registry)); });
+    for (CLI::App* command : {classes, add, remove})
+        command->fallthrough()->footer(
+            "The module is cvneTessel.ax, beside this program or in a lib folder beside it.");
+}
+
 int Run(int argc, char** argv) {
     CLI::App app("Takes MPEG-2 transport streams apart.", "tessel");
     app.set_version_flag("--version", "tessel " TESSEL_VERSION);
@@ -178,6 +206,8 @@ int Run(int argc, char** argv) {
     AddDemux(app, demux);
     WatchArguments watch;
     AddWatch(app, watch);
+    ModuleArguments module;
+    AddModule(app, module);
     const auto named = [&](CLI::App* command) { return command->check_name(argv[1]); };
     if (argc > 1 && argv[1][0] != '-' && app.get_subcommands(named).empty())
         throw Misuse("there is no command \"" + std::string(argv[1]) + "\"; see `tessel --help`");

@@ -1,0 +1,266 @@
+// The module through its entry points, as an application loads it.
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+
+#include <fstream>
+
+#include "filters/module/ClassTable.h"
+#include "filters/module/Module.h"
+#include "platform/com/ClassRegistry.h"
+#include "platform/com/ComPtr.h"
+#include "platform/com/GuidText.h"
+#include "platform/media/GraphInterfaces.h"
+#include "platform/media/MediaType.h"
+#include "tests/support/RegistryFolder.h"
+
+namespace tessel {
+namespace {
+
+constexpr CLSID kSplitter = MakeGuid("{05A20097-501E-4CE4-965A-C1F2F1BEEC42}");
+
+// The filters, by their names; splitters have pins.
+struct Filter {
+    const char* name;
+    CLSID id;
+    bool hasPins;
+};
+constexpr Filter kFilters[] = {
+    {"Corvane MPEG TS Splitter", kSplitter, true},
+    {"Corvane MPEG TS Splitter (Async)", MakeGuid("{EF437ED2-736C-4777-ACE1-1D18C7887970}"), true},
+    {"Corvane MPEG TS Splitter (Rec)", MakeGuid("{0A354CEF-937C-4748-AF03-70100D2F5B55}"), true},
+};
+
+// Loaded once; registers in a folder of the test's own.
+class Module : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        void* library = dlopen(TESSEL_MODULE, RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(library, nullptr) << dlerror();
+        const auto find = [library](auto& entry, const char* name) {
+            entry = reinterpret_cast<std::remove_reference_t<decltype(entry)>>(dlsym(library, name));
+            ASSERT_NE(entry, nullptr) << name;
+        };
+        find(s_getClassObject, "DllGetClassObject");
+        find(s_canUnloadNow, "DllCanUnloadNow");
+        find(s_register, "DllRegisterServer");
+        find(s_unregister, "DllUnregisterServer");
+    }
+
+    void SetUp() override { setenv("TESSEL_REGISTRY", folder.path.c_str(), 1); }
+    void TearDown() override {
+        unsetenv("TESSEL_REGISTRY");
+        EXPECT_EQ(s_canUnloadNow(), S_OK);
+    }
+
+    static ComPtr<IClassFactory> Factory(const CLSID& id) {
+        ComPtr<IClassFactory> factory;
+        EXPECT_EQ(s_getClassObject(id, IClassFactory::kIid, reinterpret_cast<void**>(factory.Put())), S_OK);
+        return factory;
+    }
+
+    RegistryFolder folder;
+    static inline decltype(&DllGetClassObject) s_getClassObject;
+    static inline decltype(&DllCanUnloadNow) s_canUnloadNow;
+    static inline decltype(&DllRegisterServer) s_register;
+    static inline decltype(&DllUnregisterServer) s_unregister;
+};
+
+TEST_F(Module, GivesFactoriesOfItsClassesAlone) {
+    const struct {
+        CLSID id;
+        IID iid;
+        HRESULT result;
+    } cases[] = {
+        {kSplitter, IUnknown::kIid, S_OK},
+        {kSplitter, IClassFactory::kIid, S_OK},
+        {kSplitter, IBaseFilter::kIid, E_NOINTERFACE},
+        {GUID_NULL, IClassFactory::kIid, CLASS_E_CLASSNOTAVAILABLE},
+        {GUID_NULL, IBaseFilter::kIid, E_NOINTERFACE},
+    };
+    for (const auto& row : cases) {
+        ComPtr<IUnknown> out;
+        EXPECT_EQ(s_getClassObject(row.id, row.iid, reinterpret_cast<void**>(out.Put())), row.result);
+        EXPECT_EQ(static_cast<bool>(out), row.result == S_OK);
+    }
+    EXPECT_EQ(s_getClassObject(kSplitter, IClassFactory::kIid, nullptr), E_POINTER);
+}
+
+TEST_F(Module, EveryFilterSaysItsOwnClass) {
+    for (const Filter& filter : kFilters) {
+        ComPtr<IBaseFilter> object;
+        ASSERT_EQ(
+            Factory(filter.id)->CreateInstance(nullptr, IBaseFilter::kIid, reinterpret_cast<void**>(object.Put())),
+            S_OK);
+        CLSID id;
+        EXPECT_EQ(object->GetClassID(&id), S_OK);
+        EXPECT_EQ(id, filter.id) << filter.name;
+    }
+}
+
+TEST_F(Module, StaysWhileAnObjectOrALockLives) {
+    EXPECT_EQ(s_canUnloadNow(), S_OK);
+    ComPtr<IClassFactory> factory = Factory(kSplitter);
+    EXPECT_EQ(s_canUnloadNow(), S_FALSE);
+    ComPtr<IBaseFilter> filter;
+    EXPECT_EQ(factory->CreateInstance(nullptr, IBaseFilter::kIid, reinterpret_cast<void**>(filter.Put())), S_OK);
+    ComPtr<IUnknown> other;
+    EXPECT_EQ(factory->CreateInstance(nullptr, IClassFactory::kIid, reinterpret_cast<void**>(other.Put())),
+              E_NOINTERFACE);
+    EXPECT_EQ(factory->LockServer(1), S_OK);
+    EXPECT_EQ(factory->LockServer(1), S_OK);
+    filter.Reset();
+    EXPECT_EQ(factory->LockServer(0), S_OK);
+    factory.Reset();
+    EXPECT_EQ(s_canUnloadNow(), S_FALSE) << "a lock is left";
+    EXPECT_EQ(Factory(kSplitter)->LockServer(0), S_OK);
+    EXPECT_EQ(Factory(kSplitter)->LockServer(0), E_UNEXPECTED) << "there was none";
+    EXPECT_EQ(s_canUnloadNow(), S_OK);
+}
+
+// An object that a filter is part of.
+class Outer final : public CUnknown, public IPersist {
+public:
+    Outer() : CUnknown("Outer", nullptr) {}
+    DECLARE_IUNKNOWN
+    HRESULT NonDelegatingQueryInterface(const IID& iid, void** out) override {
+        if (out != nullptr && iid == IPersist::kIid)
+            return GetInterface<IPersist>(this, out);
+        if (inner && iid != IUnknown::kIid)
+            return inner->QueryInterface(iid, out);
+        return CUnknown::NonDelegatingQueryInterface(iid, out);
+    }
+    HRESULT GetClassID(CLSID*) override { return E_NOTIMPL; }
+
+    ComPtr<IUnknown> inner;
+};
+
+TEST_F(Module, AFilterCanBePartOfAnotherObject) {
+    const ComPtr<Outer> outer(new Outer);
+    const auto factory = Factory(kSplitter);
+    IUnknown* const controlling = static_cast<IPersist*>(outer.Get());
+    ComPtr<IUnknown> out;
+    EXPECT_EQ(factory->CreateInstance(controlling, IBaseFilter::kIid, reinterpret_cast<void**>(out.Put())),
+              E_NOINTERFACE);
+    ASSERT_EQ(factory->CreateInstance(controlling, IUnknown::kIid, reinterpret_cast<void**>(outer->inner.Put())), S_OK);
+    const auto filter = outer->inner.As<IBaseFilter>();
+    ASSERT_TRUE(filter);
+    EXPECT_EQ(filter.As<IPersist>().Get(), static_cast<IPersist*>(outer.Get()));
+    EXPECT_EQ(filter.As<IUnknown>().Get(), ComPtr<IPersist>(outer.Get()).As<IUnknown>().Get());
+}
+
+TEST_F(Module, RegistersItsFiltersInBothCategories) {
+    ASSERT_EQ(s_register(), S_OK);
+    CClassRegistry registry(folder.path);
+    ASSERT_EQ(registry.Read(), S_OK);
+    const RegistryValues& category = registry.Keys()["category {5F710207-CF33-40FA-B819-E3AEE47ED0B7}"];
+    EXPECT_EQ(FindValue(category, "name"), "Corvane Auxiliary Filters");
+    EXPECT_EQ(FindValue(category, "merit"), "0x00200000");
+    for (const CLSID& where : {CLSID_LegacyAmFilterCategory, CLSID_AuxiliaryFilters}) {
+        const auto filters = registry.Filters(where);
+        ASSERT_EQ(filters.size(), std::size(kFilters));
+        for (const Filter& expected : kFilters) {
+            const std::string instance = where == CLSID_AuxiliaryFilters ? expected.name : GuidToText(expected.id);
+            const auto found = std::ranges::find(filters, instance, &RegisteredFilter::instance);
+            ASSERT_NE(found, filters.end()) << instance;
+            EXPECT_EQ(found->name, expected.name);
+            EXPECT_EQ(found->id, expected.id);
+            EXPECT_EQ(found->merit, 0x200000u);
+            ASSERT_EQ(found->pins.size(), expected.hasPins ? 2u : 0u);
+            const auto entry = registry.FindClass(expected.id);
+            ASSERT_TRUE(entry);
+            EXPECT_EQ(entry->server, std::filesystem::canonical(TESSEL_MODULE));
+            EXPECT_EQ(entry->threading, "Both");
+            if (!expected.hasPins)
+                continue;
+            const RegisteredPin& in = found->pins[0];
+            const RegisteredPin& out = found->pins[1];
+            EXPECT_EQ(in.name + out.name, "InputOutput");
+            EXPECT_TRUE(!in.output && out.output && !in.rendered && !out.many && !out.zero);
+            ASSERT_EQ(in.types.size(), 2u);
+            EXPECT_EQ(in.types[1].minor, KSDATAFORMAT_SUBTYPE_BDA_MPEG2_TRANSPORT);
+            ASSERT_EQ(out.types.size(), 14u);
+            EXPECT_EQ(out.types[4].minor, MakeGuid("{FCA6C675-B44B-420D-AA88-4B1F064F2D56}"));
+            EXPECT_EQ(out.types[12].major, MakeGuid("{78C4E641-0ED1-11D3-BC6B-00A0C90D63B5}"));
+            EXPECT_EQ(out.types[12].minor, GUID_NULL);
+        }
+    }
+}
+
+TEST_F(Module, TakesOutWhatItRegisteredAndNoMore) {
+    const std::string others =
+        "[category {5F710207-CF33-40FA-B819-E3AEE47ED0B7} filter Other]\nclass = "
+        "{11111111-0000-0000-0000-000000000000}\nname = Other\nmerit = 0x00000001\n"
+        "[class {11111111-0000-0000-0000-000000000000}]\nname = Other\nserver = /other.ax\n";
+    for (const std::string& before : {std::string(), others}) {
+        RegistryKeys expected;
+        ASSERT_EQ(ParseRegistry(before, &expected), 0u);
+        folder.Write(before);
+        ASSERT_EQ(s_register(), S_OK);
+        ASSERT_EQ(s_register(), S_OK) << "again";
+        ASSERT_EQ(s_unregister(), S_OK);
+        CClassRegistry registry(folder.path);
+        ASSERT_EQ(registry.Read(), S_OK);
+        registry.Keys().erase(CategoryKey(CLSID_AuxiliaryFilters));  // stays while another filter is in it
+        EXPECT_EQ(registry.Keys(), expected);
+        EXPECT_EQ(s_unregister(), S_OK) << "there is nothing left";
+    }
+}
+
+TEST_F(Module, LeavesAFileAloneThatIsNoRegistry) {
+    folder.Write("Dear diary,\n");
+    EXPECT_EQ(s_register(), REGDB_E_INVALIDVALUE);
+    EXPECT_EQ(s_unregister(), REGDB_E_INVALIDVALUE);
+    EXPECT_EQ(folder.Text(), "Dear diary,\n");
+    setenv("TESSEL_REGISTRY", (folder.path + "/in/a/file").c_str(), 1);
+    EXPECT_EQ(ErrorOfResult(s_register()), ENOTDIR);
+}
+
+TEST_F(Module, AKilledRegistrationLeavesTheOldFileOrTheNew) {
+    folder.Write("# old\n[class {11111111-0000-0000-0000-000000000000}]\nserver = /other.ax\n");
+    const std::string before = folder.Text();
+    ASSERT_EQ(s_register(), S_OK);
+    const std::string after = folder.Text();
+    size_t olds = 0;
+    size_t news = 0;
+    const bool traced = KilledAtEverySystemCall([this, &before] { folder.Write(before); }, [] { return s_register(); },
+                                                [&](size_t call) {
+                                                    const std::string text = folder.Text();
+                                                    EXPECT_TRUE(text == before || text == after) << call;
+                                                    ++(text == before ? olds : news);
+                                                    EXPECT_EQ(s_register(), S_OK) << call;
+                                                    EXPECT_EQ(folder.Text(), after) << call;
+                                                });
+    if (!traced)
+        GTEST_SKIP() << "this system does not let a process trace another";
+    EXPECT_GT(olds, 10u);
+    EXPECT_GT(news, 1u);
+}
+
+class Fragile final : public CUnknown {
+public:
+    explicit Fragile(IUnknown* outer) : CUnknown("Fragile", outer) {}
+};
+
+HRESULT CountForAMoment(Fragile& object) {
+    object.NonDelegatingAddRef();
+    object.NonDelegatingRelease();
+    return S_OK;
+}
+
+TEST(CreateObject, LeavesNoObjectBehindThatCouldNotBeInitialised) {
+    HRESULT result = S_OK;
+    const int32_t before = CUnknown::ObjectsActive();
+    EXPECT_EQ((CreateObject<Fragile, [](Fragile&) { return E_ABORT; }>(nullptr, &result)), nullptr);
+    EXPECT_EQ(result, E_ABORT);
+    EXPECT_EQ((CreateObject<Fragile, [](Fragile&) -> HRESULT { throw std::bad_alloc(); }>(nullptr, &result)), nullptr);
+    EXPECT_EQ(result, E_OUTOFMEMORY);
+    EXPECT_EQ(CUnknown::ObjectsActive(), before);
+    CUnknown* const made = CreateObject<Fragile, CountForAMoment>(nullptr, &result);
+    ASSERT_NE(made, nullptr);
+    EXPECT_EQ(made->NonDelegatingAddRef(), 1u);
+    EXPECT_EQ(made->NonDelegatingRelease(), 0u);
+    EXPECT_EQ(CUnknown::ObjectsActive(), before);
+}
+
+}  // namespace
+}  // namespace tessel

@@ -26,7 +26,7 @@ std::u16string Quoted(IDvbService* service, HRESULT (IDvbService::*getter)(BSTR*
     CBstr text;
     if (service != nullptr)
         (service->*getter)(text.Put());
-    return u"'" + std::u16string(text ? text.View() : otherwise) + u"'";
+    return u"'" + std::u16string(text.View().empty() ? otherwise : text.View()) + u"'";
 }
 
 int DigitOf(char16_t c) {

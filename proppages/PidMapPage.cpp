@@ -107,9 +107,12 @@ void CPropPagePIDmapping::Refill() {
 }
 
 void CPropPagePIDmapping::ChoosePin(const std::u16string& name) {
-    if (m_pin != name)
-        if (const auto pin = FindPin(name); pin && pin->Kind() != 0)
-            Dialog().SelectRow(kContent, static_cast<int32_t>(pin->Kind()) - 1);
+    if (m_pin != name) {
+        // What the pin before it delivers is no choice for this one.
+        const auto pin = FindPin(name);
+        const uint32_t kind = pin ? pin->Kind() : 0;
+        Dialog().SelectRow(kContent, kind != 0 ? static_cast<int32_t>(kind) - 1 : 0);
+    }
     m_pin = name;
     FillPids();
 }

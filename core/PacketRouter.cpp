@@ -1,7 +1,6 @@
 #include "core/PacketRouter.h"
 
 #include <algorithm>
-#include <bit>
 #include <utility>
 
 #include "Classes/MultiPlatform/GenUtilMP.h"
@@ -94,6 +93,8 @@ void PacketRouter::RenewSnapshot() {
     CScopedLock lock(&m_lock);
     m_snapshotVersion = m_version.load(std::memory_order_relaxed);
     last = std::exchange(m_snapshot, m_slots);
+    std::transform(m_snapshot.begin(), m_snapshot.end(), m_batches.begin(),
+                   [](const auto& sink) { return sink ? sink->Batch() : nullptr; });
     const auto taken = std::count_if(m_slots.begin(), m_slots.end(), [](const auto& sink) { return sink != nullptr; });
     m_snapshotCount = static_cast<size_t>(taken);
 }

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <atomic>
+#include <bit>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -40,16 +41,25 @@ public:
 
     // Parsing thread: offers the packet to the sinks that want it. True when there are sinks and every one
     // of them refused it or cannot take any.
-    bool OfferPacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
-                     bool pidHasSectionFilter) {
+    [[gnu::always_inline]] bool OfferPacket(const uint8_t* packet, const TsHeader& header,
+                                            const AdaptationFieldHeader& adaptation, bool pidHasSectionFilter) {
         if (m_version.load(std::memory_order_acquire) != m_snapshotVersion) [[unlikely]]
             RenewSnapshot();
         uint32_t offered =
             m_wanted[header.Pid()].load(std::memory_order_relaxed) | m_wantAll.load(std::memory_order_relaxed);
         if (pidHasSectionFilter)
             offered |= m_wantTables.load(std::memory_order_relaxed);
-        if (offered == 0) [[likely]]
+        if (offered == 0)
             return m_snapshotCount != 0 && m_deliverable.load(std::memory_order_relaxed) == 0;
+        if ((offered & (offered - 1)) == 0) [[likely]] {
+            PacketBatch* const batch = m_batches[static_cast<size_t>(std::countr_zero(offered))];
+            if (batch != nullptr && batch->IsOpen()) [[likely]] {
+                m_unflushed |= offered;
+                if (batch->Add(packet, header, adaptation))
+                    Flush();
+                return false;
+            }
+        }
         return Offer(offered, packet, header, adaptation, pidHasSectionFilter);
     }
     // Parsing thread: the packets offered so far go in. Before anything that counts bytes, and before the
@@ -99,6 +109,7 @@ private:
 
     // The parsing thread's.
     Slots m_snapshot;
+    std::array<PacketBatch*, kMaxSinks> m_batches{};  // of the snapshot
     size_t m_snapshotCount = 0;
     uint32_t m_snapshotVersion = 0;
     uint32_t m_unflushed = 0;    // noted packets

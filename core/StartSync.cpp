@@ -21,7 +21,7 @@ struct Candidates {
 };
 
 // False when the output is one that the others wait for.
-bool Consider(const CTsOutputPin& pin, int32_t pcrPid, Candidates& candidates) {
+bool Consider(const CTsOutputPin& pin, int32_t pcrPid, int32_t queuedJumps, Candidates& candidates) {
     // One that is done or has failed holds nobody up.
     if (pin.HasRuntimeError() || pin.IsEosDelivered())
         return true;
@@ -31,6 +31,9 @@ bool Consider(const CTsOutputPin& pin, int32_t pcrPid, Candidates& candidates) {
         return false;
     if (!content || itsPid != pcrPid)
         return true;
+    // What an output has queued from before a jump says nothing of the start behind it, and the other way round.
+    if (const int32_t jumps = content->QueuedJumps(); jumps != queuedJumps)
+        return jumps < queuedJumps || pin.Media() == MediaClass::kSubtitle;
     const int64_t first = content->GetFirstTimestamp();
     candidates.mostQueued = std::max(candidates.mostQueued, content->QueuedBytes());
     if (first == kUnknown)
@@ -57,23 +60,34 @@ bool StartClock(PcrClocks& clocks, int32_t pcrPid, std::span<const OutputPinPtr>
     PcrClock* const clock = clocks.Find(pcrPid);
     if (clock == nullptr || clock->discontinuityPending != 0 || clock->pcrOrigin == kUnknown)
         return false;
-    if (clock->timeOrigin != kUnknown) {
+    const bool isPast = settings.queuedJumps > 0 && !settings.isLive;
+    const int32_t jump = clock->discontinuityCount - settings.queuedJumps;
+    if (isPast && clock->pastStart.jump == jump) {
+        *out = {clock->pastStart.pts, clock->pastStart.time};
+        return true;
+    }
+    if (!isPast && clock->timeOrigin != kUnknown) {
         *out = {clock->pcrOrigin / 300, clock->timeOrigin};
         return true;
     }
-    if (settings.waitsForHalfSecond && (clock->lastPcr == kUnknown || clock->lastPcr - clock->pcrOrigin < kHalfSecond))
+    if (!isPast && settings.waitsForHalfSecond &&
+        (clock->lastPcr == kUnknown || clock->lastPcr - clock->pcrOrigin < kHalfSecond))
         return false;
     Candidates candidates{.start = clock->pcrOrigin / 300};
     for (const OutputPinPtr& pin : pins)
-        if (!Consider(*pin, pcrPid, candidates))
+        if (!Consider(*pin, pcrPid, settings.queuedJumps, candidates))
             return false;
     REFERENCE_TIME time = candidates.Time();
     if (candidates.mostQueued < kLeastQueued || time == kUnknown)
         return false;
     if (settings.hasLiveClock)
         time = std::max(time, settings.streamTime + kLiveLead);
-    clock->timeOrigin = time;
-    clock->pcrOrigin = candidates.start * 300;
+    if (isPast) {
+        clock->pastStart = {jump, candidates.start, time};
+    } else {
+        clock->timeOrigin = time;
+        clock->pcrOrigin = candidates.start * 300;
+    }
     *out = {candidates.start, time};
     return true;
 }

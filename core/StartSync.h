@@ -10,7 +10,9 @@ namespace tessel {
 
 struct SyncSettings {
     bool waitsForHalfSecond;    // of PCR, so that all streams have shown up
+    int32_t queuedJumps;        // jumps of the clock that the content that asks has yet to reach
     bool hasLiveClock;          // nothing begins before streamTime
+    bool isLive;                // the clock has its time from the arrivals
     REFERENCE_TIME streamTime;  // of the filter
 };
 
@@ -21,6 +23,9 @@ struct SyncOrigin {
 
 // The clock of pcrPid gets its time: the first time stamp of the audio stream, or else of another one, is the start
 // of all. Where it has one already, that holds. False: not yet.
+//
+// Between two jumps of the clock there is one start. Outputs that are behind a jump that the clock has made already get
+// a start of their own, and those ahead wait for them.
 bool StartClock(PcrClocks& clocks, int32_t pcrPid, std::span<const OutputPinPtr> pins, const SyncSettings& settings,
                 SyncOrigin* out);
 

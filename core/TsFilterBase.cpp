@@ -159,23 +159,30 @@ inline ParserStep CTsFilterBase::ParsePacket(const uint8_t* packet) {
     }
 
     const bool hasSectionFilter = m_sectionFilterSlots[pid].load(std::memory_order_acquire) != nullptr;
-    if (!hasSectionFilter)
-        return OfferPacket(packet, header, adaptation, false);
+    if (!hasSectionFilter) [[likely]] {
+        const bool refused = m_router.OfferPacket(packet, header, adaptation, false);
+        return refused && m_mode == StreamingMode::kFile ? ParserStep::kRefused : ParserStep::kGoOn;
+    }
+    return ParseTablePacket(packet, header, adaptation);
+}
+
+ParserStep CTsFilterBase::ParseTablePacket(const uint8_t* packet, const TsHeader& header,
+                                           const AdaptationFieldHeader& adaptation) {
     bool announced = false;
     const HRESULT status = ParseSections(packet, header, adaptation, &announced);
     if (announced)
         return ParserStep::kAgain;
     if (SUCCEEDED(status))
-        return OfferPacket(packet, header, adaptation, true);
+        return OfferTablePacket(packet, header, adaptation);
     return m_hasDeferred.load(std::memory_order_relaxed) ? ParserStep::kPause : ParserStep::kGoOn;
 }
 
-inline ParserStep CTsFilterBase::OfferPacket(const uint8_t* packet, const TsHeader& header,
-                                             const AdaptationFieldHeader& adaptation, bool hasSectionFilter) {
-    const bool refused = m_router.OfferPacket(packet, header, adaptation, hasSectionFilter);
+ParserStep CTsFilterBase::OfferTablePacket(const uint8_t* packet, const TsHeader& header,
+                                           const AdaptationFieldHeader& adaptation) {
+    const bool refused = m_router.OfferPacket(packet, header, adaptation, true);
     if (refused && m_mode == StreamingMode::kFile)
         return ParserStep::kRefused;
-    return hasSectionFilter && m_hasDeferred.load(std::memory_order_relaxed) ? ParserStep::kPause : ParserStep::kGoOn;
+    return m_hasDeferred.load(std::memory_order_relaxed) ? ParserStep::kPause : ParserStep::kGoOn;
 }
 
 HRESULT CTsFilterBase::ParseSections(const uint8_t* packet, const TsHeader& header,
@@ -216,7 +223,7 @@ ParserStep CTsFilterBase::OfferAnnouncement(const uint8_t* packet, const TsHeade
     if (FAILED(announcement.status))
         return ParserStep::kGoOn;
     const auto adaptation = header.HasAdaptationField() ? DecodeAdaptationFieldHeader(packet) : AdaptationFieldHeader{};
-    return OfferPacket(packet, header, adaptation, true);
+    return OfferTablePacket(packet, header, adaptation);
 }
 
 HRESULT CTsFilterBase::DispatchSection(std::span<const uint8_t> section) {
@@ -225,6 +232,7 @@ HRESULT CTsFilterBase::DispatchSection(std::span<const uint8_t> section) {
         const auto transportStreamId = static_cast<uint32_t>(section[3] << 8 | section[4]);
         if (transportStreamId != CurrentTransportStreamId())
             NewTSID(transportStreamId);
+        m_isStreamKnown = true;
     }
     m_tables.Dispatch(section);
     return S_OK;
@@ -248,6 +256,7 @@ void CTsFilterBase::InternalReset() {
     m_announcement = {};
     CScopedLock lock(&m_tableLock);
     m_currentTransportStreamId.store(0, std::memory_order_relaxed);
+    m_isStreamKnown = false;
     m_pidStatus.Clear();
     __ResetTables();
     DeleteSectionFilters(0);
@@ -260,7 +269,9 @@ void CTsFilterBase::NewTSID(uint32_t transportStreamId) {
     // The PAT that announced the new stream is still being handled on PID 0, so its filter stays.
     DeleteSectionFilters(1);
     InstallSectionFilters(DefaultFilters::kWithoutPat);
-    DeferRestart();
+    // What came before the first table is of the stream that it names: the contents keep it.
+    if (m_isStreamKnown)
+        DeferRestart();
     m_currentTransportStreamId.store(transportStreamId, std::memory_order_relaxed);
 }
 

@@ -226,8 +226,9 @@ private:
 
     friend PacketParser;
     ParserStep ParsePacket(const uint8_t* packet);
-    ParserStep OfferPacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
-                           bool hasSectionFilter);
+    // Of a PID with a section filter: one packet in fifty.
+    ParserStep ParseTablePacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation);
+    ParserStep OfferTablePacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation);
     // A section that announced another transport stream. The contents start anew before they get it, so it waits,
     // with its packet, until that has been done.
     struct Announcement {
@@ -259,10 +260,11 @@ private:
     // IOutputHost
     bool IsHostStopped() const override { return IsStopped(); }
     bool IsHostRunning() const override { return State() == State_Running; }
+    bool HasClock() const override { return static_cast<bool>(Clock()); }
     std::shared_ptr<CDeliveryLock> DeliveryLock() override { return m_deliveryLock; }
     std::shared_ptr<const ProgramMapTables> CurrentProgramMapTables() override;
     HRESULT SetPcrDiscont(int32_t pcrPid) override { return m_clocks.SetPcrDiscont(pcrPid); }
-    HRESULT StartSync(int32_t pcrPid, int64_t* ptsOrigin, REFERENCE_TIME* timeOrigin) override;
+    HRESULT StartSync(int32_t pcrPid, int32_t queuedJumps, int64_t* ptsOrigin, REFERENCE_TIME* timeOrigin) override;
     void WaitForStreamTime(REFERENCE_TIME at, const std::shared_ptr<CEvent>& event, uint32_t milliseconds) override;
     HRESULT WantSections(uint32_t pid) override;
     void OnPinWants(CTsOutputPin& pin, ULONG pid, bool wanted) override;
@@ -299,6 +301,8 @@ private:
     std::unique_ptr<std::atomic<SectionFilter*>[]> m_sectionFilterSlots;
     // Written by the parsing thread and by resets under the table lock; clients only display it.
     std::atomic<uint32_t> m_currentTransportStreamId{0};
+    // A PAT has come since the last reset.
+    bool m_isStreamKnown OS_GUARDED_BY(m_tableLock) = false;
     TableStore m_tables OS_GUARDED_BY(m_tableLock);
     std::unique_ptr<CDvbServices> m_services;
 

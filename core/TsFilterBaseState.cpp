@@ -218,9 +218,11 @@ REFERENCE_TIME CTsFilterBase::CurrentStreamTime() {
     return IsHostRunning() && SUCCEEDED(StreamTime(now)) ? now : 0;
 }
 
-HRESULT CTsFilterBase::StartSync(int32_t pcrPid, int64_t* ptsOrigin, REFERENCE_TIME* timeOrigin) {
+HRESULT CTsFilterBase::StartSync(int32_t pcrPid, int32_t queuedJumps, int64_t* ptsOrigin, REFERENCE_TIME* timeOrigin) {
     const SyncSettings settings{.waitsForHalfSecond = m_mode != StreamingMode::kFile,
+                                .queuedJumps = queuedJumps,
                                 .hasLiveClock = m_modeParameter != 0,
+                                .isLive = m_mode == StreamingMode::kLive,
                                 .streamTime = m_modeParameter != 0 ? CurrentStreamTime() : 0};
     const std::vector<OutputPinPtr> pins = m_pins.All();
     SyncOrigin origin{};

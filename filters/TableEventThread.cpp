@@ -17,7 +17,10 @@ CTableEventThread::CTableEventThread(IsComplete isComplete) : m_shared(std::make
 
 CTableEventThread::~CTableEventThread() {
     Stop();
-    m_shared->closed = true;
+    {
+        const std::lock_guard lock(m_shared->filterMutex);
+        m_shared->closed = true;
+    }
     m_shared->sinks.Clear();
 }
 
@@ -78,14 +81,19 @@ void CTableEventThread::Tell(Shared& shared, const MSG& message) {
         else if (events && message.message == kMessageTableReady)
             events->OnTableReady(tableId, key);
     });
-    if (message.message == kMessageTableReady && !shared.closed)
+    if (message.message == kMessageTableReady)
         AnnounceServices(shared);
+}
+
+bool CTableEventThread::AskComplete(Shared& shared) {
+    const std::lock_guard lock(shared.filterMutex);
+    return !shared.closed && shared.isComplete();
 }
 
 void CTableEventThread::AnnounceServices(Shared& shared) {
     uint32_t announced = shared.announced;
     const uint32_t generation = shared.generation;
-    if (announced == generation || !shared.isComplete() || generation != shared.generation)
+    if (announced == generation || !AskComplete(shared) || generation != shared.generation)
         return;
     if (!shared.announced.compare_exchange_strong(announced, generation))
         return;

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 
 #include "Classes/MultiPlatform/GenUtilMP.h"
 #include "Classes/MultiPlatform/LockRanks.h"
@@ -47,6 +48,7 @@ private:
     struct Shared {
         CSinkList sinks;
         IsComplete isComplete;
+        std::mutex filterMutex;           // held while isComplete asks the filter, and to close
         std::atomic<bool> closed{false};  // the filter does not wait any more
         // Counted by what makes an announcement stale; the one that was announced last.
         std::atomic<uint32_t> generation{1};
@@ -55,6 +57,7 @@ private:
 
     static uint32_t Run(Shared& shared, CMessageQueue& queue);
     static void Tell(Shared& shared, const MSG& message);
+    static bool AskComplete(Shared& shared);
     static void AnnounceServices(Shared& shared);
 
     CCritSec m_lock{"event thread", kRankLeaf};

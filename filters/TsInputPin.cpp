@@ -50,9 +50,10 @@ HRESULT CTsInputPin::Receive(IMediaSample* sample) {
 HRESULT CTsInputPin::EndOfStream() {
     CScopedLock lock(&m_receiveLock);
     m_endOfStream = true;
-    // After a type that it refused the pin takes no more samples, but its stream ends.
+    // After a type that it refused the pin takes no more samples, but its stream ends. In a flush it does not: that
+    // end belongs to what is thrown away.
     const HRESULT result = m_runTimeError ? S_OK : CheckStreaming();
-    if (FAILED(result))
+    if (result != S_OK)
         return result;
     m_splitter.EndOfStream();
     return S_OK;

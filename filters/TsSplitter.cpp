@@ -123,7 +123,8 @@ HRESULT CTsSplitter::Reset() {
         CScopedLock streaming(&StreamingLock());
         CScopedLock tables(&TableLock());
         InternalReset();
-        DeferRestart();
+        if (hasTurn)
+            DeferRestart();  // else the filter is about to stop, which ends the contents anyway
     }
     RunDeferred();
     if (hasTurn)

@@ -152,19 +152,21 @@ HRESULT CElementaryStream::Bind(const Binding& binding) {
         return E_FAIL;
     }
     const auto pcrPid = static_cast<int32_t>(binding.pcrPid);
-    // Waiting for the program, the update is open already.
-    if (m_state != State::kWaitingForProgram && pcrPid != m_pcrPid)
+    const bool waits = m_state == State::kWaitingForProgram;  // with an update open
+    // A new version that leaves the clock alone leaves the stream alone.
+    const bool starts = waits || pcrPid != m_pcrPid;
+    if (starts && !waits)
         m_host.BeginPcrUpdate();
-    const bool updating = m_state == State::kWaitingForProgram || pcrPid != m_pcrPid;
     m_pcrPid = pcrPid;
     if (binding.pcrPid == kNullPid) {
-        if (m_state != State::kWaitingForProgram && updating)
+        if (starts && !waits)
             m_host.EndPcrUpdate();
         FlushCache();
         return E_FAIL;
     }
-    if (updating)
-        m_host.EndPcrUpdate();
+    if (!starts)
+        return S_OK;
+    m_host.EndPcrUpdate();
     if (m_pin.IsConnected()) {
         m_state = State::kWaitingForStart;
         m_pin.SetStartPending();
@@ -178,6 +180,8 @@ void CElementaryStream::FlushCache() {
     if (m_cache)
         m_cache->Clear();
     m_bytesOut = m_bytesIn.load();
+    m_full = false;
+    m_pin.OnRoomMade();
 }
 
 HRESULT CElementaryStream::Drop(int32_t bytes) {
@@ -285,7 +289,8 @@ bool CElementaryStream::AlignToClock(IMediaSample& sample, REFERENCE_TIME start,
         const uint32_t epoch = Epoch();
         const auto milliseconds = static_cast<uint32_t>(std::min<int64_t>((start - now) / 10'000, INT32_MAX));
         m_lock.Unlock();
-        m_host.WaitForStreamTime(start - kWakeBefore, m_pin.InterruptEvent(), milliseconds);
+        if (m_pin.MayWait())
+            m_host.WaitForStreamTime(start - kWakeBefore, m_pin.InterruptEvent(), milliseconds);
         m_lock.Lock();
         *bytes = std::min(*bytes, m_cache ? m_cache->Available() : 0);
         return epoch == Epoch() && IsActive() && *bytes > 0;
@@ -329,7 +334,7 @@ int32_t CElementaryStream::TakeDataFromCache(IMediaSample* sample, int32_t bytes
             return 0;
         }
         if (m_pin.Mode() != StreamingMode::kFile && m_pin.Media() == MediaClass::kAudio && m_pin.HasLiveClock() &&
-            m_host.IsHostRunning() && !AlignToClock(*sample, start, &bytes))
+            m_host.IsHostRunning() && m_host.HasClock() && !AlignToClock(*sample, start, &bytes))
             return 0;
     }
     uint8_t* target = nullptr;

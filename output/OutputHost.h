@@ -26,6 +26,8 @@ public:
     virtual REFERENCE_TIME CurrentStreamTime() = 0;
     virtual bool IsHostStopped() const = 0;
     virtual bool IsHostRunning() const = 0;
+    // Without a clock there is no stream time, and nothing to wait for.
+    virtual bool HasClock() const = 0;
     // The host is about to stop: whoever waits for a receiver gives up.
     virtual bool IsEnding() const = 0;
     // Filter parameter 22.
@@ -39,8 +41,9 @@ public:
     virtual HRESULT EndPcrUpdate() = 0;
     // Marks the clock of a PID; E_FAIL when there is none.
     virtual HRESULT SetPcrDiscont(int32_t pcrPid) = 0;
-    // The common start of all contents on a PCR PID; a failure means not yet. ptsOrigin in 90 kHz.
-    virtual HRESULT StartSync(int32_t pcrPid, int64_t* ptsOrigin, REFERENCE_TIME* timeOrigin) = 0;
+    // The common start of all contents on a PCR PID; a failure means not yet. queuedJumps: of the content that asks.
+    // ptsOrigin in 90 kHz.
+    virtual HRESULT StartSync(int32_t pcrPid, int32_t queuedJumps, int64_t* ptsOrigin, REFERENCE_TIME* timeOrigin) = 0;
     // Waits until stream time is at, event is set, or so many milliseconds have passed.
     virtual void WaitForStreamTime(REFERENCE_TIME at, const std::shared_ptr<CEvent>& event, uint32_t milliseconds) = 0;
 

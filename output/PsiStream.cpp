@@ -55,11 +55,13 @@ HRESULT CPSIStream::TakeSection(const TsHeader& header, std::span<const uint8_t>
 }
 
 HRESULT CPSIStream::SendData(int32_t budget, int32_t* sent, bool) {
+    const uint32_t epoch = Epoch();
     for (*sent = 0; *sent < budget; ++*sent) {
         ComPtr<IMediaSample> sample;
         {
             CScopedLock lock(&m_lock);
-            if (m_queue.empty())
+            // After a delivery that took long, what is queued may be another stream's.
+            if (m_queue.empty() || epoch != Epoch())
                 break;
             sample = std::move(m_queue.front());
             m_queue.pop_front();

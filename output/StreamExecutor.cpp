@@ -88,6 +88,7 @@ void CStreamExecutor::Reset(IEnumPIDMap* mapping) {
     {
         CScopedLock notices(&m_noticeLock);
         std::swap(commands, m_commands);
+        m_queuedJumps = 0;
         m_clockChanges.clear();
     }
     OnReset();
@@ -134,11 +135,16 @@ void CStreamExecutor::NotifyDiscontinuity(int32_t code, IEnumPIDMap* mapping) {
     try {
         if (m_commands.size() >= kMaxQueued) {
             StreamCommand& newest = m_commands.back();
+            // Of many at one place the most thorough one is enough.
+            m_queuedJumps -= newest.code == kClockDiscontinuity;
             newest.code = std::max(newest.code, code);
+            m_queuedJumps += newest.code == kClockDiscontinuity;
             last = std::exchange(newest.mapping, mapping != nullptr ? ComPtr(mapping) : newest.mapping);
             return;
         }
         m_commands.push_back({m_bytesIn, code, ComPtr(mapping)});
+        if (code == kClockDiscontinuity)
+            ++m_queuedJumps;
     } catch (const std::bad_alloc&) {
         // A notice is lost, as the data around it will be.
     }
@@ -174,6 +180,7 @@ bool CStreamExecutor::TakeCommand(StreamCommand* out, int32_t* budget) {
     }
     *out = std::move(m_commands.front());
     m_commands.pop_front();
+    m_queuedJumps -= out->code == kClockDiscontinuity;
     return true;
 }
 
@@ -204,8 +211,9 @@ bool CStreamExecutor::ProcessCommands(int32_t* budget) {
 }
 
 void CStreamExecutor::OfferPrograms() {
-    const auto tables = m_host.CurrentProgramMapTables();
+    // In this order: the tables go before the content is reset, so older ones meet an older epoch.
     const uint32_t epoch = Epoch();
+    const auto tables = m_host.CurrentProgramMapTables();
     for (const auto& [number, table] : *tables)
         SetProgram(number, table.Get(), epoch);
 }
@@ -215,7 +223,7 @@ bool CStreamExecutor::IsReadyToSend() {
     if (m_state == State::kWaitingForStart) {
         int64_t ptsOrigin = 0;
         REFERENCE_TIME timeOrigin = 0;
-        if (FAILED(m_host.StartSync(m_pcrPid, &ptsOrigin, &timeOrigin)))
+        if (FAILED(m_host.StartSync(m_pcrPid, QueuedJumps(), &ptsOrigin, &timeOrigin)))
             return false;
         m_sampleClock.Start(ptsOrigin, timeOrigin);
         m_pin.SetStartPending();
@@ -354,7 +362,8 @@ HRESULT CStreamExecutor::SendData(int32_t budget, int32_t* sent, bool startPendi
         return E_FAIL;
     {
         CScopedLock lock(&m_lock);
-        if (!IsActive())
+        // The wait for a buffer may have been long: the data may be another stream's by now.
+        if (!IsActive() || m_state != State::kStreaming)
             return S_OK;
         int32_t size = std::min<int32_t>(budget, sample->GetSize());
         const Timing timing = TakeMarks(size, startPending);

@@ -11,6 +11,7 @@
 #include <span>
 
 #include "Classes/MultiPlatform/ByteBuffer.h"
+#include "core/stream/PacketSink.h"
 #include "core/stream/PcrClocks.h"
 #include "core/stream/TsHeader.h"
 #include "output/OutputHost.h"
@@ -23,13 +24,6 @@ namespace tessel {
 // GetPcrPid of a content that is not bound to a program.
 inline constexpr int32_t kProgramUnknown = -1;
 inline constexpr int32_t kNoStream = -2;
-
-// A packet of the input, which lies there until the parser moves on.
-struct OfferedPacket {
-    const uint8_t* bytes;
-    TsHeader header;
-    AdaptationFieldHeader adaptation;
-};
 
 // Operations are called on any thread. The getters take no lock.
 class CStreamExecutor {
@@ -90,6 +84,8 @@ public:
     REFERENCE_TIME GetLatestTime() const { return m_latestTime.load(); }
     // Of the first PES packet queued, in 90 kHz; kUnknown without.
     int64_t GetFirstTimestamp() const { return m_firstTimestamp.load(); }
+    // Jumps of the clock that the output has yet to reach.
+    int32_t QueuedJumps() const { return m_queuedJumps.load(); }
     int64_t QueuedBytes() const { return m_bytesIn.load() - m_bytesOut.load(); }
 
     // Notices take a leaf lock only.
@@ -182,6 +178,7 @@ private:
 
     CCritSec m_noticeLock;
     std::deque<StreamCommand> m_commands OS_GUARDED_BY(m_noticeLock);
+    std::atomic<int32_t> m_queuedJumps{0};  // kClockDiscontinuity among the commands
     std::deque<ClockChange> m_clockChanges OS_GUARDED_BY(m_noticeLock);
 };
 

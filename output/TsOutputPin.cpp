@@ -156,8 +156,9 @@ bool CTsOutputPin::NoteMapping() {
 }
 
 void CTsOutputPin::OfferPrograms(CStreamExecutor& content) {
-    const auto tables = m_host.CurrentProgramMapTables();
+    // In this order: the tables go before the content is reset, so older ones meet an older epoch.
     const uint32_t epoch = content.Epoch();
+    const auto tables = m_host.CurrentProgramMapTables();
     for (const auto& [number, table] : *tables)
         content.SetProgram(number, table.Get(), epoch);
 }

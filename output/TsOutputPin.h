@@ -104,6 +104,7 @@ public:
     // IPacketSink
     int DeliverPacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
                       bool pidHasSectionFilter) override;
+    PacketBatch* Batch() override { return &m_offered; }
     void FlushPackets() override;
     void SignalDelivery() override;
     int DeliverSection(const TsHeader& header, std::span<const uint8_t> section) override;
@@ -133,6 +134,8 @@ public:
     void OnRoomMade() { m_room.Set(); }
     // Set when a wait on the delivery thread is to end.
     std::shared_ptr<CEvent> InterruptEvent() const { return m_interrupt; }
+    // Before such a wait: forgets what ended others. False when it would have to end at once.
+    bool MayWait();
 
     // For the filter
     ContentKind Kind() const { return m_kind.load(); }
@@ -207,9 +210,6 @@ private:
     std::atomic<bool> m_eosPending{false};
     std::atomic<bool> m_eosDelivered{false};
     std::atomic<bool> m_flushing{false};
-    // What CheckDeliveryState said last.
-    std::atomic<bool> m_deliverable{false};
-
     RALThreadPtr<CRALExecutorThread> m_thread OS_GUARDED_BY(m_pinLock);
     const std::shared_ptr<CEvent> m_event;
     const std::shared_ptr<CEvent> m_interrupt;
@@ -220,11 +220,9 @@ private:
     std::atomic<uint32_t> m_epoch{0};
     std::atomic<bool> m_threadRunning{false};  // it is awake; written under the mutex
     bool m_inTask = false;                     // under the mutex
+    std::atomic<uint32_t> m_taskEpoch{0};      // in which the task began
 
-    // The parsing thread's: packets offered and not yet added.
-    static constexpr size_t kBatch = 64;
-    std::array<OfferedPacket, kBatch> m_offered;
-    size_t m_offeredCount = 0;
+    PacketBatch m_offered;
 };
 
 }  // namespace tessel

@@ -25,8 +25,8 @@ HRESULT CTsOutputPin::CheckDeliveryState() const {
 
 void CTsOutputPin::NoteDeliverable() {
     const bool deliverable = CheckDeliveryState() == S_OK;
-    if (m_deliverable.exchange(deliverable) != deliverable)
-        m_host.OnPinDeliverableChanged(*this, deliverable);
+    m_offered.SetOpen(deliverable);
+    m_host.OnPinDeliverableChanged(*this, deliverable);
 }
 
 void CTsOutputPin::SetRuntimeError() {
@@ -36,10 +36,9 @@ void CTsOutputPin::SetRuntimeError() {
 
 int CTsOutputPin::DeliverPacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
                                 bool) {
-    if (!m_deliverable.load(std::memory_order_relaxed))
+    if (!m_offered.IsOpen())
         return 1;
-    m_offered[m_offeredCount++] = {packet, header, adaptation};
-    if (m_offeredCount == kBatch)
+    if (m_offered.Add(packet, header, adaptation))
         FlushPackets();
     return 0;
 }
@@ -75,7 +74,7 @@ CTsOutputPin::Room CTsOutputPin::MakeRoom(CStreamExecutor& content, HRESULT refu
 }
 
 void CTsOutputPin::FlushPackets() {
-    const std::span<const OfferedPacket> offered(m_offered.data(), std::exchange(m_offeredCount, 0));
+    const std::span<const OfferedPacket> offered = m_offered.Take();
     const auto content = Content();
     if (!content)
         return;
@@ -107,7 +106,7 @@ void CTsOutputPin::SignalDelivery() {
 }
 
 int CTsOutputPin::DeliverSection(const TsHeader& header, std::span<const uint8_t> section) {
-    if (!m_deliverable)
+    if (!m_offered.IsOpen())
         return 1;
     if (Kind() != ContentKind::kPsiSections || (!m_map.AllTables() && !m_map.Contains(header.Pid())))
         return 0;
@@ -182,6 +181,7 @@ uint32_t CTsOutputPin::DoOneThreadTask() {
         const std::lock_guard lock(m_taskMutex);
         m_inTask = true;
         epoch = m_epoch;
+        m_taskEpoch = epoch;
     }
     RunTask(epoch);
     const std::lock_guard lock(m_taskMutex);
@@ -231,6 +231,11 @@ bool CTsOutputPin::SendSome(CStreamExecutor& content, int32_t budget, uint32_t e
     if (budget > sent || content.GetPendingBytes(m_startPending, m_eosPending) > 0)
         m_event->Set();
     return true;
+}
+
+bool CTsOutputPin::MayWait() {
+    m_interrupt->Reset();
+    return !m_flushing && !m_host.IsEnding() && m_taskEpoch == m_epoch;
 }
 
 void CTsOutputPin::FlushDownstream() {

@@ -283,7 +283,7 @@ void CTsOutputPin::Restart() {
         std::unique_lock lock(m_taskMutex);
         m_taskChanged.wait_for(lock, kTaskWait, [this] { return !m_inTask; });
     }
-    m_offeredCount = 0;
+    m_offered.Take();
     content->ResetStreamStatus();
     m_startPending = true;
     WakeThread();

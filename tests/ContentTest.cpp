@@ -440,9 +440,6 @@ private:
     CEvent m_open{EventReset::kManual};
 };
 
-// The first program association table starts the outputs anew: with the packet that completes it, they begin.
-constexpr size_t kBeforePat = 2 * kPacketSize;
-
 TEST(BackPressure, ARecordingWaitsForAStalledReceiver) {
     SplitterGraph graph(StreamingMode::kRecording);
     TestSink& sink =
@@ -462,8 +459,8 @@ TEST(BackPressure, ARecordingWaitsForAStalledReceiver) {
     ASSERT_TRUE(sink.WaitForEnd());
     const Bytes received = sink.Bytes();
     // The last packet has no sync byte behind it.
-    EXPECT_EQ(received.size(), stream.size() - kBeforePat - kPacketSize);
-    EXPECT_TRUE(std::equal(received.begin(), received.end(), stream.begin() + kBeforePat));
+    EXPECT_EQ(received.size(), stream.size() - kPacketSize);
+    EXPECT_TRUE(std::equal(received.begin(), received.end(), stream.begin()));
     for (const ReceivedSample& sample : sink.Samples())
         EXPECT_TRUE(sample.bytes.size() % kPacketSize == 0 && sample.bytes.size() <= 75'200 && !sample.time);
 }
@@ -495,7 +492,7 @@ TEST(BackPressure, LiveDropsForAStalledReceiver) {
         const auto discontinuities =
             std::count_if(samples.begin(), samples.end(), [](const auto& sample) { return sample.discontinuity; });
         if (packets) {
-            EXPECT_TRUE(std::equal(received.begin(), received.end(), sent.begin() + kBeforePat));
+            EXPECT_TRUE(std::equal(received.begin(), received.end(), sent.begin()));
             EXPECT_EQ(discontinuities, 1);
         } else {
             EXPECT_TRUE(std::equal(received.end() - 130'000, received.end(), sent.end() - 130'000));
@@ -556,6 +553,54 @@ TEST(PsiStream, TwentySectionsWaitAndTheNextOneIsUpToTheMode) {
             EXPECT_TRUE(samples[i].syncPoint && !samples[i].time);
         }
     }
+}
+
+// A delivery thread that waits for a buffer when the stream is reset must not go on with what came later.
+TEST(Reset, ASenderThatWaitsForABufferStartsAnew) {
+    SplitterGraph graph;
+    TestSink& sink = graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {kPid}, MEDIA_TRANSPORT_PACKET);
+    std::mutex mutex;
+    ComPtr<IMediaSample> held;
+    sink.OnSample([&](IMediaSample& sample) {
+        const std::lock_guard lock(mutex);
+        if (sink.Samples().empty())
+            held = ComPtr<IMediaSample>(&sample);
+        return S_OK;
+    });
+    ASSERT_EQ(graph.Run(), S_OK);
+    ProgrammeBuilder builder({{.streams = {Video(kPid)}}});
+    const auto packets = [&builder](uint8_t number) {
+        for (int i = 0; i < 20; ++i)
+            builder.stream().Packet(kPid, Bytes(184, number));
+        return builder.Padding().Take();
+    };
+    builder.Tables();
+    ASSERT_EQ(graph.source->Push(packets(1)), S_OK);
+    ASSERT_TRUE(sink.WaitForSamples(1));
+    ASSERT_EQ(graph.source->Push(packets(2)), S_OK);
+    const auto content = graph.Pin(u"t")->Content();
+    ASSERT_TRUE(Eventually([&] { return content->QueuedBytes() >= 20 * 188; }));
+    ASSERT_EQ(graph.splitter->Reset(), S_OK);
+    EXPECT_EQ(content->QueuedBytes(), 0);
+    ASSERT_EQ(graph.source->Push(packets(3)), S_OK);
+    ASSERT_TRUE(Eventually([&] { return content->QueuedBytes() >= 20 * 188; }));
+    {
+        const std::lock_guard lock(mutex);
+        held.Reset();
+    }
+    // Without a program nothing goes out; with the tables all does.
+    builder.Tables();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(content->QueuedBytes(), 20 * 188);
+    ASSERT_EQ(graph.source->Push(packets(4)), S_OK);
+    ASSERT_EQ(graph.End(), S_OK);
+    ASSERT_TRUE(sink.WaitForEnd());
+    Bytes numbers;
+    for (const ReceivedSample& sample : sink.Samples())
+        for (size_t at = 0; at < sample.bytes.size(); at += kPacketSize)
+            if (numbers.empty() || numbers.back() != sample.bytes[at + 4])
+                numbers.push_back(sample.bytes[at + 4]);
+    EXPECT_THAT(numbers, ElementsAre(1, 3, 4));
 }
 
 TEST(Mapping, ChangesAtTheByteWhereItCame) {

@@ -261,6 +261,18 @@ TEST_F(PacketParserTest, APacketHasTheArrivalOfTheSampleThatItBeginsIn) {
     EXPECT_EQ(m_parser.CurrentArrival().position, INT64_MIN);
 }
 
+// A live source of garbage must not fill the memory with the times at which it came.
+TEST_F(PacketParserTest, GarbageTakesItsArrivalsWithIt) {
+    for (const bool detects : {true, false}) {
+        for (int i = 0; i < 3; ++i) {
+            m_parser.NoteArrival(m_parser.BytesReceived());
+            Add(Bytes(600));
+            EXPECT_EQ(detects ? m_parser.DetectPacketSize() : m_parser.ParseData(m_packets), detects ? E_ABORT : S_OK);
+            EXPECT_EQ(m_parser.CurrentArrival().time, m_parser.BytesReceived() - 600);
+        }
+    }
+}
+
 TEST(ByteBuffer, KeepsALargerBlockAndNothingElse) {
     ByteBuffer buffer;
     EXPECT_EQ(buffer.Append(Bytes{1}.data(), 1), 0);

@@ -1,6 +1,9 @@
 // The splitter in a graph: what comes out of its pins for what was pushed in.
 #include <gmock/gmock.h>
 
+#include <cstdio>
+
+#include "platform/com/MemoryStream.h"
 #include "platform/media/MediaResult.h"
 #include "tests/support/GraphFixture.h"
 #include "tests/support/ProgramBuilder.h"
@@ -58,6 +61,520 @@ TEST_P(SplitterModes, DeliversEveryByteWithItsTime) {
 
 INSTANTIATE_TEST_SUITE_P(Modes, SplitterModes, testing::Values(StreamingMode::kStream, StreamingMode::kRecording),
                          [](const auto& mode) { return mode.param == StreamingMode::kStream ? "Strm" : "Rec"; });
+
+TEST(Splitter, ANewPmtVersionChangesTheTypeAndLosesNothing) {
+    SplitterGraph graph;
+    TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kVideoPid);
+    TestSink& open = graph.AddOpen(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kAudioPid);
+    ASSERT_EQ(graph.Run(), S_OK);
+    ProgrammeBuilder builder = TwoStreams();
+    builder.Tables().Frames(30);
+    builder.stream().Packet(kVideoPid, Bytes(184, 0xEE)).Packet(kAudioPid, Bytes(184, 0xEE));
+    ASSERT_EQ(graph.source->Push(builder.Padding().Take()), S_OK);
+    ASSERT_TRUE(Eventually([&] { return open.Bytes().size() >= builder.Payload(kAudioPid).size(); }));
+    // In the middle of PES packets, the same streams with another audio type; then nothing new but the version.
+    builder.programmes()[0].pmtVersion = 1;
+    builder.programmes()[0].streams[1].streamType = 0x81;
+    builder.Tables();
+    builder.stream().Packet(kVideoPid, Bytes(184, 0xEF)).Packet(kAudioPid, Bytes(184, 0xEF));
+    builder.programmes()[0].pmtVersion = 2;
+    builder.Tables();
+    builder.stream().Packet(kVideoPid, Bytes(184, 0xF0)).Packet(kAudioPid, Bytes(184, 0xF0));
+    ASSERT_EQ(graph.source->Push(builder.Frames(30).Padding().Take()), S_OK);
+    ASSERT_EQ(graph.End(), S_OK);
+    for (TestSink* sink : {&video, &open}) {
+        ASSERT_TRUE(sink->WaitForEnd());
+        const size_t payload = builder.Payload(sink == &video ? kVideoPid : kAudioPid).size();
+        EXPECT_EQ(sink->Bytes().size(), payload + 3 * 184);
+        EXPECT_EQ(sink->Segments(), 1u);
+        const auto samples = sink->Samples();
+        const auto typed =
+            std::count_if(samples.begin(), samples.end(), [](const auto& sample) { return sample.hasType; });
+        EXPECT_EQ(typed, sink == &video ? 0 : 1);
+    }
+    CMediaType type;
+    EXPECT_EQ(graph.Pin(u"a")->CurrentMediaType(type), S_OK);
+    EXPECT_EQ(type.subtype, MEDIASUBTYPE_DOLBY_AC3);
+}
+
+TEST(SplitterLive, AudioBeginsWhenItIsDue) {
+    SplitterGraph graph(StreamingMode::kLive, MakeObject<ManualClock>());
+    TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kVideoPid);
+    TestSink& audio = graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kAudioPid);
+    // More than the test takes, since the wait has a time-out in real time.
+    ASSERT_EQ(ComPtr<IPin>(graph.Pin(u"a").get()).As<IAMPushSource>()->SetStreamOffset(kTestWait * 10'000), S_OK);
+    std::atomic<REFERENCE_TIME> begun{0};
+    audio.OnSample([&](IMediaSample&) {
+        if (begun == 0)
+            begun = graph.clock->GetPrivateTime();
+        return S_OK;
+    });
+    ASSERT_EQ(graph.Run(), S_OK);
+    const REFERENCE_TIME start = graph.clock->GetPrivateTime();
+    ProgrammeBuilder builder = TwoStreams();
+    ASSERT_EQ(graph.source->Push(builder.Tables().Frames(40).Padding().Take()), S_OK);
+    // Both start at once, and video waits for nobody.
+    ASSERT_TRUE(video.WaitForSamples(30));
+    ASSERT_TRUE(Eventually([&] { return graph.clock->Waits() == 1; }));
+    graph.clock->Advance(10'000'000);
+    EXPECT_TRUE(audio.Samples().empty());
+    graph.clock->Advance(kTestWait * 10'000);
+    ASSERT_TRUE(audio.WaitForSamples(1));
+    EXPECT_EQ(begun, start + 10'000'000 + kTestWait * 10'000);
+    EXPECT_EQ(audio.Flushes(), 1u);
+    // What comes at a stop must not wait either.
+    EXPECT_EQ(graph.graph->Stop(), S_OK);
+}
+
+TEST(Splitter, ADiscontinuityInMidPacketLosesThatPacket) {
+    SplitterGraph graph;
+    TestSink& audio = graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kAudioPid);
+    ASSERT_EQ(graph.Run(), S_OK);
+    ProgrammeBuilder builder = TwoStreams();
+    Bytes stream = builder.Tables().Frames(40).Take();
+    stream.resize(stream.size() - 88);  // the end of an audio PES packet
+    ASSERT_EQ(graph.source->Push(stream), S_OK);
+    ASSERT_EQ(graph.source->Push(builder.Frames(40).Padding().Take(), true), S_OK);
+    ASSERT_EQ(graph.End(), S_OK);
+    ASSERT_TRUE(audio.WaitForEnd());
+    constexpr size_t kTail = 2'000 - 170 - 9 * 184;
+    constexpr size_t kCut = 40 * 2'000 - kTail;
+    Bytes expected = builder.Payload(kAudioPid);
+    expected.erase(expected.begin() + kCut, expected.begin() + kCut + kTail);
+    EXPECT_TRUE(audio.Bytes() == expected);
+    std::vector<size_t> discontinuities;
+    size_t position = 0;
+    for (const ReceivedSample& sample : audio.Samples()) {
+        if (sample.discontinuity)
+            discontinuities.push_back(position);
+        position += sample.bytes.size();
+    }
+    EXPECT_THAT(discontinuities, ElementsAre(0, kCut));
+}
+
+TEST(Splitter, PausedWithoutInputItsStreamEnds) {
+    SplitterGraph graph;
+    TestSink& audio = graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kAudioPid);
+    ASSERT_EQ(graph.graph->Disconnect(&graph.source->Out()), S_OK);
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(graph.graph->Pause(), S_OK);
+        ASSERT_EQ(graph.splitter->Pause(), S_OK);
+        EXPECT_EQ(audio.Ends(), 1u);
+        FILTER_STATE state = State_Stopped;
+        EXPECT_EQ(graph.splitter->GetState(0, &state), VFW_S_CANT_CUE);
+        EXPECT_EQ(state, State_Paused);
+        EXPECT_FALSE(graph.splitter->IsStreaming());
+        ASSERT_EQ(graph.graph->Stop(), S_OK);
+        audio.Forget();
+    }
+}
+
+TEST(Splitter, AFlushThrowsAwayAndStartsAnew) {
+    SplitterGraph graph;
+    TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kVideoPid);
+    ASSERT_EQ(graph.Run(), S_OK);
+    ASSERT_EQ(graph.source->Push(TwoStreams().Tables().Frames(60).Take()), S_OK);
+    ASSERT_TRUE(video.WaitForSamples(1));
+    ASSERT_EQ(graph.source->Out().DeliverBeginFlush(), S_OK);
+    EXPECT_EQ(graph.source->Push(Bytes(188, 0x47)), S_FALSE);
+    EXPECT_EQ(graph.End(), S_FALSE) << "the end of what is thrown away";
+    video.Forget();
+    ASSERT_EQ(graph.source->Out().DeliverEndFlush(), S_OK);
+    ProgrammeBuilder builder = TwoStreams();
+    builder.SetTime(1'000'000);
+    ASSERT_EQ(graph.source->Push(builder.Tables().Frames(40).Padding().Take()), S_OK);
+    ASSERT_EQ(graph.End(), S_OK);
+    ASSERT_TRUE(video.WaitForEnd());
+    EXPECT_TRUE(video.Bytes() == builder.Payload(kVideoPid));
+    EXPECT_TRUE(video.Samples()[0].discontinuity);
+    EXPECT_EQ(video.Segments(), 1u);
+    EXPECT_EQ(video.Ends(), 1u);
+}
+
+TEST(Splitter, TheEndComesBehindWhatIsQueuedAndOnce) {
+    SplitterGraph graph;
+    TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kVideoPid);
+    CEvent open{EventReset::kManual};
+    size_t endsBefore = 0;
+    video.OnSample([&](IMediaSample&) {
+        EXPECT_TRUE(open.Wait(kTestWait)) << "waited for the end of the input";
+        endsBefore += video.Ends();
+        return S_OK;
+    });
+    ASSERT_EQ(graph.Run(), S_OK);
+    ProgrammeBuilder builder = TwoStreams();
+    ASSERT_EQ(graph.source->Push(builder.Tables().Frames(40).Padding().Take()), S_OK);
+    ASSERT_EQ(graph.End(), S_OK);
+    EXPECT_EQ(video.Ends(), 0u);
+    open.Set();
+    ASSERT_TRUE(video.WaitForEnd());
+    EXPECT_TRUE(video.Bytes() == builder.Payload(kVideoPid));
+    EXPECT_EQ(graph.graph->Stop(), S_OK);
+    EXPECT_EQ(video.Ends(), 1u);
+    EXPECT_EQ(endsBefore, 0u);
+}
+
+TEST(Splitter, AnotherTransportStreamStartsTheOutputsAnew) {
+    SplitterGraph graph;
+    TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kVideoPid);
+    TestSink& psi = graph.Add(u"p", MEDIATYPE_MPEG2_SECTIONS, GUID_NULL, {0}, MEDIA_MPEG2_PSI);
+    ASSERT_EQ(graph.Run(), S_OK);
+    ProgrammeBuilder first = TwoStreams();
+    ASSERT_EQ(graph.source->Push(first.Tables().Frames(40).Padding().Take()), S_OK);
+    ASSERT_TRUE(Eventually([&] { return video.Bytes().size() >= 39 * 20'000; }));
+    // It lists the same PID; its counters begin anew, so the first table is lost.
+    ProgrammeBuilder second({{.number = 9, .pmtPid = 0x200, .streams = {Video(kVideoPid)}}}, 2);
+    second.SetTime(5'000'000).Tables();
+    ASSERT_EQ(graph.source->Push(second.Tables().Frames(40).Padding().Take()), S_OK);
+    ASSERT_EQ(graph.End(), S_OK);
+    ASSERT_TRUE(video.WaitForEnd());
+    const Bytes received = video.Bytes();
+    const Bytes& payload = second.Payload(kVideoPid);
+    ASSERT_GE(received.size(), payload.size());
+    EXPECT_TRUE(std::equal(payload.rbegin(), payload.rend(), received.rbegin()));
+    EXPECT_EQ(video.Segments(), 2u);
+    uint32_t id = 0;
+    EXPECT_EQ(graph.splitter->GetTransportStreamId(&id), S_OK);
+    EXPECT_EQ(id, 2u);
+    ASSERT_TRUE(psi.WaitForEnd());
+    std::vector<int> announced;
+    for (const ReceivedSample& sample : psi.Samples())
+        if (sample.bytes[0] == 0)
+            announced.push_back(sample.bytes[4]);
+    EXPECT_THAT(announced, ElementsAre(1, 2));
+}
+
+// Writes down what it is told.
+class EventLog final : public CUnknown, public IDvbTableEvents2, public IDvbPidMapperEvents {
+public:
+    EventLog() : CUnknown("EventLog", nullptr) {}
+    DECLARE_IUNKNOWN
+    HRESULT NonDelegatingQueryInterface(const IID& iid, void** out) override {
+        if (iid == IDvbTableEvents2::kIid)
+            return GetInterface<IDvbTableEvents2>(this, out);
+        if (iid == IDvbPidMapperEvents::kIid)
+            return GetInterface<IDvbPidMapperEvents>(this, out);
+        return CUnknown::NonDelegatingQueryInterface(iid, out);
+    }
+    HRESULT OnServicesReady() override { return Add(events, "services"); }
+    HRESULT OnReset() override { return Add(events, "reset"); }
+    HRESULT OnTableReady(uint32_t id, uint32_t key) override { return Add(events, "ready", id, key); }
+    HRESULT OnTableStale(uint32_t id, uint32_t key) override { return Add(events, "stale", id, key); }
+    HRESULT OnPidUsed(uint32_t id, uint32_t pid) override { return Add(pids, "used", id, pid); }
+    HRESULT OnPidsReset() override { return Add(pids, "reset"); }
+
+    using Lines = std::vector<std::string>;
+    // The lines that came, once there are so many.
+    Lines Take(Lines& lines, size_t count) {
+        EXPECT_TRUE(Eventually([&] {
+            const std::lock_guard lock(m_mutex);
+            return lines.size() >= count;
+        }));
+        const std::lock_guard lock(m_mutex);
+        return std::exchange(lines, {});
+    }
+    Lines events;
+    Lines pids;
+
+private:
+    HRESULT Add(Lines& lines, const char* what) {
+        const std::lock_guard lock(m_mutex);
+        lines.emplace_back(what);
+        return E_FAIL;  // nobody cares
+    }
+    HRESULT Add(Lines& lines, const char* what, uint32_t first, uint32_t second) {
+        char text[40];
+        std::snprintf(text, sizeof(text), "%s %X %X", what, first, second);
+        return Add(lines, text);
+    }
+    std::mutex m_mutex;
+};
+
+TEST(Splitter, TellsItsSinksInOrder) {
+    SplitterGraph graph;
+    const auto log = MakeObject<EventLog>();
+    const auto silent = MakeObject<EventLog>();
+    auto* const sink = static_cast<IDvbTableEvents2*>(log.Get());
+    uint32_t cookie = 7;
+    EXPECT_EQ(graph.splitter->AdviseEvents(nullptr, &cookie), E_POINTER);
+    for (const uint32_t expected : {0u, 1u}) {
+        EXPECT_EQ(graph.splitter->AdviseEvents(static_cast<IDvbTableEvents2*>(silent.Get()), &cookie), S_OK);
+        EXPECT_EQ(cookie, expected);
+        EXPECT_EQ(graph.splitter->UnadviseEvents(cookie), S_OK);
+        EXPECT_EQ(graph.splitter->UnadviseEvents(cookie), E_INVALIDARG);
+    }
+    EXPECT_EQ(graph.splitter->AdviseEvents(sink, &cookie), S_OK);
+    EXPECT_EQ(cookie, 2u);
+    EXPECT_EQ(graph.splitter->Advise(sink, &cookie), S_OK);
+    EXPECT_EQ(cookie, 0u);
+    ASSERT_EQ(graph.Run(), S_OK);
+    const EventLog::Lines defaults = {"used 0 0", "used 42 11", "used C7 1FFB", "reset"};
+    EXPECT_EQ(log->Take(log->pids, 4), defaults);
+
+    ProgrammeBuilder builder = TwoStreams();
+    const auto names = [&builder](uint8_t version) {
+        const Bytes sdt =
+            build::Sdt({.transportStreamId = 1, .originalNetworkId = 3, .services = {{1}}}, {.version = version});
+        builder.stream().Section(0x11, sdt).Section(0x11, build::ShortSection(0xFE, {}));
+        return builder.Padding().Take();
+    };
+    ASSERT_EQ(graph.source->Push(builder.Tables().Padding().Take()), S_OK);
+    EXPECT_THAT(log->Take(log->events, 2), ElementsAre("ready 0 1", "ready 2 1"));
+    EXPECT_THAT(log->Take(log->pids, 3), ElementsAre("used 42 11", "used C7 1FFB", "used 2 100"));
+    ASSERT_EQ(graph.source->Push(names(0)), S_OK);
+    EXPECT_THAT(log->Take(log->events, 2), ElementsAre("ready 42 30001", "services"));
+    EXPECT_EQ(graph.splitter->IsServiceInformationComplete(), S_OK);
+    builder.programmes()[0].pmtVersion = 1;
+    builder.Tables();
+    ASSERT_EQ(graph.source->Push(names(1)), S_OK);
+    EXPECT_THAT(log->Take(log->events, 4), ElementsAre("stale 2 1", "ready 2 1", "stale 42 30001", "ready 42 30001"));
+
+    ComPtr<IDvbTable> table;
+    const std::pair<uint32_t, HRESULT> answers[] = {
+        {0x00, S_OK}, {0x02, S_OK}, {0x42, S_OK}, {0xC7, E_NOINTERFACE}, {0x40, E_NOTIMPL}};
+    for (const auto& [id, result] : answers)
+        EXPECT_EQ(graph.splitter->GetTable(id, table.Put()), result) << id;
+    EXPECT_EQ(graph.splitter->GetTable(0, nullptr), E_POINTER);
+    ComPtr<IDvbProgramMapTable> program;
+    EXPECT_EQ(graph.splitter->GetProgramMapTable(1, program.Put()), S_OK);
+    EXPECT_TRUE(FAILED(graph.splitter->GetProgramMapTable(2, program.Put())));
+    EXPECT_EQ(graph.splitter->GetProgramMapTable(1, nullptr), E_POINTER);
+
+    EXPECT_EQ(graph.splitter->Reset(), S_OK);
+    EXPECT_THAT(log->Take(log->events, 1), ElementsAre("reset"));
+    EXPECT_EQ(log->Take(log->pids, 4), defaults);
+    EXPECT_EQ(graph.splitter->GetTable(0, table.Put()), E_NOINTERFACE);
+    EXPECT_EQ(graph.graph->Stop(), S_OK);
+    EXPECT_TRUE(silent->events.empty());
+}
+
+TEST(Splitter, PinsComeAndGo) {
+    SplitterGraph graph;
+    EXPECT_EQ(graph.splitter->GetPinCount(), 3);
+    ASSERT_TRUE(graph.Pin(u"PSIOut") && graph.Pin(u"Output1"));
+    const auto sink = MakeObject<TestSink>();
+    ASSERT_EQ(graph.graph->AddFilter(sink.Get(), nullptr), S_OK);
+    ASSERT_EQ(graph.graph->ConnectDirect(graph.Pin(u"PSIOut").get(), &sink->In(), nullptr), S_OK);
+    EXPECT_EQ(graph.splitter->GetPinCount(), 3);
+    const auto other = MakeObject<TestSink>();
+    ASSERT_EQ(graph.graph->AddFilter(other.Get(), nullptr), S_OK);
+    ASSERT_EQ(graph.graph->ConnectDirect(graph.Pin(u"Output1").get(), &other->In(), nullptr), S_OK);
+    EXPECT_TRUE(graph.Pin(u"Output2")) << "one is always free";
+
+    ComPtr<IPin> pin;
+    AM_MEDIA_TYPE unknown = MakeMediaType(MEDIATYPE_Video, GUID_NULL);
+    AM_MEDIA_TYPE video = MakeMediaType(MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO);
+    const auto& demultiplexer = graph.demultiplexer;
+    EXPECT_EQ(demultiplexer->CreateOutputPin(nullptr, nullptr, pin.Put()), E_POINTER);
+    EXPECT_EQ(demultiplexer->CreateOutputPin(nullptr, u"x", nullptr), E_POINTER);
+    EXPECT_EQ(demultiplexer->CreateOutputPin(nullptr, std::u16string(50, u'x').c_str(), pin.Put()), E_INVALIDARG);
+    EXPECT_EQ(demultiplexer->CreateOutputPin(nullptr, u"Output1", pin.Put()), VFW_E_DUPLICATE_NAME);
+    EXPECT_EQ(demultiplexer->CreateOutputPin(&unknown, u"x", pin.Put()), VFW_E_TYPE_NOT_ACCEPTED);
+    EXPECT_FALSE(graph.Pin(u"x"));
+    for (char16_t name[] = u"a"; graph.splitter->GetPinCount() < 11; ++name[0])
+        EXPECT_EQ(demultiplexer->CreateOutputPin(&video, name, pin.Put()), S_OK);
+    EXPECT_EQ(demultiplexer->CreateOutputPin(&video, u"x", pin.Put()), E_FAIL);
+    EXPECT_EQ(demultiplexer->DeleteOutputPin(u"x"), E_FAIL);
+    EXPECT_EQ(demultiplexer->DeleteOutputPin(nullptr), E_POINTER);
+    EXPECT_EQ(demultiplexer->SetOutputPinMediaType(u"x", &video), E_FAIL);
+    EXPECT_EQ(demultiplexer->SetOutputPinMediaType(u"a", &video), S_FALSE);
+    ASSERT_EQ(graph.Run(), S_OK);
+    EXPECT_EQ(demultiplexer->DeleteOutputPin(u"Output1"), S_OK);
+    EXPECT_FALSE(graph.Pin(u"Output1"));
+    ASSERT_EQ(graph.source->Push(TwoStreams().Tables().Frames(10).Take()), S_OK);
+    EXPECT_EQ(graph.End(), S_OK);
+    EXPECT_TRUE(sink->WaitForEnd());
+}
+
+TEST(Splitter, OnlyLiveOnesAreAClock) {
+    for (const StreamingMode mode : {StreamingMode::kLive, StreamingMode::kStream, StreamingMode::kRecording}) {
+        SplitterGraph graph(mode);
+        const ComPtr<IBaseFilter> filter(graph.splitter.Get());
+        EXPECT_EQ(static_cast<bool>(filter.As<IReferenceClock>()), mode == StreamingMode::kLive);
+        EXPECT_EQ(static_cast<bool>(ComPtr<IPin>(graph.Pin(u"Output1").get()).As<IAMPushSource>()),
+                  mode == StreamingMode::kLive);
+    }
+}
+
+enum class Jump { kWrap, kForward, kBackward };
+using JumpCase = std::tuple<StreamingMode, Jump>;
+
+class SplitterJumps : public testing::TestWithParam<JumpCase> {};
+
+// Whatever the PCR does, no byte is lost, and sample times go on.
+TEST_P(SplitterJumps, TimesGoOn) {
+    constexpr int kFrames = 100;
+    constexpr int kJumpAt = 45;
+    constexpr int64_t kStep = 400'000;
+    // Live, frames are due about 17 of them after they came.
+    constexpr int kSlack = 24;
+    const auto [mode, jump] = GetParam();
+    const bool live = mode == StreamingMode::kLive;
+    SplitterGraph graph(mode, live ? MakeObject<ManualClock>() : ComPtr<ManualClock>());
+    TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kVideoPid);
+    TestSink& audio = graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kAudioPid);
+    ASSERT_EQ(graph.Run(), S_OK);
+    ProgrammeBuilder builder = TwoStreams();
+    constexpr int64_t kBefore = (int64_t{1} << 33) - kJumpAt * ProgrammeBuilder::kFrame;
+    builder.SetTime(kBefore).Tables();
+    for (int i = 0; i < kFrames; ++i) {
+        if (i == kJumpAt && jump != Jump::kWrap)
+            builder.SetTime(jump == Jump::kForward ? kBefore + 20'000'000 : 50'000'000);
+        ASSERT_EQ(graph.source->Push(builder.Frames(1).Take()), S_OK);
+        if (!live)
+            continue;
+        graph.clock->Advance(kStep);
+        // Audio that starts waits for its time; that time must not pass before it does.
+        const size_t waits = i >= kJumpAt + 10 ? 2 : i >= 10 ? 1 : 0;
+        ASSERT_TRUE(Eventually([&] { return graph.clock->Waits() >= waits; }));
+        ASSERT_TRUE(i < kSlack || audio.WaitForSamples(static_cast<size_t>(i - kSlack))) << i;
+    }
+    ASSERT_EQ(graph.source->Push(builder.Padding().Take()), S_OK);
+    ASSERT_EQ(graph.End(), S_OK);
+    for (TestSink* sink : {&video, &audio}) {
+        ASSERT_TRUE(sink->WaitForEnd());
+        EXPECT_TRUE(sink->Bytes() == builder.Payload(sink == &video ? kVideoPid : kAudioPid));
+        EXPECT_EQ(sink->Segments(), 2u);
+        // Only audio is aligned to a clock, and only to one that is there.
+        EXPECT_EQ(sink->Flushes(), live && sink == &audio ? 2u : 0u);
+        const auto times = sink->Times();
+        ASSERT_EQ(times.size(), size_t{kFrames});
+        EXPECT_NEAR(static_cast<double>(times[0]),
+                    live                             ? 7'000'000
+                    : mode == StreamingMode::kStream ? 200'000
+                                                     : 0,
+                    20'000);
+        for (size_t i = 1; i < times.size(); ++i) {
+            // Recorded, the new start takes the time that has been reached.
+            const int64_t step = i == kJumpAt && !live ? 0 : kStep;
+            EXPECT_NEAR(static_cast<double>(times[i] - times[i - 1]), static_cast<double>(step), 20'000) << i;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, SplitterJumps,
+                         testing::Combine(testing::Values(StreamingMode::kLive, StreamingMode::kStream,
+                                                          StreamingMode::kRecording),
+                                          testing::Values(Jump::kWrap, Jump::kForward, Jump::kBackward)));
+
+// The filter's saved state, without the header's 24 bytes when asked for.
+Bytes Save(CTsSplitter& splitter) {
+    const auto stream = MakeObject<CMemoryStream>();
+    EXPECT_EQ(splitter.Save(stream.Get(), 1), S_OK);
+    return {stream->Bytes().begin(), stream->Bytes().end()};
+}
+
+HRESULT Load(CTsSplitter& splitter, const Bytes& bytes) {
+    const auto stream = MakeObject<CMemoryStream>();
+    ULONG written = 0;
+    EXPECT_EQ(stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), &written), S_OK);
+    EXPECT_EQ(stream->Seek(0, STREAM_SEEK_SET, nullptr), S_OK);
+    return splitter.Load(stream.Get());
+}
+
+Bytes Number(uint32_t value) {
+    return {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value >> 16),
+            static_cast<uint8_t>(value >> 24)};
+}
+
+TEST(SavedState, ComesBackOrIsRefused) {
+    SplitterGraph saved;
+    const std::u16string longName(49, u'n');
+    ComPtr<IPin> handle;
+    ASSERT_EQ(saved.demultiplexer->CreateOutputPin(nullptr, longName.c_str(), handle.Put()), S_OK);
+    const ULONG pids[] = {0x101, 0x100, ALL_PIDS};
+    ASSERT_EQ(saved.Pin(u"Output1")->MapPID(2, pids, MEDIA_TRANSPORT_PACKET), S_OK);
+    ASSERT_EQ(saved.Pin(longName.c_str())->MapPID(1, pids, MEDIA_ELEMENTARY_STREAM), S_OK);
+    EXPECT_EQ(saved.splitter->IsDirty(), S_OK);
+    const Bytes state = Save(*saved.splitter);
+    EXPECT_EQ(saved.splitter->IsDirty(), S_FALSE);
+    uint64_t most = 0;
+    EXPECT_EQ(saved.splitter->GetSizeMax(&most), S_OK);
+    EXPECT_EQ(most, 24u + 100 + 12 + 16 + 12);
+
+    SplitterGraph loaded;
+    const ULONG other = 0x55;
+    ASSERT_EQ(loaded.Pin(u"Output1")->MapPID(1, &other, MEDIA_ELEMENTARY_STREAM), S_OK);
+    EXPECT_EQ(Load(*loaded.splitter, state), S_OK);
+    EXPECT_EQ(Save(*loaded.splitter), state);
+    EXPECT_EQ(loaded.Pin(u"PSIOut")->Map().Entries(), std::vector<ULONG>{ALL_TABLES});
+    EXPECT_EQ(loaded.Pin(u"Output1")->Map().Entries(), (std::vector<ULONG>{0x100, 0x101}));
+    EXPECT_EQ(loaded.Pin(longName.c_str())->Kind(), ContentKind::kElementaryStream);
+
+    for (size_t size = 1; size < state.size(); ++size)
+        EXPECT_TRUE(FAILED(Load(*loaded.splitter, Bytes(state.begin(), state.begin() + static_cast<ptrdiff_t>(size)))))
+            << size;
+    const Bytes header(state.begin(), state.begin() + 24);
+    Bytes six = state;
+    six[20] = '6';
+    const Bytes name = build::Join({Number(4), {'x', 0, 0, 0}});
+    const Bytes unended = build::Join({Number(4), {'y', 0, 'y', 0}});
+    struct {
+        const char* what;
+        Bytes bytes;
+        HRESULT result;
+    } const cases[] = {
+        {"version 6", six, E_FAIL},
+        {"eleven pins", build::Join({header, Number(11), state}), E_FAIL},
+        {"a long name", build::Join({header, Number(1), Number(102), Bytes(102, 'x'), Number(0), Number(0)}), E_FAIL},
+        {"a name without its zero", build::Join({header, Number(1), unended, Number(0), Number(0)}), S_OK},
+        {"no such content", build::Join({header, Number(1), name, Number(4), Number(1), Number(0x20)}), E_FAIL},
+        {"no such content, no entry", build::Join({header, Number(1), name, Number(4), Number(0)}), S_OK},
+        {"two streams", build::Join({header, Number(1), name, Number(2), Number(2), Number(0x20), Number(0x21)}),
+         E_FAIL},
+        {"more entries than there are", build::Join({header, Number(1), name, Number(1), Number(0xFFFFFFFF)}), E_FAIL},
+        {"no pins", build::Join({header, Number(0)}), S_OK},
+    };
+    for (const auto& [what, bytes, result] : cases)
+        EXPECT_EQ(Load(*loaded.splitter, bytes), result) << what;
+    EXPECT_TRUE(loaded.Pin(u"yy"));
+}
+
+TEST(ServiceSelection, CountsTheServicesThatHavePackets) {
+    SplitterGraph graph;
+    EXPECT_EQ(graph.splitter->SetParam(kParamSelectService, 0), E_FAIL);
+    graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, 0x1000);
+    graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_DOLBY_AC3, 0x1001);
+    ASSERT_EQ(graph.Run(), S_OK);
+    const auto german = build::Language("ger", 0);
+    const auto comment = build::Language("ger", 3);
+    const auto audio = [](uint16_t pid, uint8_t type, build::Descriptors descriptors) {
+        build::ElementaryStream stream = Audio(pid, 200, type);
+        stream.descriptors = std::move(descriptors);
+        return stream;
+    };
+    ProgrammeBuilder builder(
+        {{.number = 1, .pmtPid = 0x100, .pcrPid = 0x101, .streams = {Video(0x111), Audio(0x112)}},
+         {.number = 2, .pmtPid = 0x200, .pcrPid = 0x201, .streams = {Video(0x211)}},
+         // Neither video that the pin takes nor audio, but packets.
+         {.number = 3, .pmtPid = 0x300, .pcrPid = 0x301, .streams = {Video(0x311, 100, 0x1B), audio(0x312, 0x06, {})}},
+         {.number = 4,
+          .pmtPid = 0x400,
+          .pcrPid = 0x401,
+          .streams = {Video(0x411, 100, 0x1B), Video(0x412, 100, 0x01), audio(0x413, 0x03, {german}),
+                      audio(0x414, 0x81, {}), audio(0x415, 0x06, {build::Ac3(), comment}),
+                      audio(0x416, 0x81, {comment})}}});
+    builder.Tables();
+    builder.programmes()[1].streams.clear();  // listed, and not sent
+    ASSERT_EQ(graph.source->Push(builder.Frames(3).Padding().Take()), S_OK);
+    ASSERT_TRUE(Eventually([&] { return graph.splitter->PidStatus().IsPresent(0x416); }));
+    ASSERT_EQ(graph.End(), S_OK);
+    struct {
+        uint32_t index;
+        HRESULT result;
+        ULONG video;
+        ULONG audio;
+    } const cases[] = {{0, S_OK, 0x111, 0x112},
+                       {1, S_OK, 0x412, 0x415},
+                       {2, S_OK, 0x412, 0x415},
+                       {3, E_FAIL, 0x412, 0x415},
+                       {0, S_OK, 0x111, 0x112}};
+    for (const auto& [index, result, videoPid, audioPid] : cases) {
+        EXPECT_EQ(graph.splitter->SetParam(kParamSelectService, index), result);
+        EXPECT_EQ(graph.Pin(u"v")->Map().Entries(), std::vector<ULONG>{videoPid});
+        EXPECT_EQ(graph.Pin(u"a")->Map().Entries(), std::vector<ULONG>{audioPid});
+    }
+}
 
 }  // namespace
 }  // namespace tessel

@@ -93,6 +93,7 @@ HRESULT PacketParser::DetectPacketSize() {
         }
         Consume(skipped + 1);
     }
+    TakeArrivals();
     return E_ABORT;
 }
 

@@ -124,6 +124,8 @@ HRESULT PacketParser::ParseData(Handler& handler) {
         if (step == ParserStep::kPause)
             return kParsePaused;
     }
+    // Those of bytes that were no packets go too.
+    TakeArrivals();
     return S_OK;
 }
 

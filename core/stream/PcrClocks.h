@@ -37,6 +37,15 @@ struct PcrClock {
     int32_t pcrDelta = 0;
     int32_t byteDelta = 1;
     int32_t discontinuityPending = 0;  // until the next PCR anchors the clock anew
+
+    // The start of outputs that were so far behind that the clock had jumped on: behind which jump they were, the PTS
+    // (90 kHz) and its time.
+    struct PastStart {
+        int32_t jump = -1;
+        int64_t pts = 0;
+        int64_t time = 0;
+    };
+    PastStart pastStart = {};
 };
 
 // What the clocks need of the filter. The notices come without the PCR lock, so an output may call back;

@@ -7,7 +7,7 @@ class Elementary:
     """One PID: the payload of its PES packets, and where in it each begins, with its time stamp."""
 
     def __init__(self, pid):
-        self.pid, self.counter, self.held, self.known_from = pid, None, 0, 0
+        self.pid, self.counter, self.held = pid, None, 0
         self.parts, self.size = [], 0
         self.starts = []  # (offset, DTS or PTS or None)
 
@@ -38,8 +38,8 @@ class Elementary:
 
     @property
     def first(self):
-        """Where the PES begins that is the first to have a time stamp once the transport stream is known."""
-        return next(at for at, _ in self.stamped if at >= self.known_from)
+        """Where the PES begins that is the first to have a time stamp."""
+        return self.stamped[0][0]
 
 
 def time_stamp(pes):
@@ -52,19 +52,10 @@ def time_stamp(pes):
 
 
 def elementary_streams(data, pids):
-    """The elementary streams of these PIDs by PID.
-
-    held: what of each lies in the last packet of the input. known_from: how much of each came before the
-    transport stream was known by its first program association section, which is whole when the second begins.
-    """
+    """The elementary streams of these PIDs by PID. held: what of each lies in the last packet of the input."""
     found = {pid: Elementary(pid) for pid in pids}
-    associations = 0
     for at in range(0, len(data), PACKET):
         pid = (data[at + 1] & 0x1F) << 8 | data[at + 2]
-        if pid == 0 and data[at + 1] & 0x40:
-            associations += 1
-            for stream in found.values() if associations == 2 else ():
-                stream.known_from = stream.size
         stream = found.get(pid)
         if stream is not None and data[at + 3] & 0x10:
             length = stream.packet(data[at:at + PACKET])

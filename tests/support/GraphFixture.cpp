@@ -207,15 +207,19 @@ SplitterGraph::~SplitterGraph() {
 
 TestSink& SplitterGraph::Add(const OLECHAR* name, const GUID& major, const GUID& sub, std::vector<ULONG> pids,
                              MEDIA_SAMPLE_CONTENT content) {
+    return AddTo(name, major, sub, std::move(pids), content, MakeObject<TestSink>(major, sub));
+}
+
+TestSink& SplitterGraph::AddTo(const OLECHAR* name, const GUID& major, const GUID& sub, std::vector<ULONG> pids,
+                               MEDIA_SAMPLE_CONTENT content, ComPtr<TestSink> sink) {
     AM_MEDIA_TYPE type = MakeMediaType(major, sub);
     ComPtr<IPin> pin;
     EXPECT_EQ(demultiplexer->CreateOutputPin(&type, name, pin.Put()), S_OK);
     EXPECT_EQ(pin.As<IMPEG2PIDMap>()->MapPID(static_cast<ULONG>(pids.size()), pids.data(), content), S_OK);
-    m_sinks.push_back(MakeObject<TestSink>(major, sub));
-    TestSink& sink = *m_sinks.back().Get();
-    EXPECT_EQ(graph->AddFilter(&sink, nullptr), S_OK);
-    EXPECT_EQ(graph->ConnectDirect(pin.Get(), &sink.In(), nullptr), S_OK);
-    return sink;
+    EXPECT_EQ(graph->AddFilter(sink.Get(), nullptr), S_OK);
+    EXPECT_EQ(graph->ConnectDirect(pin.Get(), &sink->In(), &type), S_OK);
+    m_sinks.push_back(std::move(sink));
+    return *m_sinks.back().Get();
 }
 
 OutputPinPtr SplitterGraph::Pin(const OLECHAR* name) {

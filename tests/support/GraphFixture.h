@@ -40,12 +40,19 @@ public:
     ~ManualClock() override { StopAdvising(); }
 
     REFERENCE_TIME GetPrivateTime() override { return m_now; }
+    HRESULT AdviseTime(REFERENCE_TIME base, REFERENCE_TIME time, HEVENT event, DWORD_PTR* cookie) override {
+        ++m_waits;
+        return CBaseReferenceClock::AdviseTime(base, time, event, cookie);
+    }
+    // How often somebody has waited for a time.
+    size_t Waits() const { return m_waits; }
     void Advance(REFERENCE_TIME by) {
         m_now += by;
         TriggerThread();
     }
 
 private:
+    std::atomic<size_t> m_waits{0};
     std::atomic<REFERENCE_TIME> m_now{10'000'000'000};
 };
 
@@ -134,6 +141,10 @@ public:
     TestSink& AddStream(const OLECHAR* name, const GUID& major, const GUID& sub, ULONG pid) {
         return Add(name, major, sub, {pid}, MEDIA_ELEMENTARY_STREAM);
     }
+    // As AddStream, with a sink that takes every type.
+    TestSink& AddOpen(const OLECHAR* name, const GUID& major, const GUID& sub, ULONG pid) {
+        return AddTo(name, major, sub, {pid}, MEDIA_ELEMENTARY_STREAM, MakeObject<TestSink>());
+    }
     OutputPinPtr Pin(const OLECHAR* name);
     // With a clock, stream time is 0 then.
     HRESULT Run();
@@ -146,6 +157,9 @@ public:
     ComPtr<IMpeg2Demultiplexer> demultiplexer;
 
 private:
+    TestSink& AddTo(const OLECHAR* name, const GUID& major, const GUID& sub, std::vector<ULONG> pids,
+                    MEDIA_SAMPLE_CONTENT content, ComPtr<TestSink> sink);
+
     std::vector<ComPtr<TestSink>> m_sinks;
 };
 

@@ -74,9 +74,6 @@ void PacketMeter::Note(const uint8_t* packet) {
             }
         }
     }
-    // An output starts when the first association table is complete, which the next one shows.
-    if (header.Pid() == 0 && header.PayloadUnitStartIndicator() && ++m_associations == 2)
-        BeginAgain();
     ++counts.packets;
     if (adaptation.DiscontinuityIndicator())
         counts.lastCounter = -1;
@@ -100,13 +97,6 @@ void PacketMeter::CountPayload(PidCounts& counts, const TsHeader& header, std::s
         skip = std::min(static_cast<size_t>(pes.size), payload.size());
     }
     counts.payload += static_cast<int64_t>(payload.size() - skip);
-}
-
-void PacketMeter::BeginAgain() {
-    for (PidCounts& counts : m_pids) {
-        counts.packets = counts.payload = 0;
-        counts.timed = false;
-    }
 }
 
 }  // namespace tessel::tool

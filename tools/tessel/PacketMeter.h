@@ -46,13 +46,11 @@ private:
     ParserStep ParsePacket(const uint8_t* packet) { return Note(packet), ParserStep::kGoOn; }
     void Note(const uint8_t* packet);
     void CountPayload(PidCounts& counts, const TsHeader& header, std::span<const uint8_t> payload);
-    void BeginAgain();
     void Parse();
 
     PacketParser m_parser{kCapacity};
     bool m_resyncPending = true;
     bool m_foundPackets = false;
-    int m_associations = 0;
     std::optional<uint32_t> m_pcrPid;
     std::optional<Pcr> m_lastPcr;
     std::vector<PidCounts> m_pids;

@@ -62,7 +62,7 @@ void CPropPagePIDmapping::OnCommand(uint32_t id, uint32_t what) {
     if (id == kPinChoice && what == CBN_SELCHANGE) {
         const auto chosen = Dialog().SelectedRows(kPinChoice);
         ChoosePin(chosen.empty() ? std::u16string() : Dialog().CellText(kPinChoice, chosen[0], 0));
-    } else if (id == kContent && what == CBN_SELCHANGE) {
+    } else if ((id == kContent && what == CBN_SELCHANGE) || (id == kPinName && what == EN_CHANGE)) {
         FillPids();
     } else if (id == kPid && what == EN_CHANGE) {
         m_pidTyped = !Trimmed(Dialog().Text(kPid)).empty();
@@ -131,7 +131,7 @@ MEDIA_SAMPLE_CONTENT CPropPagePIDmapping::Content() {
 void CPropPagePIDmapping::FillPids() {
     const auto pin = FindPin(m_pin);
     m_pids = pin ? pin->Mapped() : std::set<uint32_t>();
-    ShowContent(pin);
+    ShowContent();
     const auto texts = PidTexts();
     Dialog().ClearRows(kMappedPids);
     for (const uint32_t pid : m_pids) {
@@ -142,10 +142,16 @@ void CPropPagePIDmapping::FillPids() {
     UpdateButtons();
 }
 
-void CPropPagePIDmapping::ShowContent(const std::optional<OutputPin>& pin) {
+std::u16string CPropPagePIDmapping::PinNameToMapOn() {
+    const std::u16string typed(Trimmed(Dialog().Text(kPinName)));
+    return typed.empty() ? m_pin : typed;
+}
+
+void CPropPagePIDmapping::ShowContent() {
     // What a pin in use delivers is not the user's to choose.
+    const auto pin = FindPin(PinNameToMapOn());
     const uint32_t kind = pin ? pin->Kind() : 0;
-    const bool fixed = kind != 0 && (!m_pids.empty() || pin->IsConnected());
+    const bool fixed = kind != 0 && (pin->IsConnected() || !pin->Mapped().empty());
     if (fixed)
         Dialog().SelectRow(kContent, static_cast<int32_t>(kind) - 1);
     Dialog().Enable(kContent, !fixed);
@@ -205,17 +211,17 @@ std::optional<std::vector<ULONG>> CPropPagePIDmapping::PidsToMap() {
 }
 
 std::optional<OutputPin> CPropPagePIDmapping::PinToMapOn(bool* created) {
-    const std::u16string typed(Trimmed(Dialog().Text(kPinName)));
-    if (auto pin = FindPin(typed.empty() ? m_pin : typed))
+    const std::u16string name = PinNameToMapOn();
+    if (auto pin = FindPin(name))
         return pin;
-    if (typed.empty()) {
-        Dialog().MessageBox(u"There is no output pin.");
+    if (Trimmed(Dialog().Text(kPinName)).empty()) {
+        Dialog().MessageBox(u"The chosen pin is not there any more.");
         return std::nullopt;
     }
     HRESULT result = S_OK;
-    auto pin = m_filter.CreatePin(typed, &result);
+    auto pin = m_filter.CreatePin(name, &result);
     if (!pin)
-        Dialog().MessageBox(u"Pin '" + typed + u"' could not be made (" + ResultText(result) + u").");
+        Dialog().MessageBox(u"Pin '" + name + u"' could not be made (" + ResultText(result) + u").");
     *created = pin.has_value();
     return pin;
 }
@@ -228,20 +234,19 @@ void CPropPagePIDmapping::Map() {
         return;
     const HRESULT result = pin->Map(*pids, Content());
     if (FAILED(result)) {
-        const auto content = Dialog().SelectedRows(kContent);
-        Dialog().MessageBox(u"Pin '" + pin->name + u"' does not take the PIDs as " +
-                            Dialog().CellText(kContent, content.empty() ? -1 : content[0], 0) + u" (" +
-                            ResultText(result) + u").");
+        const std::u16string content = Dialog().CellText(kContent, Dialog().FindRow(kContent, Content()), 0);
         if (created)
             m_filter.demultiplexer->DeleteOutputPin(pin->name.c_str());
-    } else {
-        m_pin = pin->name;
-        m_pidTyped = false;
-        Dialog().SetText(kPid, {});
-        Dialog().SetText(kPinName, {});
-        SetDirty();
+        Refill();
+        return Dialog().MessageBox(u"Pin '" + pin->name + u"' does not take the PIDs as " + content + u" (" +
+                                   ResultText(result) + u").");
     }
+    m_pin = pin->name;
+    m_pidTyped = false;
+    Dialog().SetText(kPid, {});
+    Dialog().SetText(kPinName, {});
     Refill();
+    SetDirty();
 }
 
 void CPropPagePIDmapping::Unmap() {

@@ -31,12 +31,14 @@ private:
     void ChoosePin(const std::u16string& name);
     void FillPids();
     void FillFreePids(MEDIA_SAMPLE_CONTENT content, const std::map<ULONG, std::u16string>& texts);
-    void ShowContent(const std::optional<page::OutputPin>& pin);
+    void ShowContent();
     // What the tables say of PIDs.
     std::map<ULONG, std::u16string> PidTexts();
     // None after the user was told why.
     std::optional<std::vector<ULONG>> PidsToMap();
     std::optional<page::OutputPin> PinToMapOn(bool* created);
+    // The one that was typed, else the chosen one.
+    std::u16string PinNameToMapOn();
     std::optional<page::OutputPin> FindPin(const std::u16string& name);
     MEDIA_SAMPLE_CONTENT Content();
     void Map();

@@ -92,7 +92,8 @@ void CTablePage::OnCommand(uint32_t id, uint32_t what) {
         Refresh();
     } else if (id == kReset) {
         m_filter.information->Reset();
-        Refresh();
+        if (IsActive())  // the filter has told its clients
+            Refresh();
     } else if (id == kTableMap) {
         OnMap();
     }

@@ -78,7 +78,11 @@ public:
 
     void OnDialogCreated(IDialog* made) override { dialog = ComPtr<IDialog>(made); }
     void OnControlChanged(int32_t id) override { changed.push_back(id); }
-    void OnMessageBox(const OLECHAR* text) override { messages.push_back(Narrow(text)); }
+    void OnMessageBox(const OLECHAR* text) override {
+        messages.push_back(Narrow(text));
+        if (leaveWhenTold)
+            page->Deactivate();
+    }
     void OnDialogDestroyed() override { destroyed = true; }
 
     ControlState State(int32_t id) const {
@@ -120,6 +124,7 @@ public:
     std::vector<int32_t> changed;
     std::vector<std::string> messages;
     bool destroyed = false;
+    bool leaveWhenTold = false;
 };
 
 build::SdtService Named(uint16_t id, const char* provider, const char* name) {
@@ -369,6 +374,10 @@ TEST_F(Pages, PidMapMapsAndUnmapsAtOnce) {
     EXPECT_EQ(frame.RowsOf(kMappedPids), (Rows{{"All Tables", ""}}));
     EXPECT_FALSE(frame.Enabled(kContent)) << "the pin delivers sections";
     EXPECT_EQ(frame.State(kContent).selected, 2);
+    ASSERT_EQ(frame.dialog->TypeText(kPinName, u"another"), S_OK);
+    EXPECT_TRUE(frame.Enabled(kContent));
+    ASSERT_EQ(frame.dialog->TypeText(kPinName, u""), S_OK);
+    EXPECT_FALSE(frame.Enabled(kContent));
 
     ASSERT_EQ(frame.Select(kPinChoice, "Output1"), S_OK);
     ASSERT_EQ(frame.Select(kContent, "Transport packets"), S_OK);
@@ -468,6 +477,22 @@ TEST_F(Pages, PidMapMakesThePinThatIsNamed) {
     EXPECT_THAT(frame.messages, ElementsAre(HasSubstr("does not take"), HasSubstr("does not take"),
                                             HasSubstr("could not be made (80070057)")));
     EXPECT_EQ(frame.site->dirty, 1);
+}
+
+TEST_F(Pages, APageMayGoWhileItTellsSomething) {
+    for (const OLECHAR* name : {u"", u"another"}) {  // nothing to map; a pin made for nothing
+        Frame frame(CreatePropPagePIDmapping, Filter());
+        frame.leaveWhenTold = true;
+        ASSERT_EQ(frame.Select(kPinChoice, "Output1"), S_OK);
+        ASSERT_EQ(frame.Select(kContent, "Elementary stream"), S_OK);
+        ASSERT_EQ(frame.dialog->TypeText(kPinName, name), S_OK);
+        ASSERT_EQ(frame.dialog->TypeText(kPid, *name == 0 ? u"?" : u"5"), S_OK);
+        EXPECT_EQ(frame.dialog->Click(kMap), S_OK);
+        EXPECT_EQ(frame.messages.size(), 1u);
+        EXPECT_TRUE(frame.destroyed);
+        EXPECT_EQ(frame.dialog->Click(kMap), E_UNEXPECTED);
+        EXPECT_EQ(graph.Pin(u"another"), nullptr);
+    }
 }
 
 TEST_F(Pages, OutputPinsShowWhatIsFoundAndMapped) {

@@ -42,7 +42,8 @@ protected:
     // Only while there is one.
     CDialogWindow& Dialog() { return *m_dialog; }
     bool IsActive() const { return static_cast<bool>(m_dialog); }
-    // Something was changed: the site hears of it.
+    // Something was changed: the site hears of it, and may deactivate the page, as a parent may in MessageBox. So
+    // either comes last in what a page does about a message.
     void SetDirty();
     // From any thread; false when the queue is full. The message comes to OnReceiveMessage when the dialog's owner
     // pumps.

@@ -33,11 +33,6 @@
 
 namespace tessel {
 
-// Filter parameters: the priority of the working threads while they work, and the choice of a service by its
-// number among those that have packets.
-inline constexpr uint32_t kParamWorkerPriority = 22;
-inline constexpr uint32_t kParamSelectService = 77777;
-
 // The base filter is given the state lock, so that one comes first.
 struct FilterStateLock {
     CCritSec m_stateLock{"filter state", kRankFilterState};

@@ -9,12 +9,9 @@
 #include "Classes/MultiPlatform/LockRanks.h"
 #include "platform/com/ComPtr.h"
 #include "platform/media/Mpeg2Demultiplexer.h"
+#include "services/objects/PidParameters.h"
 
 namespace tessel {
-
-// Special values of the map: every PID, and every PID that sections are assembled from.
-inline constexpr ULONG ALL_PIDS = 0x20000;
-inline constexpr ULONG ALL_TABLES = 0x10000;
 
 // PIDs in ascending order, and the two special values beside them. Scrambled packets never come to an
 // output, so there is no scrambling state to keep by PID.

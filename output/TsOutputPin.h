@@ -23,9 +23,6 @@
 
 namespace tessel {
 
-// Pin parameter: what it delivers, a ContentKind.
-inline constexpr uint32_t kParamContentKind = 300;
-
 enum class MediaClass { kOther, kVideo, kAudio, kSubtitle };
 
 // Three kinds of threads come here: the parsing thread offers packets and sections, the pin's delivery thread

@@ -46,13 +46,4 @@ public:
     HRESULT CreateTable(uint32_t tableId, uint32_t key, IDvbTableEx** out) override;
 };
 
-// The tables that are decoded, DVB and ATSC side by side.
-inline constexpr uint32_t kProgramAssociationTable = 0x00;
-inline constexpr uint32_t kProgramMapTable = 0x02;
-inline constexpr uint32_t kServiceDescriptionTable = 0x42;  // of the actual transport stream
-inline constexpr uint32_t kServiceDescriptionTableOther = 0x46;
-inline constexpr uint32_t kMasterGuideTable = 0xC7;
-inline constexpr uint32_t kVirtualChannelTable = 0xC8;  // terrestrial
-inline constexpr uint32_t kCableVirtualChannelTable = 0xC9;
-
 }  // namespace tessel

@@ -28,6 +28,7 @@ constexpr Filter kFilters[] = {
     {"Corvane MPEG TS Splitter", kSplitter, true},
     {"Corvane MPEG TS Splitter (Async)", MakeGuid("{EF437ED2-736C-4777-ACE1-1D18C7887970}"), true},
     {"Corvane MPEG TS Splitter (Rec)", MakeGuid("{0A354CEF-937C-4748-AF03-70100D2F5B55}"), true},
+    {"Corvane MPEG TS FileSource", MakeGuid("{B79FBC21-A510-49EA-84BE-1DB7A26A7281}"), false},
 };
 
 // Loaded once; registers in a folder of the test's own.

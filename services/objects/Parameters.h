@@ -55,6 +55,13 @@ inline constexpr uint32_t kFormatIdentifier = 0x30050;
 
 }  // namespace param
 
+// Filter parameters: the priority of the working threads while they work, and the choice of a service by its
+// number among those that have packets.
+inline constexpr uint32_t kParamWorkerPriority = 22;
+inline constexpr uint32_t kParamSelectService = 77777;
+// Pin parameter: what it delivers. 0 nothing yet, else MEDIA_SAMPLE_CONTENT + 1.
+inline constexpr uint32_t kParamContentKind = 300;
+
 // An id that an object does not handle gives S_FALSE and writes nothing.
 class IGetSetParam : public IUnknown {
 public:

@@ -1,9 +1,13 @@
-// What a client asks about single PIDs.
+// What clients and filters say about single PIDs.
 #pragma once
 
 #include "platform/com/Unknown.h"
 
 namespace tessel {
+
+// Special values of an output's PID map: every PID, and every PID that sections are assembled from.
+inline constexpr ULONG ALL_PIDS = 0x20000;
+inline constexpr ULONG ALL_TABLES = 0x10000;
 
 inline constexpr int32_t kPidScrambled = 1;
 inline constexpr int32_t kPidPresent = 2;

@@ -9,6 +9,15 @@
 
 namespace tessel {
 
+// The tables that are decoded, DVB and ATSC side by side.
+inline constexpr uint32_t kProgramAssociationTable = 0x00;
+inline constexpr uint32_t kProgramMapTable = 0x02;
+inline constexpr uint32_t kServiceDescriptionTable = 0x42;  // of the actual transport stream
+inline constexpr uint32_t kServiceDescriptionTableOther = 0x46;
+inline constexpr uint32_t kMasterGuideTable = 0xC7;
+inline constexpr uint32_t kVirtualChannelTable = 0xC8;  // terrestrial
+inline constexpr uint32_t kCableVirtualChannelTable = 0xC9;
+
 class IDvbTable : public IUnknown {
 public:
     static constexpr IID kIid = MakeGuid("{8476AE42-679B-4D03-9E5C-96C3BBA90C7F}");
@@ -91,6 +100,22 @@ public:
 
     virtual HRESULT GetServiceId(uint32_t* out) = 0;
     virtual HRESULT GetDescriptors(IDvbMapping** out) = 0;  // keyed by descriptor tag
+};
+
+// The filter's table interface for clients and for what the filter owns.
+class ITableDecoder : public IUnknown {
+public:
+    static constexpr IID kIid = MakeGuid("{5E6B1C0A-7D53-4C86-9B0D-2F4AC51E93D7}");
+
+    // Makes the filter assemble the sections of a PID: E_INVALIDARG above 8191, E_ACCESSDENIED when it
+    // already does, E_OUTOFMEMORY. The first two arguments say what for (-1: any table); nobody stores them.
+    virtual HRESULT AddTablePid(uint32_t tableId, uint32_t tableIdExtension, uint32_t pid) = 0;
+    // The current tables of a table_id in ascending order of key. E_POINTER, E_NOINTERFACE for a table_id
+    // that is not decoded, E_OUTOFMEMORY; an empty list is S_OK.
+    virtual HRESULT EnumTables(uint32_t tableId, IDvbCollection** out) = 0;
+    // E_POINTER, E_NOTIMPL for a table_id that is not decoded, E_NOINTERFACE while there is no complete
+    // version of that key.
+    virtual HRESULT GetTable(uint32_t tableId, uint32_t key, IDvbTable** out) = 0;
 };
 
 }  // namespace tessel

@@ -1,0 +1,555 @@
+// The property pages on a splitter: what they show, what their buttons do to it.
+#include <gmock/gmock.h>
+
+#include <algorithm>
+
+#include "platform/com/TaskMemory.h"
+#include "platform/media/MediaResult.h"
+#include "platform/ui/PropertyPage.h"
+#include "proppages/Pages.h"
+#include "proppages/Resources.h"
+#include "tests/support/GraphFixture.h"
+#include "tests/support/ProgramBuilder.h"
+
+namespace tessel {
+namespace {
+
+using namespace page;
+using build::Audio;
+using build::Bytes;
+using build::ProgrammeBuilder;
+using build::ServiceDescriptor;
+using build::Text;
+using build::Video;
+using testing::AllOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+using Creator = CUnknown* (*)(IUnknown*, HRESULT*);
+using Rows = std::vector<std::vector<std::string>>;
+
+constexpr uint16_t kStreamId = 0x0102;
+constexpr uint16_t kOtherStreamId = 0x0999;
+constexpr uint16_t kNetworkId = 0x0020;
+
+std::string Narrow(std::u16string_view text) {
+    return {text.begin(), text.end()};
+}
+
+class Site final : public CIfc<IPropertyPageSite> {
+public:
+    Site() : CIfc("Site", nullptr) {}
+    HRESULT OnStatusChange(DWORD flags) override {
+        dirty += flags == PROPPAGESTATUS_DIRTY ? 1 : 0;
+        return S_OK;
+    }
+    HRESULT GetLocaleID(uint32_t*) override { return E_NOTIMPL; }
+    HRESULT GetPageContainer(IUnknown**) override { return E_NOTIMPL; }
+    HRESULT TranslateAccelerator(MSG*) override { return E_NOTIMPL; }
+
+    int dirty = 0;
+};
+
+// Shows a page of the filter and plays its user.
+class Frame final : public IDialogParent {
+public:
+    Frame(Creator create, IUnknown* object) : site(MakeObject<Site>()) {
+        HRESULT result = E_FAIL;
+        CUnknown* made = create(nullptr, &result);
+        EXPECT_EQ(result, S_OK);
+        ComPtr<IUnknown> unknown;
+        made->NonDelegatingQueryInterface(IUnknown::kIid, reinterpret_cast<void**>(unknown.Put()));
+        page = unknown.As<IPropertyPage>();
+        EXPECT_EQ(page->SetPageSite(site.Get()), S_OK);
+        if (object == nullptr)
+            return;
+        EXPECT_EQ(page->SetObjects(1, &object), S_OK);
+        const RECT rect;
+        EXPECT_EQ(page->Activate(this, &rect, 0), S_OK);
+    }
+    ~Frame() {
+        page->Deactivate();
+        page->SetObjects(0, nullptr);
+        page->SetPageSite(nullptr);
+    }
+
+    void OnDialogCreated(IDialog* made) override { dialog = ComPtr<IDialog>(made); }
+    void OnControlChanged(int32_t id) override { changed.push_back(id); }
+    void OnMessageBox(const OLECHAR* text) override {
+        messages.push_back(Narrow(text));
+        if (leaveWhenTold)
+            page->Deactivate();
+    }
+    void OnDialogDestroyed() override { destroyed = true; }
+
+    ControlState State(int32_t id) const {
+        ControlState state;
+        EXPECT_EQ(dialog->FindControl(id, &state), S_OK);
+        return state;
+    }
+    std::string TextOf(int32_t id) const { return Narrow(State(id).text); }
+    bool Enabled(int32_t id) const { return State(id).enabled != 0; }
+    Rows RowsOf(int32_t id) const {
+        Rows rows;
+        for (int32_t row = 0; row < State(id).rows; ++row) {
+            rows.emplace_back();
+            const OLECHAR* text = nullptr;
+            for (int32_t column = 0; dialog->GetCell(id, row, column, &text) == S_OK; ++column)
+                rows.back().push_back(Narrow(text));
+        }
+        return rows;
+    }
+    std::vector<std::string> Column(int32_t id, size_t column = 0) const {
+        std::vector<std::string> cells;
+        for (const auto& row : RowsOf(id))
+            cells.push_back(row.at(column));
+        return cells;
+    }
+    // The row whose first cell is text.
+    int32_t Row(int32_t id, const std::string& text) const {
+        const auto cells = Column(id);
+        const auto found = std::find(cells.begin(), cells.end(), text);
+        EXPECT_NE(found, cells.end()) << text;
+        return static_cast<int32_t>(found - cells.begin());
+    }
+    HRESULT Select(int32_t id, int32_t row) { return dialog->SelectRows(id, &row, 1); }
+    HRESULT Select(int32_t id, const std::string& text) { return Select(id, Row(id, text)); }
+
+    const ComPtr<Site> site;
+    ComPtr<IPropertyPage> page;
+    ComPtr<IDialog> dialog;
+    std::vector<int32_t> changed;
+    std::vector<std::string> messages;
+    bool destroyed = false;
+    bool leaveWhenTold = false;
+};
+
+build::SdtService Named(uint16_t id, const char* provider, const char* name) {
+    return {.serviceId = id, .descriptors = {ServiceDescriptor(1, Text(provider), Text(name))}};
+}
+
+// Two programmes with packets and a channel without, in a running splitter.
+class Pages : public testing::Test {
+protected:
+    Pages()
+        : builder({{.number = 1,
+                    .pmtPid = 0x100,
+                    .pcrPid = 0x101,
+                    .streams = {Video(0x111),
+                                {.pid = 0x112,
+                                 .streamType = 0x03,
+                                 .streamId = 0xC0,
+                                 .pesSize = 2'000,
+                                 .descriptors = {build::Language("deu")}}}},
+                   {.number = 2,
+                    .pmtPid = 0x200,
+                    .pcrPid = 0x201,
+                    .streams = {{.pid = 0x211,
+                                 .streamType = 0x02,
+                                 .streamId = 0xE0,
+                                 .pesSize = 20'000,
+                                 .descriptors = {build::ConditionalAccess(0x0B00, 0x300)}}}}},
+                  kStreamId) {}
+
+    void SetUp() override {
+        ASSERT_EQ(graph.Run(), S_OK);
+        builder.Tables();  // first: tables that come before the PAT go with it
+        Section(0x11, build::Sdt({kStreamId, kNetworkId, {Named(1, "Prov", "One"), Named(2, "", "Two")}}));
+        Section(0x11, build::Sdt({kOtherStreamId, kNetworkId, {Named(9, "Else", "Where")}}));
+        Section(0x1FFB, build::Vct(kStreamId, {{.shortName = u"CH1",
+                                                .major = 7,
+                                                .minor = 1,
+                                                .program = 3,
+                                                .channelTsid = kStreamId,
+                                                .accessControlled = true}}));
+        Push();
+        ASSERT_TRUE(Eventually([this] { return graph.splitter->PidStatus().IsPresent(build::kNullPid); }));
+        ASSERT_TRUE(Eventually([this] { return graph.splitter->IsServiceInformationComplete() == S_OK; }));
+    }
+
+    void Section(uint16_t pid, const Bytes& section) {
+        builder.stream().Section(pid, section).Section(pid, build::ShortSection(0xFE, {}));
+    }
+    void Push() { ASSERT_EQ(graph.source->Push(builder.Frames(2).Padding().Take()), S_OK); }
+    IUnknown* Filter() { return static_cast<IBaseFilter*>(graph.splitter.Get()); }
+    std::vector<ULONG> Mapped(const OLECHAR* name) {
+        const OutputPinPtr pin = graph.Pin(name);
+        return pin ? pin->Map().Entries() : std::vector<ULONG>{0xDEAD};
+    }
+    ContentKind Kind(const OLECHAR* name) { return graph.Pin(name)->Kind(); }
+
+    ProgrammeBuilder builder;
+    SplitterGraph graph;
+};
+
+TEST_F(Pages, ShowTheTables) {
+    const std::string one = "0001 (DigitalTelevision, 'Prov', 'One', Free)";
+    const std::string two = "0002 (DigitalTelevision, '<NoProvider>', 'Two', Scrambled)";
+    const std::vector<std::string> pmtOne = {"0100", "PMT of Service(id=0001, DigitalTelevision, 'Prov', 'One')"};
+    const std::vector<std::string> pmtTwo = {"0200",
+                                             "PMT of Service(id=0002, DigitalTelevision, '<NoProvider>', 'Two', CA!)"};
+    const std::vector<std::string> streamsOne[] = {
+        {"0101", "# Program Clock Reference"},
+        {"0111", "# ISO13818-2 Video"},
+        {"0112", "# ISO11172 Audio, ger, ISO639Language(ger, Undefined)"},
+    };
+    const struct {
+        Creator create;
+        const char* title;
+        std::vector<std::string> choices;
+        int32_t choose;  // a row of the drop-down list
+        Rows rows;
+        std::string info;
+    } kCases[] = {
+        {CreatePropPageServices,
+         "Services",
+         {"[7.001] 0003 (DigitalTelevision, '<NoProvider>', 'CH1', Free)"},
+         0,
+         {},
+         ""},
+        {CreatePropPageServices,
+         "Services",
+         {one},
+         1,
+         {{"0101, Program Clock Reference"},
+          {"0111, ISO13818-2 Video"},
+          {"0112, ISO11172 Audio, ger, ISO639Language(ger, Undefined)"}},
+         ""},
+        {CreatePropPageProgramAssociationTable,
+         "PAT",
+         {"All programs", one, two},
+         0,
+         {pmtOne,
+          streamsOne[0],
+          streamsOne[1],
+          streamsOne[2],
+          pmtTwo,
+          {"0201", "# Program Clock Reference"},
+          {"0211", "# ISO13818-2 Video, ConditionalAccess, CA!"}},
+         ""},
+        {CreatePropPageProgramAssociationTable,
+         "PAT",
+         {"All programs", one, two},
+         1,
+         {pmtOne, streamsOne[0], streamsOne[1], streamsOne[2]},
+         ""},
+        {CreatePropPageServiceDescriptionTable,
+         "SDT",
+         {"TSID=0102/ONID=0020"},
+         0,
+         {{"0001", "Free", "Service(DigitalTelevision, 'Prov', 'One')"},
+          {"0002", "Free", "Service(DigitalTelevision, '<NoProvider>', 'Two')"}},
+         "TransportStreamId: 0102\nOriginalNetworkId: 0020"},
+        {CreatePropPageVirtualChannelTable,
+         "VCT",
+         {"TSID=0102"},
+         0,
+         {{"7.1", "TSID=0102/SID=0003, 'CH1'", "Scrambled", ""}},
+         ""},
+    };
+    for (const auto& at : kCases) {
+        SCOPED_TRACE(std::string(at.title) + " " + std::to_string(at.choose));
+        Frame frame(at.create, Filter());
+        PROPPAGEINFO info;
+        ASSERT_EQ(frame.page->GetPageInfo(&info), S_OK);
+        EXPECT_EQ(Narrow(info.pszTitle), at.title);
+        CoTaskMemFree(info.pszTitle);
+        const auto choices = frame.Column(kTableChoice);
+        for (const std::string& choice : at.choices)
+            EXPECT_THAT(choices, Contains(choice));
+        ASSERT_FALSE(choices.empty());
+        const std::string wanted = at.choices.size() > 1 ? at.choices[static_cast<size_t>(at.choose)] : at.choices[0];
+        ASSERT_EQ(frame.Select(kTableChoice, wanted), S_OK);
+        EXPECT_EQ(frame.RowsOf(kTableList), at.rows);
+        EXPECT_EQ(frame.TextOf(kTableInfo), at.info);
+    }
+}
+
+TEST_F(Pages, OtherTransportStreamsComeWhenAskedFor) {
+    Frame frame(CreatePropPageServiceDescriptionTable, Filter());
+    EXPECT_THAT(frame.Column(kTableChoice), ElementsAre("TSID=0102/ONID=0020"));
+    ASSERT_EQ(frame.dialog->Click(kOtherStreams), S_OK);
+    ASSERT_EQ(frame.Select(kTableChoice, "TSID=0999/ONID=0020"), S_OK);
+    EXPECT_THAT(frame.Column(kTableList), ElementsAre("0009"));
+    // What is gone is chosen no more.
+    ASSERT_EQ(frame.dialog->Click(kOtherStreams), S_OK);
+    EXPECT_THAT(frame.Column(kTableList), ElementsAre("0001", "0002"));
+}
+
+TEST_F(Pages, SayWhatIsNotDecoded) {
+    for (const Creator create : {CreatePropPageNetworkInformationTable, CreatePropPageServiceGuideTable,
+                                 CreatePropPageGenreLookupTable, CreatePropPageConditionalAccessTable}) {
+        Frame frame(create, Filter());
+        EXPECT_EQ(frame.TextOf(kTableList), "Not decoded");
+        EXPECT_EQ(frame.dialog->Click(kUpdate), S_OK);
+        EXPECT_THAT(frame.RowsOf(kTableList), IsEmpty());
+        EXPECT_EQ(frame.dialog->Click(kTableMap), S_FALSE);
+    }
+}
+
+TEST_F(Pages, ANewTableShowsWhenItsRefreshIsPumped) {
+    Frame frame(CreatePropPageServiceDescriptionTable, Filter());
+    while (frame.dialog->ProcessMessages(0) == S_OK) {
+    }
+    frame.changed.clear();
+    Section(0x11, build::Sdt({kStreamId, kNetworkId, {Named(1, "Prov", "New")}}, {.version = 1}));
+    Push();
+    const auto isNew = [this] {
+        const auto tables = graph.splitter->TableVersions();
+        return std::any_of(tables.begin(), tables.end(), [](const TableStore::Version& table) {
+            return table.tableId == kServiceDescriptionTable && table.version == 1;
+        });
+    };
+    ASSERT_TRUE(Eventually(isNew)) << "the new version never became current";
+    EXPECT_EQ(frame.Column(kTableList).size(), 2u);
+    EXPECT_THAT(frame.changed, IsEmpty());
+    ASSERT_EQ(frame.dialog->ProcessMessages(kTestWait), S_OK) << "no refresh was posted";
+    EXPECT_THAT(frame.Column(kTableList, 2), ElementsAre("Service(DigitalTelevision, 'Prov', 'New')"));
+    EXPECT_THAT(frame.changed, Contains(kTableList).Times(1));
+}
+
+TEST_F(Pages, ResetEmptiesEveryPageThatListens) {
+    Frame services(CreatePropPageServices, Filter());
+    Frame descriptions(CreatePropPageServiceDescriptionTable, Filter());
+    EXPECT_THAT(services.RowsOf(kTableChoice), Not(IsEmpty()));
+    ASSERT_EQ(descriptions.dialog->Click(kReset), S_OK);
+    EXPECT_THAT(descriptions.RowsOf(kTableChoice), IsEmpty());
+    EXPECT_THAT(descriptions.RowsOf(kTableList), IsEmpty());
+    EXPECT_EQ(descriptions.TextOf(kTableInfo), "");
+    ASSERT_EQ(services.dialog->ProcessMessages(kTestWait), S_OK);
+    EXPECT_THAT(services.RowsOf(kTableChoice), IsEmpty());
+    EXPECT_FALSE(services.Enabled(kTableMap));
+}
+
+// With a pin that delivers the first service's video.
+class ConnectedPages : public Pages {
+protected:
+    void SetUp() override {
+        graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, 0x111);
+        Pages::SetUp();
+    }
+};
+
+TEST_F(ConnectedPages, ServicesMapChoosesTheServiceWithPackets) {
+    Frame frame(CreatePropPageServices, Filter());
+    ASSERT_EQ(frame.Select(kTableChoice,
+                           frame.Row(kTableChoice, "0002 (DigitalTelevision, '<NoProvider>', 'Two', Scrambled)")),
+              S_OK);
+    ASSERT_EQ(frame.dialog->Click(kTableMap), S_OK);
+    EXPECT_THAT(frame.messages, IsEmpty());
+    EXPECT_THAT(Mapped(u"v"), ElementsAre(0x211));
+    EXPECT_EQ(frame.site->dirty, 1);
+    EXPECT_EQ(frame.page->IsPageDirty(), S_OK);
+    EXPECT_EQ(frame.page->Apply(), S_OK);
+    EXPECT_EQ(frame.page->IsPageDirty(), S_FALSE);
+    // The channel has no packets.
+    const int32_t channel = frame.Row(kTableChoice, "[7.001] 0003 (DigitalTelevision, '<NoProvider>', 'CH1', Free)");
+    ASSERT_EQ(frame.Select(kTableChoice, channel), S_OK);
+    EXPECT_EQ(frame.dialog->Click(kTableMap), S_FALSE);
+}
+
+TEST_F(Pages, PatMapTakesAFreePinOrMakesOne) {
+    Frame frame(CreatePropPageProgramAssociationTable, Filter());
+    ASSERT_EQ(frame.Select(kTableList, "0100"), S_OK);
+    EXPECT_FALSE(frame.Enabled(kTableMap)) << "a table is no component";
+    ASSERT_EQ(frame.Select(kTableList, "0111"), S_OK);
+    ASSERT_EQ(frame.dialog->Click(kTableMap), S_OK);
+    EXPECT_THAT(Mapped(u"Output1"), ElementsAre(0x111));
+    EXPECT_EQ(Kind(u"Output1"), ContentKind::kElementaryStream);
+    EXPECT_EQ(frame.TextOf(kTableInfo), "0111 is on pin 'Output1'");
+    ASSERT_EQ(frame.Select(kTableList, "0112"), S_OK);
+    ASSERT_EQ(frame.dialog->Click(kTableMap), S_OK);
+    EXPECT_THAT(Mapped(u"PID 0112"), ElementsAre(0x112));
+    EXPECT_EQ(frame.site->dirty, 2);
+    ASSERT_EQ(frame.dialog->Click(kTableMap), S_OK);
+    EXPECT_THAT(frame.messages, ElementsAre(HasSubstr("no free pin"))) << "its name is given";
+}
+
+TEST_F(Pages, PidMapMapsAndUnmapsAtOnce) {
+    Frame frame(CreatePropPagePIDmapping, Filter());
+    EXPECT_THAT(frame.Column(kPinChoice), ElementsAre("PSIOut", "Output1"));
+    EXPECT_EQ(frame.RowsOf(kMappedPids), (Rows{{"All Tables", ""}}));
+    EXPECT_FALSE(frame.Enabled(kContent)) << "the pin delivers sections";
+    EXPECT_EQ(frame.State(kContent).selected, 2);
+    ASSERT_EQ(frame.dialog->TypeText(kPinName, u"another"), S_OK);
+    EXPECT_TRUE(frame.Enabled(kContent));
+    ASSERT_EQ(frame.dialog->TypeText(kPinName, u""), S_OK);
+    EXPECT_FALSE(frame.Enabled(kContent));
+
+    ASSERT_EQ(frame.Select(kPinChoice, "Output1"), S_OK);
+    ASSERT_EQ(frame.Select(kContent, "Transport packets"), S_OK);
+    EXPECT_THAT(frame.RowsOf(kFreePids),
+                AllOf(Contains(ElementsAre("All PIDs", "")), Contains(ElementsAre("0111", "ISO13818-2 Video")),
+                      Contains(ElementsAre("0011", ""))));
+    EXPECT_FALSE(frame.Enabled(kMap));
+    const int32_t both[] = {frame.Row(kFreePids, "0111"), frame.Row(kFreePids, "0112")};
+    ASSERT_EQ(frame.dialog->SelectRows(kFreePids, both, 2), S_OK);
+    ASSERT_EQ(frame.dialog->Click(kMap), S_OK);
+    EXPECT_THAT(Mapped(u"Output1"), ElementsAre(0x111, 0x112));
+    EXPECT_EQ(Kind(u"Output1"), ContentKind::kTransportPackets);
+    EXPECT_THAT(frame.Column(kMappedPids), ElementsAre("0111", "0112"));
+    EXPECT_THAT(frame.Column(kFreePids), Not(Contains("0111")));
+    EXPECT_FALSE(frame.Enabled(kMap));
+    EXPECT_EQ(frame.site->dirty, 1);
+
+    ASSERT_EQ(frame.dialog->ActivateRow(kFreePids, frame.Row(kFreePids, "All PIDs")), S_OK);
+    EXPECT_THAT(Mapped(u"Output1"), ElementsAre(ALL_PIDS, 0x111, 0x112));
+    EXPECT_FALSE(frame.Enabled(kUnmap));
+    const int32_t two[] = {frame.Row(kMappedPids, "0111"), frame.Row(kMappedPids, "All PIDs")};
+    ASSERT_EQ(frame.dialog->SelectRows(kMappedPids, two, 2), S_OK);
+    ASSERT_EQ(frame.dialog->Click(kUnmap), S_OK);
+    EXPECT_THAT(Mapped(u"Output1"), ElementsAre(0x112));
+    EXPECT_FALSE(frame.Enabled(kUnmap));
+    ASSERT_EQ(frame.dialog->ActivateRow(kMappedPids, 0), S_OK);
+    EXPECT_THAT(Mapped(u"Output1"), IsEmpty());
+    EXPECT_EQ(Kind(u"Output1"), ContentKind::kNone);
+    EXPECT_EQ(frame.site->dirty, 4);
+    EXPECT_THAT(frame.messages, IsEmpty());
+
+    ASSERT_EQ(frame.Select(kFreePids, "0111"), S_OK);
+    EXPECT_TRUE(frame.Enabled(kMap));
+    ASSERT_EQ(frame.dialog->LeaveControl(kFreePids), S_OK);
+    EXPECT_TRUE(frame.Enabled(kMap));
+    ASSERT_EQ(frame.dialog->SelectRows(kFreePids, nullptr, 0), S_OK);
+    ASSERT_EQ(frame.dialog->LeaveControl(kFreePids), S_OK);
+    EXPECT_FALSE(frame.Enabled(kMap));
+}
+
+TEST_F(Pages, PidMapReadsWhatIsTyped) {
+    const struct {
+        const OLECHAR* typed;
+        std::optional<ULONG> pid;
+    } kCases[] = {
+        {u"0111", 0x111},
+        {u" 1fFF ", 0x1FFF},
+        {u"0x10", 0x10},
+        {u"All PIDs", ALL_PIDS},
+        {u"All Tables", ALL_TABLES},
+        {u"2000", {}},
+        {u"xyz", {}},
+        {u"-1", {}},
+        {u"0x", {}},
+        {u"100000111", {}},
+    };
+    for (const auto& at : kCases) {
+        SCOPED_TRACE(Narrow(at.typed));
+        Frame frame(CreatePropPagePIDmapping, Filter());
+        ASSERT_EQ(frame.Select(kPinChoice, "Output1"), S_OK);
+        ASSERT_EQ(frame.dialog->TypeText(kPid, at.typed), S_OK);
+        ASSERT_EQ(frame.dialog->Click(kMap), S_OK);
+        EXPECT_EQ(frame.site->dirty, at.pid ? 1 : 0);
+        if (at.pid) {
+            EXPECT_THAT(Mapped(u"Output1"), ElementsAre(*at.pid));
+            EXPECT_EQ(frame.TextOf(kPid), "");
+            EXPECT_EQ(frame.dialog->ActivateRow(kMappedPids, 0), S_OK);
+        } else {
+            EXPECT_THAT(frame.messages, ElementsAre(HasSubstr("is not a PID")));
+            EXPECT_EQ(frame.TextOf(kPid), Narrow(at.typed));
+        }
+        EXPECT_THAT(Mapped(u"Output1"), IsEmpty());
+    }
+}
+
+TEST_F(Pages, PidMapMakesThePinThatIsNamed) {
+    Frame frame(CreatePropPagePIDmapping, Filter());
+    ASSERT_EQ(frame.Select(kPinChoice, "Output1"), S_OK);
+    ASSERT_EQ(frame.Select(kContent, "Elementary stream"), S_OK);
+    EXPECT_THAT(frame.Column(kFreePids), AllOf(Not(Contains("All PIDs")), Not(Contains("0000"))));
+    const auto map = [&](const OLECHAR* pid, const OLECHAR* pin) {
+        EXPECT_EQ(frame.dialog->TypeText(kPid, pid), S_OK);
+        EXPECT_EQ(frame.dialog->TypeText(kPinName, pin), S_OK);
+        EXPECT_EQ(frame.dialog->Click(kMap), S_OK);
+    };
+    map(u"111", u"mine");
+    EXPECT_THAT(Mapped(u"mine"), ElementsAre(0x111));
+    EXPECT_EQ(Kind(u"mine"), ContentKind::kElementaryStream);
+    EXPECT_EQ(frame.State(kPinChoice).selected, frame.Row(kPinChoice, "mine"));
+    EXPECT_THAT(frame.messages, IsEmpty());
+    // One stream a pin; and what was made for nothing goes again.
+    map(u"112", u"mine");
+    EXPECT_THAT(Mapped(u"mine"), ElementsAre(0x111));
+    map(u"5", u"other");
+    EXPECT_EQ(graph.Pin(u"other"), nullptr);
+    map(u"112", u"a name that is longer than what a pin may be called by");
+    EXPECT_THAT(frame.messages, ElementsAre(HasSubstr("does not take"), HasSubstr("does not take"),
+                                            HasSubstr("could not be made (80070057)")));
+    EXPECT_EQ(frame.site->dirty, 1);
+}
+
+TEST_F(Pages, APageMayGoWhileItTellsSomething) {
+    for (const OLECHAR* name : {u"", u"another"}) {  // nothing to map; a pin made for nothing
+        Frame frame(CreatePropPagePIDmapping, Filter());
+        frame.leaveWhenTold = true;
+        ASSERT_EQ(frame.Select(kPinChoice, "Output1"), S_OK);
+        ASSERT_EQ(frame.Select(kContent, "Elementary stream"), S_OK);
+        ASSERT_EQ(frame.dialog->TypeText(kPinName, name), S_OK);
+        ASSERT_EQ(frame.dialog->TypeText(kPid, *name == 0 ? u"?" : u"5"), S_OK);
+        EXPECT_EQ(frame.dialog->Click(kMap), S_OK);
+        EXPECT_EQ(frame.messages.size(), 1u);
+        EXPECT_TRUE(frame.destroyed);
+        EXPECT_EQ(frame.dialog->Click(kMap), E_UNEXPECTED);
+        EXPECT_EQ(graph.Pin(u"another"), nullptr);
+    }
+}
+
+TEST_F(Pages, OutputPinsShowWhatIsFoundAndMapped) {
+    Frame frame(CreatePropPageTSPin, Filter());
+    EXPECT_FALSE(frame.Enabled(kFirstPin + 2));
+    EXPECT_THAT(frame.RowsOf(kPinPids),
+                AllOf(Contains(ElementsAre("0111", "", "")), Contains(ElementsAre("", "", "All Tables"))));
+    const ULONG pids[] = {0x111, 0x500};
+    ASSERT_EQ(graph.Pin(u"Output1")->MapPID(2, pids, MEDIA_TRANSPORT_PACKET), S_OK);
+    ASSERT_EQ(frame.dialog->Click(kFirstPin + 1), S_OK);
+    EXPECT_EQ(frame.State(kFirstPin).checked, 0);
+    EXPECT_THAT(frame.RowsOf(kPinPids),
+                AllOf(Contains(ElementsAre("0111", "", "0111")), Contains(ElementsAre("", "", "0500")),
+                      Not(Contains(ElementsAre("", "", "All Tables")))));
+    // Nothing changes until packets of another PID come; the page looks on its own.
+    frame.changed.clear();
+    ASSERT_EQ(frame.dialog->ProcessMessages(kTestWait), S_OK);
+    EXPECT_THAT(frame.changed, IsEmpty());
+    builder.stream().Packet(0x444, Bytes(184), {.scrambling = 2});
+    Push();
+    ASSERT_TRUE(Eventually([this] { return graph.splitter->PidStatus().IsPresent(0x444); }));
+    ASSERT_EQ(frame.dialog->ProcessMessages(kTestWait), S_OK);
+    EXPECT_THAT(frame.RowsOf(kPinPids), Contains(ElementsAre("0444", "Scrambled", "")));
+}
+
+TEST_F(Pages, LiveFromActivationToDeactivation) {
+    Frame frame(CreatePropPageServiceDescriptionTable, nullptr);
+    const RECT rect;
+    EXPECT_EQ(frame.page->Activate(&frame, &rect, 0), E_UNEXPECTED);
+    const auto foreign = MakeObject<Site>();
+    IUnknown* object = foreign.Get();
+    EXPECT_EQ(frame.page->SetObjects(1, &object), E_NOINTERFACE);
+    EXPECT_EQ(frame.page->Activate(&frame, &rect, 0), E_UNEXPECTED);
+    object = Filter();
+    ASSERT_EQ(frame.page->SetObjects(1, &object), S_OK);
+    EXPECT_EQ(frame.page->Activate(nullptr, &rect, 0), E_POINTER);
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(frame.page->Activate(&frame, &rect, 0), S_OK);
+        EXPECT_EQ(frame.page->Activate(&frame, &rect, 0), E_UNEXPECTED);
+        EXPECT_EQ(frame.dialog->Click(kTableList), E_INVALIDARG);
+        EXPECT_EQ(frame.dialog->Click(4711), E_INVALIDARG);
+        EXPECT_EQ(frame.Select(kTableList, 99), E_INVALIDARG);
+        EXPECT_EQ(frame.Select(kTableChoice, -1), E_INVALIDARG);
+        EXPECT_EQ(frame.dialog->SelectRows(kTableChoice, nullptr, 1), E_POINTER);
+        EXPECT_EQ(frame.Column(kTableList).size(), 2u);
+        ASSERT_EQ(frame.page->Deactivate(), S_OK);
+        EXPECT_TRUE(std::exchange(frame.destroyed, false));
+        // Events go nowhere now, and so does the dialog that its owner still has.
+        EXPECT_EQ(graph.splitter->Reset(), S_OK);
+        EXPECT_EQ(frame.dialog->ProcessMessages(0), E_UNEXPECTED);
+        EXPECT_EQ(frame.dialog->Click(kUpdate), E_UNEXPECTED);
+        builder.Tables();
+        Section(0x11, build::Sdt({kStreamId, kNetworkId, {Named(1, "Prov", "One"), Named(2, "", "Two")}}));
+        Push();
+        ASSERT_TRUE(Eventually([this] { return graph.splitter->IsServiceInformationComplete() == S_OK; }));
+    }
+}
+
+}  // namespace
+}  // namespace tessel

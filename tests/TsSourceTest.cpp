@@ -582,10 +582,10 @@ TEST_F(FileSource, EndsWithAnAbortWhereTheClockJumps) {
     }
 }
 
-// What becomes of the file while it is read, with most of it still unread.
+// What becomes of the file while it is read. More of it is unread than the outputs hold while they start.
 TEST_F(FileSource, FollowsAFileThatOthersChange) {
     Movie movie({.pictureSize = 30'000});
-    movie.Frames(400);
+    movie.Frames(500);
     const size_t written = movie.stream.bytes().size();
     movie.Frames(100).Padding();
     const Bytes& whole = movie.stream.bytes();
@@ -600,11 +600,11 @@ TEST_F(FileSource, FollowsAFileThatOthersChange) {
             .write(reinterpret_cast<const char*>(whole.data()) + written,
                    static_cast<std::streamsize>(whole.size() - written));
     };
-    const size_t first = 400 * 30'000;
+    const size_t first = 500 * 30'000;
     const Case cases[] = {
         {"grows", append, movie.video.size(), movie.video.size()},
-        {"shrinks", [](const fs::path& path) { fs::resize_file(path, 11'000'000); }, 10'300'000, 11'000'000},
-        {"is emptied", [](const fs::path& path) { fs::resize_file(path, 0); }, 0, 10'000'000},
+        {"shrinks", [](const fs::path& path) { fs::resize_file(path, 14'000'000); }, 13'000'000, 14'000'000},
+        {"is emptied", [](const fs::path& path) { fs::resize_file(path, 0); }, 0, 13'000'000},
         {"is deleted", [](const fs::path& path) { fs::remove(path); }, first - 1'000, first + 20'000},
     };
     for (const Case& c : cases) {

@@ -251,8 +251,7 @@ TEST(TransportStream, SendsWhatIsWorthAWakeUp) {
         StreamBuilder packets;
         while (static_cast<int32_t>(packets.bytes().size()) < floor)
             packets.Null();
-        Bytes fewer = packets.bytes();
-        fewer.resize(fewer.size() - kPacketSize);
+        const Bytes fewer(packets.bytes().begin(), packets.bytes().end() - kPacketSize);
         EXPECT_EQ(at.Add(fewer), S_OK);
         EXPECT_EQ(at.content->GetPendingBytes(false, false), 0) << floor;
         EXPECT_EQ(at.content->GetPendingBytes(true, false), static_cast<int32_t>(fewer.size()));

@@ -251,8 +251,7 @@ TEST(TransportStream, SendsWhatIsWorthAWakeUp) {
         StreamBuilder packets;
         while (static_cast<int32_t>(packets.bytes().size()) < floor)
             packets.Null();
-        Bytes fewer = packets.bytes();
-        fewer.resize(fewer.size() - kPacketSize);
+        const Bytes fewer(packets.bytes().begin(), packets.bytes().end() - kPacketSize);
         EXPECT_EQ(at.Add(fewer), S_OK);
         EXPECT_EQ(at.content->GetPendingBytes(false, false), 0) << floor;
         EXPECT_EQ(at.content->GetPendingBytes(true, false), static_cast<int32_t>(fewer.size()));
@@ -475,10 +474,10 @@ TEST(BackPressure, LiveDropsForAStalledReceiver) {
         Gate gate(sink);
         ASSERT_EQ(graph.Run(), S_OK);
         ProgrammeBuilder builder({{.streams = {Video(kPid, 130'000)}}});
-        Bytes stream = builder.Tables().Frames(30).Take();
+        Bytes stream = builder.Tables().Frames(5).Take();
         ASSERT_EQ(graph.source->Push(stream), S_OK);
         ASSERT_TRUE(gate.WaitUntilReached());
-        const Bytes rest = builder.Frames(30).Padding().Take();
+        const Bytes rest = builder.Frames(55).Padding().Take();
         stream.insert(stream.end(), rest.begin(), rest.end());
         ASSERT_EQ(graph.source->Push(rest), S_OK);
         ASSERT_EQ(graph.End(), S_OK);  // has all parsed, and waits for nobody

@@ -477,6 +477,37 @@ Bytes Number(uint32_t value) {
             static_cast<uint8_t>(value >> 24)};
 }
 
+// A graph of one process saves its state, one of another loads it.
+TEST(SavedStateDeathTest, PassesBetweenProcesses) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string path = testing::TempDir() + "tessel-saved-state";
+    const auto save = [&path] {
+        SplitterGraph graph;
+        const ULONG pids[] = {0x200, 0x1FF, 0x11};
+        ComPtr<IPin> stream;
+        graph.demultiplexer->CreateOutputPin(nullptr, u"stream", stream.Put());
+        stream.As<IMPEG2PIDMap>()->MapPID(1, pids, MEDIA_ELEMENTARY_STREAM);
+        graph.Pin(u"Output1")->MapPID(3, pids, MEDIA_TRANSPORT_PACKET);
+        const Bytes state = Save(*graph.splitter.Get());
+        std::FILE* const file = std::fopen(path.c_str(), "wb");
+        const bool written = std::fwrite(state.data(), 1, state.size(), file) == state.size() && std::fclose(file) == 0;
+        std::_Exit(written ? 0 : 1);
+    };
+    EXPECT_EXIT(save(), testing::ExitedWithCode(0), "");
+    Bytes state(4096);
+    std::FILE* const file = std::fopen(path.c_str(), "rb");
+    ASSERT_NE(file, nullptr);
+    state.resize(std::fread(state.data(), 1, state.size(), file));
+    std::fclose(file);
+    std::remove(path.c_str());
+    SplitterGraph graph;
+    ASSERT_EQ(Load(*graph.splitter.Get(), state), S_OK);
+    EXPECT_EQ(graph.Pin(u"stream")->Map().Entries(), std::vector<ULONG>{0x200});
+    EXPECT_EQ(graph.Pin(u"stream")->Kind(), ContentKind::kElementaryStream);
+    EXPECT_EQ(graph.Pin(u"Output1")->Map().Entries(), (std::vector<ULONG>{0x11, 0x1FF, 0x200}));
+    EXPECT_EQ(graph.Pin(u"PSIOut")->Map().Entries(), std::vector<ULONG>{ALL_TABLES});
+}
+
 TEST(SavedState, ComesBackOrIsRefused) {
     SplitterGraph saved;
     const std::u16string longName(49, u'n');

@@ -213,7 +213,7 @@ TEST(Stress, EndOfStreamWithDataQueued) {
     for (int round = 0; round < Rounds() && !HasFailure(); ++round) {
         const Watchdog watchdog("end of stream, round " + std::to_string(round));
         Fixture fixture(round);
-        fixture.video->OnSample([&fixture](IMediaSample&) {
+        fixture.video->OnSample([](IMediaSample&) {
             std::this_thread::sleep_for(std::chrono::microseconds(200));
             return S_OK;
         });

@@ -25,59 +25,6 @@ constexpr uint16_t kAudioPid = 0x112;
 constexpr REFERENCE_TIME kFrameTime = 400'000;
 constexpr REFERENCE_TIME kLiveOffset = 2'000'000;
 
-// Shows the time that the test sets. An advise is due at once when its time has come, else with the next setting.
-class ManualClock final : public CUnknown, public IReferenceClock {
-public:
-    ManualClock() : CUnknown("ManualClock", nullptr) {}
-
-    DECLARE_IUNKNOWN
-    HRESULT NonDelegatingQueryInterface(const IID& iid, void** out) override {
-        if (out != nullptr && iid == IReferenceClock::kIid)
-            return GetInterface<IReferenceClock>(this, out);
-        return CUnknown::NonDelegatingQueryInterface(iid, out);
-    }
-    HRESULT GetTime(REFERENCE_TIME* out) override {
-        *out = m_time;
-        return S_OK;
-    }
-    HRESULT AdviseTime(REFERENCE_TIME base, REFERENCE_TIME stream, HEVENT event, DWORD_PTR* cookie) override {
-        const std::lock_guard lock(m_mutex);
-        *cookie = ++m_cookie;
-        m_advises.push_back({*cookie, base + stream, event});
-        Signal();
-        return S_OK;
-    }
-    HRESULT AdvisePeriodic(REFERENCE_TIME, REFERENCE_TIME, HSEMAPHORE, DWORD_PTR*) override { return E_NOTIMPL; }
-    HRESULT Unadvise(DWORD_PTR cookie) override {
-        const std::lock_guard lock(m_mutex);
-        return std::erase_if(m_advises, [cookie](const Advise& advise) { return advise.cookie == cookie; }) != 0
-                   ? S_OK
-                   : S_FALSE;
-    }
-    void Advance(REFERENCE_TIME by) {
-        const std::lock_guard lock(m_mutex);
-        m_time += by;
-        Signal();
-    }
-
-private:
-    struct Advise {
-        DWORD_PTR cookie;
-        REFERENCE_TIME at;
-        HEVENT event;
-    };
-    void Signal() {
-        for (const Advise& advise : m_advises)
-            if (advise.at <= m_time)
-                advise.event->Set();
-    }
-
-    std::atomic<REFERENCE_TIME> m_time{1'000'000'000};
-    std::mutex m_mutex;
-    std::vector<Advise> m_advises;
-    DWORD_PTR m_cookie = 0;
-};
-
 struct LiveGraph {
     explicit LiveGraph(IReferenceClock* clock, size_t videoSize = 20'000)
         : graph(StreamingMode::kLive), builder({{.streams = {Video(kVideoPid, videoSize), Audio(kAudioPid)}}}) {

@@ -201,7 +201,7 @@ private:
         case 4:
             if (m_sinkCount > 0) {
                 router.Detach(&sink);
-                Require(router.SinkCount() == m_sinkCount - 1 && router.Attach(&sink));
+                Require(router.Sinks().size() == m_sinkCount - 1 && router.Attach(&sink));
                 sink.Want();
             }
             break;

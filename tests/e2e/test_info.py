@@ -1,4 +1,5 @@
 """What `tessel info` says of streams whose content is known."""
+import json
 import unicodedata
 import unittest
 
@@ -99,6 +100,40 @@ class TwoProgrammes(support.ToolTest):
         plain = self.info(support.two_programmes(), "--pids")
         units = support.in_192_bytes(support.two_programmes().read_bytes())
         self.assertEqual(self.info(self.file("units.ts", units), "--pids"), dict(plain, packet_size=192))
+
+
+class Times(support.ToolTest):
+    def times(self, path, *options, **run):
+        info = json.loads(self.done("info", "--json", *options, path, **run))
+        return info["duration"], info["bit_rate"], info["seekable"]
+
+    def test_a_file_has_them(self):
+        path = support.two_programmes()  # 75 pictures at 25 a second
+        duration, rate, seekable = self.times(path)
+        self.assertAlmostEqual(duration, 3, delta=0.0001)
+        self.assertEqual((rate, seekable), (round(path.stat().st_size * 8 / duration), True))
+        text = self.done("info", path).decode()
+        self.assertRegex(text, rf"duration +0:00:03.00\nbit rate +{rate} bit/s\nseekable +yes\n")
+
+    def test_sound_alone(self):
+        path = support.made_by_ffmpeg("sound", "-f", "lavfi", "-i", "sine=440:d=4.8:r=48000", "-c:a", "mp2")
+        duration, _, seekable = self.times(path)
+        self.assertAlmostEqual(duration, 4.8, delta=0.025)  # the last frame may be held back
+        self.assertIs(seekable, True)
+
+    def test_unknown_where_nothing_times_the_file(self):
+        whole = support.two_programmes().read_bytes()
+        scrambled = bytearray(whole)
+        for start in range(0, len(whole), support.PACKET):
+            if int.from_bytes(whole[start + 1:start + 3], "big") & 0x1FFF in range(256, 260):
+                scrambled[start + 3] |= 0xC0
+        no_clock = tables_then(programmes={5: 0x50}, maps=[(0x50, pmt(5, 0x51, [(0x02, 0x51)]))], packets_on=[0x51])
+        cases = [("scrambled", bytes(scrambled)), ("no clock", no_clock)]
+        for what, data in cases:
+            with self.subTest(what):
+                self.assertEqual(self.times(self.file("unknown.ts", data)), (None, None, False))
+        self.assertEqual(self.times(support.two_programmes(), "--push"), (None, None, False))
+        self.assertEqual(self.times("-", input=whole), (None, None, False))
 
 
 class Sample(support.ToolTest):

@@ -51,7 +51,7 @@ class Inputs(MannersTest):
     def test_standard_input(self):
         data = self.stream.read_bytes()
         self.assertFails(1, "standard input: is empty", "info", "-", input=b"")
-        for command in (["info", "{}"], ["info", "--json", "--pids", "{}"],
+        for command in (["info", "--push", "{}"], ["info", "--push", "--json", "--pids", "{}"],
                         ["extract", "{}", "--pid", "257", "-o", "-"],
                         ["extract", "{}", "--sections", "--pid", "0", "-o", "-"]):
             with self.subTest(command):
@@ -255,7 +255,7 @@ class Arguments(MannersTest):
                 self.assertFails(code, text, "demux", self.stream, *options)
 
     def test_help_and_version(self):
-        helps = {(): ("info", "extract", "Exit code"), ("info",): ("INPUT", "--json", "--pids"),
+        helps = {(): ("info", "extract", "Exit code"), ("info",): ("INPUT", "--json", "--pids", "--push"),
                  ("extract",): ("INPUT", "--pid", "--sections", "--output"), ("watch",): ("INPUT", "--json"),
                  ("demux",): ("INPUT", "--output", "--discard", "--service", "--audio", "--pid", "--mode", "--timestamps")}
         for command, words in helps.items():

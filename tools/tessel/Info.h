@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/tessel/FileTimes.h"
 #include "tools/tessel/Services.h"
 #include "tools/tessel/StreamReader.h"
 
@@ -23,6 +24,7 @@ struct StreamInfo {
     bool complete = false;
     bool named = false;
     int64_t bytesRead = 0;
+    FileTimes times;  // for whoever read them to fill in
     std::vector<ServiceInfo> services;
     std::vector<TableStore::Version> tables;
     std::vector<PidInfo> pids;

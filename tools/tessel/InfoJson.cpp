@@ -61,6 +61,9 @@ std::string InfoAsJson(const StreamInfo& info, bool withPids) {
                  {"transport_stream_id", OrNull(info.transportStreamId)},
                  {"original_network_id", OrNull(info.originalNetworkId)},
                  {"complete", info.complete},
+                 {"duration", OrNull(info.times.duration)},
+                 {"bit_rate", OrNull(info.times.bitRate)},
+                 {"seekable", info.times.seekable},
                  {"services", std::move(services)},
                  {"tables", std::move(tables)}};
     if (withPids) {

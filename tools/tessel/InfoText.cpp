@@ -1,3 +1,4 @@
+#include <cmath>
 #include <cstdio>
 
 #include "tools/tessel/Info.h"
@@ -15,6 +16,17 @@ std::string Hex(uint32_t value) {
 
 std::string HexOr(const std::optional<uint32_t>& value, const char* otherwise) {
     return value ? Hex(*value) + " (" + std::to_string(*value) + ")" : otherwise;
+}
+
+// "1:02:03.45"
+std::string DurationOr(const std::optional<double>& seconds, const char* otherwise) {
+    if (!seconds)
+        return otherwise;
+    const long long hundredths = std::llround(*seconds * 100);
+    char text[48];
+    std::snprintf(text, sizeof(text), "%lld:%02lld:%02lld.%02lld", hundredths / 360'000, hundredths / 6'000 % 60,
+                  hundredths / 100 % 60, hundredths % 100);
+    return text;
 }
 
 // Descriptors stand below their component: their texts are too long for a column.
@@ -84,13 +96,17 @@ std::string PidTable(const std::vector<PidInfo>& pids) {
 }  // namespace
 
 std::string InfoAsText(const StreamInfo& info, bool withPids) {
-    std::string text = Columned({{"packet size", std::to_string(info.packetSize) + " bytes"},
-                                 {"transport stream", HexOr(info.transportStreamId, "unknown")},
-                                 {"original network", HexOr(info.originalNetworkId, "unknown")},
-                                 {"information", info.complete ? "complete"
-                                                               : "incomplete after " + std::to_string(info.bytesRead) +
-                                                                     " bytes: " + WhatIsMissing(info)}},
-                                "");
+    std::string text = Columned(
+        {{"packet size", std::to_string(info.packetSize) + " bytes"},
+         {"transport stream", HexOr(info.transportStreamId, "unknown")},
+         {"original network", HexOr(info.originalNetworkId, "unknown")},
+         {"information", info.complete
+                             ? "complete"
+                             : "incomplete after " + std::to_string(info.bytesRead) + " bytes: " + WhatIsMissing(info)},
+         {"duration", DurationOr(info.times.duration, "unknown")},
+         {"bit rate", info.times.bitRate ? std::to_string(*info.times.bitRate) + " bit/s" : "unknown"},
+         {"seekable", info.times.seekable ? "yes" : "no"}},
+        "");
     for (const ServiceInfo& service : info.services) {
         text += "\n" + Heading(service) + Details(service);
         if (!service.components.empty())

@@ -19,6 +19,7 @@ struct InfoArguments {
     std::string input;
     bool json = false;
     bool pids = false;
+    bool push = false;
 };
 
 struct ExtractArguments {
@@ -52,7 +53,9 @@ struct ModuleArguments {
 
 void RunInfo(const InfoArguments& arguments) {
     InputFile input(arguments.input);
-    const StreamInfo info = ReadStreamInfo(input, arguments.pids);
+    StreamInfo info = ReadStreamInfo(input, arguments.pids);
+    if (!arguments.push && arguments.input != "-")
+        info.times = ReadFileTimes(arguments.input, info.packetSize, info.services);
     Print(arguments.json ? InfoAsJson(info, arguments.pids) : InfoAsText(info, arguments.pids));
 }
 
@@ -107,6 +110,7 @@ void AddInfo(CLI::App& app, InfoArguments& arguments) {
     info->add_option("INPUT", arguments.input, kInputHelp)->required();
     info->add_flag("--json", arguments.json, "For programs: one JSON object; what is not known is null");
     info->add_flag("--pids", arguments.pids, "Read to the end and list every PID");
+    info->add_flag("--push", arguments.push, "Read a file as a pipe is read, without its duration and bit rate");
     info->footer(
         "Examples:\n"
         "  tessel info recording.ts\n"

@@ -1,6 +1,7 @@
 #include "tools/tessel/Files.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -77,6 +78,11 @@ size_t InputFile::Read(std::span<uint8_t> buffer) {
             throw Failure(m_name + ": cannot read: " + Reason());
     }
     return 0;
+}
+
+bool InputFile::IsReady() const {
+    pollfd ready{m_descriptor, POLLIN, 0};
+    return poll(&ready, 1, 0) != 0;
 }
 
 void InputFile::Rewind() {

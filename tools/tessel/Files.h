@@ -21,6 +21,8 @@ public:
     std::span<const uint8_t> Read();
     // The same into a buffer of the caller's: the number of bytes.
     size_t Read(std::span<uint8_t> buffer);
+    // Whether a read would not wait.
+    bool IsReady() const;
     int64_t BytesRead() const { return m_bytesRead; }
     // A file proper can be read from its beginning again; what a pipe has given is gone.
     bool CanRewind() const { return m_start >= 0; }

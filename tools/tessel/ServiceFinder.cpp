@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "tables/TableFactory.h"
+#include "tools/tessel/Interrupt.h"
 #include "tools/tessel/Pipeline.h"
 
 namespace tessel::tool {
@@ -88,6 +89,9 @@ FoundServices FindServices(Feed& feed, PacketMeter& meter, const std::function<b
             break;
         meter.Push(bytes);
         finder.Graph().Push();
+        // The splitter parses on a thread of its own: what it makes of these bytes may save a wait for more.
+        while (!enough() && !feed.Input().IsReady() && !Interrupted())
+            SleepUnlessInterrupted(1);
     } while (feed.Input().BytesRead() < kByteLimit && !enough());
     // The splitter parses on a thread of its own; the end of the stream waits for it.
     finder.Graph().End();

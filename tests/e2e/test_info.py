@@ -128,7 +128,8 @@ class Times(support.ToolTest):
             if int.from_bytes(whole[start + 1:start + 3], "big") & 0x1FFF in range(256, 260):
                 scrambled[start + 3] |= 0xC0
         no_clock = tables_then(programmes={5: 0x50}, maps=[(0x50, pmt(5, 0x51, [(0x02, 0x51)]))], packets_on=[0x51])
-        cases = [("scrambled", bytes(scrambled)), ("no clock", no_clock)]
+        cases = [("scrambled", bytes(scrambled)), ("no clock", no_clock), ("the clock goes back", whole * 2),
+                 ("and again", whole * 40)]
         for what, data in cases:
             with self.subTest(what):
                 self.assertEqual(self.times(self.file("unknown.ts", data)), (None, None, False))

@@ -44,7 +44,7 @@ class Inputs(MannersTest):
             for command in (["info", path], ["info", "--json", "--pids", path],
                             ["extract", path, "--pid", "0", "-o", "-"],
                             ["extract", path, "--sections", "--pid", "0", "-o", self.folder / "out"],
-                            ["demux", path, "--discard"], ["watch", path]):
+                            ["demux", path, "--discard"], ["frames", path, "--pid", "257"], ["watch", path]):
                 with self.subTest(path=path.name, command=command[0]):
                     self.assertFails(1, f"{path}: {text}", *command)
 
@@ -257,6 +257,7 @@ class Arguments(MannersTest):
     def test_help_and_version(self):
         helps = {(): ("info", "extract", "Exit code"), ("info",): ("INPUT", "--json", "--pids", "--push"),
                  ("extract",): ("INPUT", "--pid", "--sections", "--output"), ("watch",): ("INPUT", "--json"),
+                 ("frames",): ("INPUT", "--pid", "--json"),
                  ("demux",): ("INPUT", "--output", "--discard", "--service", "--audio", "--pid", "--mode", "--timestamps")}
         for command, words in helps.items():
             for option in ("--help", "-h"):

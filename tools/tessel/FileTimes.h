@@ -18,7 +18,8 @@ struct FileTimes {
 };
 
 // By the first video of the services, or else their first audio, that is clear. Nothing is known of a path that leads
-// to no regular file, or to one that the file source does not open.
+// to no regular file, or to one that the file source does not open, or whose
+// clock goes back.
 FileTimes ReadFileTimes(const std::string& path, int32_t packetSize, const std::vector<ServiceInfo>& services);
 
 }  // namespace tessel::tool

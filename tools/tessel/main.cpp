@@ -8,6 +8,7 @@
 #include "tools/tessel/DemuxRun.h"
 #include "tools/tessel/Extract.h"
 #include "tools/tessel/Failure.h"
+#include "tools/tessel/Frames.h"
 #include "tools/tessel/Info.h"
 #include "tools/tessel/Interrupt.h"
 #include "tools/tessel/Watch.h"
@@ -38,6 +39,12 @@ struct DemuxArguments {
     std::string audio;
     std::vector<std::string> pids;
     bool timestamps = false;
+    bool json = false;
+};
+
+struct FramesArguments {
+    std::string input;
+    std::string pid;
     bool json = false;
 };
 
@@ -90,6 +97,13 @@ void RunDemux(const DemuxArguments& arguments) {
     CatchInterrupts();
     const DemuxResult result = Demux(input, request);
     Print(arguments.json ? DemuxAsJson(result) : DemuxAsText(result));
+}
+
+void RunFrames(const FramesArguments& arguments) {
+    const uint32_t pid = ParsePid(arguments.pid);
+    InputFile input(arguments.input);
+    Feed feed(input);
+    PrintFrames(feed, pid, arguments.json);
 }
 
 void RunWatch(const WatchArguments& arguments) {
@@ -162,6 +176,20 @@ void AddDemux(CLI::App& app, DemuxArguments& arguments) {
     demux->callback([&arguments] { RunDemux(arguments); });
 }
 
+void AddFrames(CLI::App& app, FramesArguments& arguments) {
+    CLI::App* frames = app.add_subcommand("frames", "List the frames of an audio stream");
+    frames->add_option("INPUT", arguments.input, kInputHelp)->required();
+    frames->add_option("--pid", arguments.pid, "The PID of MPEG audio or AC-3, in decimal or 0x hexadecimal")
+        ->required();
+    frames->add_flag("--json", arguments.json, "For programs: one JSON object a line");
+    frames->footer(
+        "Position and length are in bytes of the elementary stream, the time in seconds of its time stamps.\n\n"
+        "Examples:\n"
+        "  tessel frames recording.ts --pid 257\n"
+        "  tessel frames recording.ts --pid 0x101 --json | jq .length");
+    frames->callback([&arguments] { RunFrames(arguments); });
+}
+
 void AddWatch(CLI::App& app, WatchArguments& arguments) {
     CLI::App* watch = app.add_subcommand("watch", "Print table and service events as they come");
     watch->add_option("INPUT", arguments.input, kInputHelp)->required();
@@ -208,6 +236,8 @@ int Run(int argc, char** argv) {
     AddExtract(app, extract);
     DemuxArguments demux;
     AddDemux(app, demux);
+    FramesArguments frames;
+    AddFrames(app, frames);
     WatchArguments watch;
     AddWatch(app, watch);
     ModuleArguments module;

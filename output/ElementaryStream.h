@@ -32,6 +32,8 @@ private:
     bool UpdateMapping(IEnumPIDMap* mapping) override OS_REQUIRES(m_lock);
     int32_t TakeDataFromCache(IMediaSample* sample, int32_t bytes, bool startPending) override OS_REQUIRES(m_lock);
 
+    // How many packets at the beginning were as most are, with room at the cache's end. The next is for Add.
+    size_t AddWholePayloads(std::span<const OfferedPacket> packets) OS_REQUIRES(m_lock);
     HRESULT Add(const OfferedPacket& packet) OS_REQUIRES(m_lock);
     HRESULT MakeRoom(int32_t bytes) OS_REQUIRES(m_lock);
     void OnContinuityError() OS_REQUIRES(m_lock);

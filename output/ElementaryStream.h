@@ -1,6 +1,7 @@
 // The content that delivers one elementary stream: the payload of the PES packets of one PID.
 #pragma once
 
+#include "output/PayloadCache.h"
 #include "output/PesHeader.h"
 #include "output/StreamExecutor.h"
 
@@ -50,8 +51,8 @@ private:
     static constexpr uint32_t kNoPid = 0xFFFF;
 
     // Null while inactive.
-    std::unique_ptr<ByteBuffer> m_cache OS_GUARDED_BY(m_lock);
-    int32_t m_capacity OS_GUARDED_BY(m_lock) = 0;
+    std::unique_ptr<CPayloadCache> m_cache OS_GUARDED_BY(m_lock);
+    int32_t m_capacity OS_GUARDED_BY(m_lock) = 0;  // the most bytes that the cache may hold
     int32_t m_patience OS_GUARDED_BY(m_lock) = 0;
     int32_t m_lastContinuityCounter OS_GUARDED_BY(m_lock) = -1;  // -1: the next one is right
     int32_t m_pmtVersion OS_GUARDED_BY(m_lock) = -1;

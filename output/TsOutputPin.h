@@ -213,6 +213,7 @@ private:
     std::atomic<bool> m_eosPending{false};
     std::atomic<bool> m_eosDelivered{false};
     std::atomic<bool> m_flushing{false};
+    std::atomic<bool> m_refused{false};  // the receiver wants no more but the end
     RALThreadPtr<CRALExecutorThread> m_thread OS_GUARDED_BY(m_pinLock);
     const std::shared_ptr<CEvent> m_event;
     const std::shared_ptr<CEvent> m_interrupt;

@@ -222,6 +222,7 @@ HRESULT CTsOutputPin::Active() {
     m_eosDelivered = false;
     m_eosPending = false;
     m_flushing = false;
+    m_refused = false;
     m_runTimeError = false;
     m_startPending = true;
     m_event->Reset();
@@ -319,6 +320,7 @@ HRESULT CTsOutputPin::DeliverEndFlush() {
     if (!IsConnected())
         return S_OK;
     m_startPending = true;
+    m_refused = false;
     m_runTimeError = false;
     m_eosDelivered = false;
     m_eosPending = false;

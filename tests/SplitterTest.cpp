@@ -214,6 +214,27 @@ TEST(Splitter, TheEndComesBehindWhatIsQueuedAndOnce) {
     EXPECT_EQ(endsBefore, 0u);
 }
 
+TEST(Splitter, AReceiverThatWantsNoMoreIsToldOfTheEnd) {
+    SplitterGraph graph;
+    TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kVideoPid);
+    TestSink& audio = graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kAudioPid);
+    const Bytes stream = TwoStreams().Tables().Frames(40).Padding().Take();
+    for (int round = 0; round < 2; ++round) {
+        video.Forget();
+        audio.Forget();
+        video.OnSample([&](IMediaSample&) { return video.Samples().empty() ? S_OK : S_FALSE; });
+        ASSERT_EQ(graph.Run(), S_OK);
+        ASSERT_EQ(graph.source->Push(stream), S_OK);
+        ASSERT_TRUE(video.WaitForRest());
+        ASSERT_EQ(graph.End(), S_OK);
+        ASSERT_TRUE(audio.WaitForEnd());
+        EXPECT_TRUE(video.WaitForEnd()) << "the end of what it refused";
+        ASSERT_EQ(graph.graph->Stop(), S_OK);
+        EXPECT_EQ(video.Samples().size(), 1u);
+        EXPECT_EQ(video.Ends(), 1u);
+    }
+}
+
 TEST(Splitter, AnotherTransportStreamStartsTheOutputsAnew) {
     SplitterGraph graph;
     TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kVideoPid);

@@ -117,7 +117,7 @@ HRESULT CSeekIndex::MoveTo(REFERENCE_TIME* target) {
     if (isSet && IsAtOrBelow(m_current, *target) && *target < m_current.endTime - kTolerance)
         return S_OK;
     const bool near = isSet && IsAtOrBelow(m_current, *target) && *target < m_current.time + kTwoSeconds;
-    SeekPoint point = WalkUp(near ? m_current : SearchBelow(*target), *target);
+    SeekPoint point = WalkUp(near ? Bracket{m_current, m_last.filePos} : SearchBelow(*target), *target);
     // The file is another one than it was.
     SeekPoint found;
     if (!Find(point.filePos, point.filePos + kSearchLimit, &found) || found.filePos != point.filePos)
@@ -130,11 +130,13 @@ HRESULT CSeekIndex::MoveTo(REFERENCE_TIME* target) {
     return S_OK;
 }
 
-SeekPoint CSeekIndex::SearchBelow(REFERENCE_TIME target) {
+CSeekIndex::Bracket CSeekIndex::SearchBelow(REFERENCE_TIME target) {
     SeekPoint lower = m_first;
     SeekPoint upper = m_last;
     if (m_current.time != kUnknown)
         (IsAtOrBelow(m_current, target) ? lower : upper) = m_current;
+    // No point begins between end and upper.
+    int64_t end = upper.filePos;
     REFERENCE_TIME bias = std::max<REFERENCE_TIME>(lower.endTime - lower.time, 0);
     for (int round = 0; round < kMostRounds && upper.time > lower.time; ++round) {
         const double rate =
@@ -145,7 +147,8 @@ SeekPoint CSeekIndex::SearchBelow(REFERENCE_TIME target) {
         // Packets stand one behind the other, so most guesses can be made to hit one.
         const int64_t start = std::max(guess - (guess - m_dataStart) % m_packetSize, lower.filePos);
         SeekPoint point;
-        const bool found = Find(start, std::min(start + kSearchLimit, upper.filePos), &point);
+        // What was looked at is not read again.
+        const bool found = start < end && Find(start, std::min(start + kSearchLimit, end), &point);
         if (found && IsAtOrBelow(point, target)) {
             if (point.filePos == lower.filePos)
                 break;
@@ -154,20 +157,23 @@ SeekPoint CSeekIndex::SearchBelow(REFERENCE_TIME target) {
                 break;
         } else if (found) {
             upper = point;
+            end = start;
         } else if (start == lower.filePos) {
             break;
         } else {
+            if (end - start <= kSearchLimit)
+                end = std::min(end, start);
             bias = std::max(bias + bias / 2, bias + kLeastBiasStep);
         }
     }
-    return lower;
+    return {lower, end};
 }
 
-SeekPoint CSeekIndex::WalkUp(const SeekPoint& from, REFERENCE_TIME target) {
-    SeekPoint kept = from;
+SeekPoint CSeekIndex::WalkUp(const Bracket& bracket, REFERENCE_TIME target) {
+    SeekPoint kept = bracket.lower;
     SeekPoint point;
-    for (bool more = Find(from.filePos + m_packetSize, m_last.filePos, &point); more;
-         more = FindNext(m_last.filePos, &point)) {
+    for (bool more = Find(kept.filePos + m_packetSize, bracket.end, &point); more;
+         more = FindNext(bracket.end, &point)) {
         if (!IsAtOrBelow(point, target))
             break;
         kept = point;

@@ -2,9 +2,14 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <optional>
 #include <random>
+#include <utility>
 
 #include "platform/media/MediaResult.h"
+#include "source/StreamFile.h"
 #include "tests/support/SourceFixture.h"
 
 namespace tessel {
@@ -16,6 +21,15 @@ Bytes From(const Bytes& bytes, size_t offset) {
     return {bytes.begin() + static_cast<ptrdiff_t>(offset), bytes.end()};
 }
 
+// The point that a seek to that time begins at.
+const Movie::Point& PointOf(const Movie& movie, REFERENCE_TIME time) {
+    const Movie::Point* point = &movie.points[0];
+    for (const Movie::Point& next : movie.points)
+        if (next.time - 100 <= time && (&next != &movie.points[1] || time >= next.time))
+            point = &next;
+    return *point;
+}
+
 struct SeekCase {
     const char* name;
     MovieOptions options;
@@ -23,14 +37,6 @@ struct SeekCase {
 
 class Seeks : public FileSource, public testing::WithParamInterface<SeekCase> {
 protected:
-    // The point that a seek to that time begins at.
-    static const Movie::Point& PointOf(const Movie& movie, REFERENCE_TIME time) {
-        const Movie::Point* point = &movie.points[0];
-        for (const Movie::Point& next : movie.points)
-            if (next.time - 100 <= time && (&next != &movie.points[1] || time >= next.time))
-                point = &next;
-        return *point;
-    }
     void Check(SourceGraph& graph, const Movie& movie, REFERENCE_TIME target) {
         const Movie::Point& point = PointOf(movie, target);
         if (point.filePos < movie.wrap) {
@@ -135,6 +141,151 @@ TEST_F(FileSource, TimesAGroupByItsFirstPictureShown) {
     EXPECT_EQ(graph.seeking->GetAvailable(&from, &to), S_OK);
     EXPECT_EQ(from, movie.points[0].time - kEarlier);
     EXPECT_EQ(to, movie.points[1].time);
+}
+
+int SeekRounds(int most) {
+    const char* const text = std::getenv("TESSEL_SEEK_ROUNDS");
+    return text != nullptr ? std::atoi(text) : most;
+}
+
+// What a receiver gets first, and what time the first byte of it has.
+struct Beginning {
+    Bytes bytes;
+    std::optional<REFERENCE_TIME> time;
+
+    bool operator==(const Beginning&) const = default;
+};
+
+// A graph whose sinks take the beginning of what comes, and no more of it.
+class BeginningGraph {
+public:
+    BeginningGraph(const fs::path& path, const GUID& videoType) {
+        EXPECT_EQ(m_graph.Load(path), S_OK);
+        m_graph.AddStreams(videoType);
+        for (TestSink* sink : Sinks()) {
+            sink->ForgetAtFlush();
+            sink->OnSample([sink](IMediaSample&) { return sink->Bytes().size() < kBytes ? S_OK : S_FALSE; });
+        }
+    }
+    SourceGraph* operator->() { return &m_graph; }
+    std::vector<Beginning> At(REFERENCE_TIME target, bool paused) {
+        if (!paused) {
+            EXPECT_EQ(m_graph.graph->Stop(), S_OK);
+            m_graph.Forget();
+        }
+        EXPECT_EQ(m_graph.Seek(target), S_OK) << target;
+        if (!paused) {
+            EXPECT_TRUE(SUCCEEDED(m_graph.graph->Pause()));
+        }
+        std::vector<Beginning> all;
+        for (const TestSink* sink : Sinks()) {
+            EXPECT_TRUE(sink->WaitForRest()) << "the beginning of a stream, " << target;
+            const auto samples = sink->Samples();
+            all.push_back({sink->Bytes(), samples.empty() ? std::nullopt : samples[0].time});
+            all.back().bytes.resize(std::min(all.back().bytes.size(), kBytes));
+        }
+        return all;
+    }
+
+private:
+    static constexpr size_t kBytes = 4'000;
+
+    std::array<TestSink*, 2> Sinks() const { return {m_graph.video, m_graph.audio}; }
+
+    SourceGraph m_graph;
+};
+
+// No seek depends on those before it.
+TEST_F(FileSource, SeeksToTheSamePlaceWhereverItComesFrom) {
+    const int rounds = SeekRounds(300);
+    for (const MovieOptions& options : {MovieOptions{.gop = 12, .sizes = 4},
+                                        {.coding = Coding::kAvcIdr, .gop = 25, .pictureSize = 2'000, .sizes = 3}}) {
+        SCOPED_TRACE(static_cast<int>(options.coding));
+        Movie movie(options);
+        movie.Frames(1'500).Padding();
+        const fs::path path = Write(movie.stream.bytes());
+        const GUID& type = TypeOf(options.coding);
+        BeginningGraph graph(path, type);
+        const auto duration = static_cast<uint64_t>(graph->Duration());
+        ASSERT_GT(duration, 0u);
+        ASSERT_TRUE(SUCCEEDED(graph->graph->Pause()));
+        std::mt19937 random(5);
+        for (int round = 0; round < rounds && !HasFailure();) {
+            const auto target = static_cast<REFERENCE_TIME>(random() % duration);
+            // At a point itself, the unit that is near decides.
+            if (std::any_of(movie.points.begin(), movie.points.end(),
+                            [target](const Movie::Point& point) { return std::abs(point.time - target) <= 100; }))
+                continue;
+            ++round;
+            const auto beginnings = graph.At(target, random() % 2 == 0);
+            EXPECT_EQ(beginnings, BeginningGraph(path, type).At(target, false)) << target;
+            const Bytes& video = beginnings[0].bytes;
+            ASSERT_FALSE(video.empty());
+            EXPECT_EQ(video, Bytes(movie.video.begin() + static_cast<ptrdiff_t>(PointOf(movie, target).video),
+                                   movie.video.begin() + static_cast<ptrdiff_t>(PointOf(movie, target).video) +
+                                       static_cast<ptrdiff_t>(video.size())));
+        }
+    }
+}
+
+// Counts what is read of a file.
+class CountingStream final : public CUnknown, public IStream {
+public:
+    explicit CountingStream(ComPtr<IStream> file) : CUnknown("CountingStream", nullptr), m_file(std::move(file)) {}
+    DECLARE_IUNKNOWN
+
+    HRESULT Read(void* buffer, ULONG count, ULONG* read) override {
+        const HRESULT result = m_file->Read(buffer, count, read);
+        m_bytes += *read;
+        return result;
+    }
+    HRESULT Seek(int64_t move, DWORD origin, uint64_t* position) override {
+        return m_file->Seek(move, origin, position);
+    }
+    HRESULT Stat(STATSTG* out, DWORD flags) override { return m_file->Stat(out, flags); }
+    HRESULT Write(const void*, ULONG, ULONG*) override { return E_NOTIMPL; }
+    HRESULT SetSize(uint64_t) override { return E_NOTIMPL; }
+    HRESULT CopyTo(IStream*, uint64_t, uint64_t*, uint64_t*) override { return E_NOTIMPL; }
+    HRESULT Commit(DWORD) override { return E_NOTIMPL; }
+    HRESULT Revert() override { return E_NOTIMPL; }
+    HRESULT LockRegion(uint64_t, uint64_t, DWORD) override { return E_NOTIMPL; }
+    HRESULT UnlockRegion(uint64_t, uint64_t, DWORD) override { return E_NOTIMPL; }
+    HRESULT Clone(IStream**) override { return E_NOTIMPL; }
+
+    // Since the last call.
+    int64_t TakeCount() { return std::exchange(m_bytes, 0); }
+
+private:
+    const ComPtr<IStream> m_file;
+    int64_t m_bytes = 0;
+};
+
+TEST_F(FileSource, ReadsAFewSpansForASeek) {
+    for (const MovieOptions& options : {MovieOptions{.gop = 12, .pictureSize = 20'000, .sizes = 4},
+                                        {.coding = Coding::kAvcIdr, .gop = 50, .pictureSize = 20'000, .sizes = 3},
+                                        {.gop = 12, .start = kWrap - 700 * Movie::kFrame, .pictureSize = 30'000}}) {
+        SCOPED_TRACE(testing::Message() << static_cast<int>(options.coding) << ", " << options.sizes);
+        Movie movie(options);
+        movie.Frames(1'400).Padding();
+        HRESULT result = E_FAIL;
+        const auto file =
+            MakeObject<CountingStream>(OpenStreamFile(Write(movie.stream.bytes()).c_str(), GENERIC_READ, &result));
+        ASSERT_EQ(result, S_OK);
+        CSeekIndex index(*file.Get(), 188, 0,
+                         {.pid = kVideoPid, .subtype = TypeOf(options.coding), .pcrOrigin = options.start * 300});
+        ASSERT_TRUE(index.Build());
+        const double spans =
+            static_cast<double>(movie.stream.bytes().size()) / (static_cast<double>(index.Last().endTime) / 20'000'000);
+        std::mt19937 random(11);
+        for (int i = 0; i < SeekRounds(200) / 2; ++i) {
+            REFERENCE_TIME target = static_cast<REFERENCE_TIME>(random() % static_cast<uint64_t>(index.Last().endTime));
+            const REFERENCE_TIME from = index.Current().time;
+            file->TakeCount();
+            ASSERT_EQ(index.MoveTo(&target), S_OK);
+            const double read = static_cast<double>(file->TakeCount()) / spans;
+            EXPECT_LE(read, 6) << "from " << from << " to " << target;
+        }
+    }
 }
 
 }  // namespace

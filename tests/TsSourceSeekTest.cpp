@@ -261,29 +261,41 @@ private:
 };
 
 TEST_F(FileSource, ReadsAFewSpansForASeek) {
-    for (const MovieOptions& options : {MovieOptions{.gop = 12, .pictureSize = 20'000, .sizes = 4},
-                                        {.coding = Coding::kAvcIdr, .gop = 50, .pictureSize = 20'000, .sizes = 3},
-                                        {.gop = 12, .start = kWrap - 700 * Movie::kFrame, .pictureSize = 30'000}}) {
-        SCOPED_TRACE(testing::Message() << static_cast<int>(options.coding) << ", " << options.sizes);
-        Movie movie(options);
-        movie.Frames(1'400).Padding();
+    struct Case {
+        const char* what;
+        MovieOptions options;
+        int64_t stray;  // of the last time stamps
+        double most;    // spans
+    };
+    const Case cases[] = {
+        {"MPEG-2", {.gop = 12, .pictureSize = 20'000, .sizes = 4}, 0, 6},
+        {"H.264", {.coding = Coding::kAvcIdr, .gop = 50, .pictureSize = 20'000, .sizes = 3}, 0, 6},
+        {"across the wrap", {.gop = 12, .start = kWrap - 700 * Movie::kFrame, .pictureSize = 30'000}, 0, 6},
+        {"a day too late", {.gop = 12, .pictureSize = 20'000}, 86'400 * 90'000ll, 10},
+        {"a minute too late", {.gop = 12, .pictureSize = 20'000}, 60 * 90'000, 10},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        Movie movie(c.options);
+        movie.Frames(1'400);
+        const REFERENCE_TIME length = movie.Now();
+        movie.SetLead(Movie::kLead + c.stray).Frames(c.options.gop).Padding();
         HRESULT result = E_FAIL;
         const auto file =
             MakeObject<CountingStream>(OpenStreamFile(Write(movie.stream.bytes()).c_str(), GENERIC_READ, &result));
         ASSERT_EQ(result, S_OK);
         CSeekIndex index(*file.Get(), 188, 0,
-                         {.pid = kVideoPid, .subtype = TypeOf(options.coding), .pcrOrigin = options.start * 300});
+                         {.pid = kVideoPid, .subtype = TypeOf(c.options.coding), .pcrOrigin = c.options.start * 300});
         ASSERT_TRUE(index.Build());
-        const double spans =
-            static_cast<double>(movie.stream.bytes().size()) / (static_cast<double>(index.Last().endTime) / 20'000'000);
+        const double span = static_cast<double>(movie.stream.bytes().size()) / (static_cast<double>(length) / 2e7);
         std::mt19937 random(11);
         for (int i = 0; i < SeekRounds(200) / 2; ++i) {
-            REFERENCE_TIME target = static_cast<REFERENCE_TIME>(random() % static_cast<uint64_t>(index.Last().endTime));
+            REFERENCE_TIME target = static_cast<REFERENCE_TIME>(random() % static_cast<uint64_t>(length));
             const REFERENCE_TIME from = index.Current().time;
             file->TakeCount();
             ASSERT_EQ(index.MoveTo(&target), S_OK);
-            const double read = static_cast<double>(file->TakeCount()) / spans;
-            EXPECT_LE(read, 6) << "from " << from << " to " << target;
+            EXPECT_EQ(static_cast<size_t>(index.Current().filePos), PointOf(movie, target).filePos) << target;
+            EXPECT_LE(static_cast<double>(file->TakeCount()) / span, c.most) << "from " << from << " to " << target;
         }
     }
 }

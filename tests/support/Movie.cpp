@@ -37,7 +37,7 @@ Movie& Movie::Frames(size_t count) {
         if (m_time >= kWrap && wrap == 0)
             wrap = stream.bytes().size();
         stream.Pcr(kPcrPid, m_time % kWrap * 300);
-        const int64_t pts = (m_time + kLead) % kWrap;
+        const int64_t pts = (m_time + m_lead + kWrap) % kWrap;
         if (m_frames % m_options.gop == 0 && m_options.video)
             points.push_back({stream.bytes().size(), Now(), video.size(), audio.size()});
         if (m_options.video)

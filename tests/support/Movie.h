@@ -54,10 +54,15 @@ public:
         m_time += by;
         return *this;
     }
+    // From the PCR to the time stamps that follow.
+    Movie& SetLead(int64_t lead) {
+        m_lead = lead;
+        return *this;
+    }
     // So that the packets before it are parsed.
     Movie& Padding();
     // Media time of the frame that comes next.
-    REFERENCE_TIME Now() const { return (m_time + kLead - m_options.start) * 1000 / 9; }
+    REFERENCE_TIME Now() const { return (m_time + m_lead - m_options.start) * 1000 / 9; }
 
     build::StreamBuilder stream;
     std::vector<Point> points;
@@ -73,6 +78,7 @@ private:
 
     const MovieOptions m_options;
     int64_t m_time;
+    int64_t m_lead = kLead;
     size_t m_frames = 0;
     size_t m_filler = 0;
 };

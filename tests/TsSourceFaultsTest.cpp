@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <utility>
 
 #include "platform/com/TaskMemory.h"
 #include "platform/media/MediaResult.h"
@@ -15,6 +16,10 @@ using build::Bytes;
 
 Bytes From(const Bytes& bytes, size_t offset) {
     return {bytes.begin() + static_cast<ptrdiff_t>(offset), bytes.end()};
+}
+
+bool IsBeginning(const Bytes& bytes, const Bytes& of) {
+    return bytes.size() <= of.size() && std::equal(bytes.begin(), bytes.end(), of.begin());
 }
 
 TEST_F(FileSource, LoadsOnlyWhatHasTablesAndClocks) {
@@ -109,6 +114,138 @@ TEST_F(FileSource, PlaysOnBehindAHole) {
     EXPECT_TRUE(std::equal(received.begin(), received.begin() + static_cast<ptrdiff_t>(video), movie.video.begin()));
     EXPECT_TRUE(std::equal(movie.video.rbegin(), movie.video.rend() - static_cast<ptrdiff_t>(video + 3'000),
                            received.rbegin()));
+}
+
+// A hole that swallows whole groups: what is sought in it begins in front of it.
+TEST_F(FileSource, SeeksAroundAHole) {
+    Movie movie;
+    movie.Frames(100);
+    const size_t before = movie.points.size() - 1;
+    const size_t from = movie.stream.bytes().size();
+    const size_t videoBefore = movie.video.size();
+    movie.Frames(50);
+    const size_t behind = movie.points.size();
+    const size_t to = movie.stream.bytes().size();
+    movie.Frames(100).Padding();
+    Bytes bytes = movie.stream.bytes();
+    std::fill(bytes.begin() + static_cast<ptrdiff_t>(from), bytes.begin() + static_cast<ptrdiff_t>(to), uint8_t{0});
+    SourceGraph graph;
+    ASSERT_EQ(graph.Load(Write(bytes)), S_OK);
+    graph.AddStreams();
+    EXPECT_EQ(graph.Duration(), movie.Now());
+    const auto& points = movie.points;
+    const std::pair<REFERENCE_TIME, size_t> seeks[] = {{points[before + 3].time, before},
+                                                       {points[behind].time, behind},
+                                                       {points[before].time - 1'000'000, before - 1},
+                                                       {points[behind].time - 1'000'000, before},
+                                                       {points[behind + 2].time + 1'000'000, behind + 2}};
+    for (const auto& [time, point] : seeks) {
+        SCOPED_TRACE(time);
+        ASSERT_EQ(graph.graph->Stop(), S_OK);
+        graph.Forget();
+        ASSERT_EQ(graph.Seek(time), S_OK);
+        // The jump of the clock behind the hole is the end of what begins in front of it.
+        graph.Play();
+        Bytes video = graph.video->Bytes();
+        const Bytes expected = From(movie.video, points[point].video);
+        if (point >= behind) {
+            EXPECT_TRUE(video == expected);
+        } else {
+            EXPECT_EQ(graph.AbortResult(), VFW_E_INVALID_FILE_FORMAT);
+            // Behind the hole some may have come before the jump was seen.
+            video.resize(std::min(video.size(), videoBefore - points[point].video));
+            EXPECT_TRUE(IsBeginning(video, expected));
+        }
+    }
+}
+
+// The duration is what the last stamp says it is. Played, a stamp that is far off may pass for a jump of the clock.
+TEST_F(FileSource, PlaysAndSeeksWithAWrongLastTimeStamp) {
+    for (const int64_t by : {int64_t{36'000} * 90'000, int64_t{90'000}, int64_t{-3} * 90'000, int64_t{-9} * 90'000}) {
+        SCOPED_TRACE(by);
+        Movie movie;
+        movie.Frames(200);
+        const REFERENCE_TIME length = movie.Now();
+        movie.SetLead(Movie::kLead + by).Frames(10).Padding();
+        SourceGraph graph;
+        ASSERT_EQ(graph.Load(Write(movie.stream.bytes())), S_OK);
+        graph.AddStreams();
+        const REFERENCE_TIME duration = graph.Duration();
+        EXPECT_EQ(duration, movie.Now());
+        for (const REFERENCE_TIME target : {length / 3, length / 2, length - 5'000'000, REFERENCE_TIME{0}}) {
+            ASSERT_EQ(graph.graph->Stop(), S_OK);
+            graph.Forget();
+            ASSERT_EQ(graph.Seek(target), S_OK);
+            graph.Play();
+            // Behind the last point there is nothing but that.
+            const Movie::Point* point = &movie.points.back();
+            if (target < point->time)
+                for (point = &movie.points[0]; (point + 1)->time <= target;)
+                    ++point;
+            EXPECT_TRUE(IsBeginning(graph.video->Bytes(), From(movie.video, point->video))) << target;
+        }
+    }
+}
+
+// Sought in, a file that has become another one plays what is there.
+TEST_F(FileSource, SeeksInAFileThatOthersChange) {
+    Movie movie({.pictureSize = 10'000});
+    movie.Frames(300).Padding();
+    Movie longer({.pictureSize = 10'000});
+    longer.Frames(400).Padding();
+    const Bytes& whole = movie.stream.bytes();
+    const Movie::Point& middle = movie.points[15];
+    struct Case {
+        const char* what;
+        std::function<void(const fs::path&)> change;
+        HRESULT result;
+        size_t latest;  // place of the point that it begins at, or of an earlier one
+    };
+    const Case cases[] = {
+        {"grows", [&](const fs::path&) { Write(longer.stream.bytes()); }, S_OK, middle.filePos},
+        {"shrinks behind the place", [&](const fs::path& path) { fs::resize_file(path, whole.size() * 3 / 4); }, S_OK,
+         middle.filePos},
+        {"shrinks before it", [&](const fs::path& path) { fs::resize_file(path, whole.size() / 4); }, S_OK,
+         whole.size() / 4},
+        {"is emptied", [&](const fs::path& path) { fs::resize_file(path, 0); }, E_FAIL, 0},
+        {"is deleted", [](const fs::path& path) { fs::remove(path); }, S_OK, middle.filePos},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const fs::path path = Write(whole);
+        SourceGraph graph;
+        ASSERT_EQ(graph.Load(path), S_OK);
+        graph.AddStreams();
+        const REFERENCE_TIME duration = graph.Duration();
+        c.change(path);
+        EXPECT_EQ(graph.Seek(middle.time), c.result);
+        EXPECT_EQ(graph.Duration(), duration) << "as it was loaded";
+        graph.Play();
+        const Bytes video = graph.video->Bytes();
+        EXPECT_EQ(video.empty(), c.result != S_OK);
+        const auto point = std::find_if(movie.points.rbegin(), movie.points.rend(),
+                                        [&c](const Movie::Point& candidate) { return candidate.filePos <= c.latest; });
+        if (c.result == S_OK) {
+            EXPECT_TRUE(IsBeginning(video, From(longer.video, point->video)));
+        }
+    }
+}
+
+TEST_F(FileSource, TakesTheLongestNameThatIsAllowed) {
+    Movie movie;
+    movie.Frames(50).Padding();
+    for (const size_t length : {259, 260}) {
+        fs::path folder = m_folder;
+        while (folder.native().size() < 200)
+            folder /= "folder";
+        fs::create_directories(folder);
+        const size_t left = length - folder.native().size() - 1;
+        const fs::path path =
+            Write(movie.stream.bytes(), (fs::relative(folder, m_folder) / std::string(left, 'n')).c_str());
+        ASSERT_EQ(path.native().size(), length);
+        SourceGraph graph;
+        EXPECT_EQ(graph.Load(path), length == 259 ? S_OK : E_INVALIDARG);
+    }
 }
 
 TEST_F(FileSource, EndsWithAnAbortWhereTheClockJumps) {

@@ -52,6 +52,7 @@ void CElementaryStream::OnReset() {
     if (m_cache)
         m_cache->Clear();
     m_lastContinuityCounter = -1;
+    m_headerLeft = 0;
     m_programNumber = 0;
     m_streamPid = kNoPid;
     m_patience = kMostRefusals;
@@ -228,6 +229,7 @@ void CElementaryStream::OnContinuityError() {
     else if (m_pin.Mode() != StreamingMode::kFile && !m_marks.empty())
         ++m_marks.back().errorCount;
     m_lastContinuityCounter = -1;
+    m_headerLeft = 0;
 }
 
 inline bool CElementaryStream::CheckContinuity(const OfferedPacket& packet) {
@@ -267,20 +269,26 @@ inline HRESULT CElementaryStream::Add(const OfferedPacket& packet) {
     if (!CheckContinuity(packet))
         return S_OK;
     const uint8_t* payload = packet.bytes + offset;
-    if (packet.header.PayloadUnitStartIndicator() && length >= kLeastPesHeader) {
-        const std::span start(payload, static_cast<size_t>(length));
-        if (!IsPesStart(start)) {
-            OnContinuityError();
-            return S_OK;
+    if (packet.header.PayloadUnitStartIndicator()) {
+        m_headerLeft = 0;
+        if (length >= kLeastPesHeader) {
+            const std::span start(payload, static_cast<size_t>(length));
+            if (!IsPesStart(start)) {
+                OnContinuityError();
+                return S_OK;
+            }
+            const PesHeader header = ParsePesHeader(start);
+            if (header.timestamp != kNoTimestamp)
+                AddMark(header.timestamp);
+            if (!m_pin.KeepsPesHeaders())
+                m_headerLeft = header.size;
         }
-        const PesHeader header = ParsePesHeader(start);
-        if (header.timestamp != kNoTimestamp)
-            AddMark(header.timestamp);
-        if (!m_pin.KeepsPesHeaders()) {
-            const int32_t skipped = std::min(header.size, length);
-            payload += skipped;
-            length -= skipped;
-        }
+    }
+    if (m_headerLeft > 0) {
+        const int32_t skipped = std::min(m_headerLeft, length);
+        payload += skipped;
+        length -= skipped;
+        m_headerLeft -= skipped;
     }
     if (length > 0)
         m_cache->AppendPiece(payload, length);

@@ -193,6 +193,22 @@ TEST(ElementaryStream, MarksWhatCarriesATime) {
     EXPECT_EQ(at.content->GetFirstTimestamp(), 77);
 }
 
+// ISO/IEC 13818-1, 2.4.3.7: up to 255 bytes of header data, and a packet holds 184.
+TEST(ElementaryStream, SkipsAHeaderLongerThanAPacket) {
+    for (const bool cut : {false, true}) {
+        LooseContent at(2, {kPid});
+        at.stream.Pes(kPid, 0xE0, Bytes(100, 0x11), {.pts = 5, .unbounded = true, .headerStuffing = 250});
+        if (cut)
+            at.stream.bytes().resize(188);
+        EXPECT_EQ(at.Add(std::exchange(at.stream.bytes(), {})), S_OK);
+        EXPECT_EQ(at.content->QueuedBytes(), cut ? 0 : 100);
+        EXPECT_EQ(at.content->GetFirstTimestamp(), 5);
+        // The next one begins whatever has come of the last one's header.
+        EXPECT_EQ(at.AddPes(7, 10), S_OK);
+        EXPECT_EQ(at.content->QueuedBytes(), cut ? 10 : 110);
+    }
+}
+
 TEST(ElementaryStream, GrowsUntilTheParserWaitsOrTheOldestGoes) {
     LooseContent streaming(2, {kPid});
     streaming.Bind(0x02);

@@ -141,6 +141,7 @@ HRESULT CTsFilterBase::CreateOutputPin(AM_MEDIA_TYPE* type, const OLECHAR* name,
             return result;
         }
     }
+    SetDirty(true);
     *out = ComPtr<IPin>(pin.get()).Detach();
     return S_OK;
 }

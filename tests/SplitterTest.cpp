@@ -529,6 +529,24 @@ TEST(SavedStateDeathTest, PassesBetweenProcesses) {
     EXPECT_EQ(graph.Pin(u"PSIOut")->Map().Entries(), std::vector<ULONG>{ALL_TABLES});
 }
 
+TEST(SavedState, IsToBeSavedAfterEveryChange) {
+    SplitterGraph graph;
+    const ULONG pid = 0x101;
+    ComPtr<IPin> pin;
+    const std::function<HRESULT()> changes[] = {
+        [&] { return graph.demultiplexer->CreateOutputPin(nullptr, u"pin", pin.Put()); },
+        [&] { return pin.As<IMPEG2PIDMap>()->MapPID(1, &pid, MEDIA_ELEMENTARY_STREAM); },
+        [&] { return pin.As<IMPEG2PIDMap>()->UnmapPID(1, &pid); },
+        [&] { return graph.demultiplexer->DeleteOutputPin(u"pin"); },
+    };
+    for (size_t i = 0; i < std::size(changes); ++i) {
+        Save(*graph.splitter);
+        ASSERT_EQ(graph.splitter->IsDirty(), S_FALSE);
+        EXPECT_EQ(changes[i](), S_OK);
+        EXPECT_EQ(graph.splitter->IsDirty(), S_OK) << i;
+    }
+}
+
 TEST(SavedState, ComesBackOrIsRefused) {
     SplitterGraph saved;
     const std::u16string longName(49, u'n');

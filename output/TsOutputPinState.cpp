@@ -231,7 +231,7 @@ HRESULT CTsOutputPin::Active() {
         content->Inactive();
         return E_FAIL;
     }
-    result = content->Active();
+    result = Activate(*content);
     if (FAILED(result))
         return result;
     result = CBaseOutputPin::Active();
@@ -328,7 +328,7 @@ HRESULT CTsOutputPin::DeliverEndFlush() {
     BeginEpoch();
     m_flushing = false;
     const auto content = Content();
-    if (!m_host.IsHostStopped() && IsConnected() && content && Thread() && SUCCEEDED(content->Active())) {
+    if (!m_host.IsHostStopped() && IsConnected() && content && Thread() && SUCCEEDED(Activate(*content))) {
         m_event->Reset();
         NoteDeliverable();
         if (m_mode == StreamingMode::kFile)

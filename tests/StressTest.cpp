@@ -315,5 +315,38 @@ TEST_F(StressOfFiles, PlaySeekStop) {
     }
 }
 
+// Whoever comes first, the stream that is mapped plays.
+TEST_F(StressOfFiles, MapBesidePause) {
+    Movie movie;
+    movie.Frames(50).Padding();
+    SourceGraph graph;
+    ASSERT_EQ(graph.Load(Write(movie.stream.bytes())), S_OK);
+    graph.AddStreams();
+    const auto pin = std::dynamic_pointer_cast<CTsOutputPin>(dynamic_cast<CTsSource&>(*graph.filter.Get()).GetPin(0));
+    ASSERT_TRUE(pin);
+    const ULONG pid = kVideoPid;
+    std::mt19937 random(3);
+    for (int round = 0; round < 10 * Rounds() && !HasFailure(); ++round) {
+        const Watchdog watchdog("map beside pause, round " + std::to_string(round));
+        std::atomic<bool> go{false};
+        std::thread mapping([&] {
+            while (!go) {
+            }
+            EXPECT_EQ(pin->UnmapPID(1, &pid), S_OK);
+            EXPECT_EQ(pin->MapPID(1, &pid, MEDIA_ELEMENTARY_STREAM), S_OK);
+        });
+        const auto pause = std::chrono::steady_clock::now() + std::chrono::microseconds(random() % 50);
+        go = true;
+        while (std::chrono::steady_clock::now() < pause) {
+        }
+        EXPECT_GE(graph.graph->Pause(), 0);
+        mapping.join();
+        EXPECT_TRUE(pin->Content()->IsActive()) << round;
+        EXPECT_TRUE(graph.video->WaitForEnd());
+        EXPECT_EQ(graph.graph->Stop(), S_OK);
+        graph.Forget();
+    }
+}
+
 }  // namespace
 }  // namespace tessel

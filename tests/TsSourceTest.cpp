@@ -184,6 +184,27 @@ TEST_F(FileSource, PlaysTheServiceThatIsChosen) {
     }
 }
 
+TEST_F(FileSource, TwoChoicesAtOnceMakeOnePairOfPins) {
+    Movie movie;
+    movie.Frames(20).Padding();
+    const fs::path path = Write(movie.stream.bytes());
+    for (int round = 0; round < 50; ++round) {
+        SourceGraph graph;
+        ASSERT_EQ(graph.Load(path), S_OK);
+        std::atomic<int> ready{0};
+        const auto choose = [&] {
+            ++ready;
+            while (ready < 2) {
+            }
+            EXPECT_EQ(graph.filter.As<IGetSetParam>()->SetParam(kParamSelectService, 0), S_OK);
+        };
+        std::thread other(choose);
+        choose();
+        other.join();
+        ASSERT_EQ(dynamic_cast<CTsSource&>(*graph.filter.Get()).GetPinCount(), 2) << round;
+    }
+}
+
 // Plays, seeks, pauses and stops in any order, while another thread asks.
 TEST_F(FileSource, StandsWhateverItsClientsDo) {
     Movie movie;

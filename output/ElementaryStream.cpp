@@ -56,6 +56,7 @@ void CElementaryStream::OnReset() {
     if (m_cache)
         m_cache->Clear();
     m_lastContinuityCounter = -1;
+    m_headerLeft = 0;
     m_programNumber = 0;
     m_streamPid = kNoPid;
     m_patience = kMostRefusals;
@@ -233,6 +234,7 @@ void CElementaryStream::OnContinuityError() {
     else if (m_pin.Mode() != StreamingMode::kFile && !m_marks.empty())
         ++m_marks.back().errorCount;
     m_lastContinuityCounter = -1;
+    m_headerLeft = 0;
 }
 
 inline bool CElementaryStream::CheckContinuity(const OfferedPacket& packet) {
@@ -268,7 +270,7 @@ inline size_t CElementaryStream::AddWholePayloads(std::span<const OfferedPacket>
     constexpr uint32_t kFlags = 0x400030;  // payload_unit_start_indicator, adaptation_field_control
     constexpr uint32_t kPayloadOnly = 0x10;
     constexpr int32_t kPayload = kTransportPacketSize - 4;
-    if (m_lastContinuityCounter == -1)
+    if (m_lastContinuityCounter == -1 || m_headerLeft > 0)
         return 0;
     auto counter = static_cast<uint32_t>(m_lastContinuityCounter);
     uint8_t* to = m_cache->WritePointer();
@@ -304,22 +306,28 @@ inline HRESULT CElementaryStream::Add(const OfferedPacket& packet) {
     if (!CheckContinuity(packet))
         return S_OK;
     const uint8_t* payload = packet.bytes + offset;
-    if (packet.header.PayloadUnitStartIndicator() && length >= kLeastPesHeader) {
-        const std::span start(payload, static_cast<size_t>(length));
-        if (!IsPesStart(start)) {
-            OnContinuityError();
-            return S_OK;
+    if (packet.header.PayloadUnitStartIndicator()) {
+        m_headerLeft = 0;
+        if (length >= kLeastPesHeader) {
+            const std::span start(payload, static_cast<size_t>(length));
+            if (!IsPesStart(start)) {
+                OnContinuityError();
+                return S_OK;
+            }
+            const PesHeader header = ParsePesHeader(start);
+            if (header.timestamp != kNoTimestamp) {
+                AddMark(header.timestamp);
+                m_cache->BeginUnit();
+            }
+            if (!m_pin.KeepsPesHeaders())
+                m_headerLeft = header.size;
         }
-        const PesHeader header = ParsePesHeader(start);
-        if (header.timestamp != kNoTimestamp) {
-            AddMark(header.timestamp);
-            m_cache->BeginUnit();
-        }
-        if (!m_pin.KeepsPesHeaders()) {
-            const int32_t skipped = std::min(header.size, length);
-            payload += skipped;
-            length -= skipped;
-        }
+    }
+    if (m_headerLeft > 0) {
+        const int32_t skipped = std::min(m_headerLeft, length);
+        payload += skipped;
+        length -= skipped;
+        m_headerLeft -= skipped;
     }
     if (length > 0)
         m_cache->Append(payload, length);

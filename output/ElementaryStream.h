@@ -55,6 +55,7 @@ private:
     int32_t m_capacity OS_GUARDED_BY(m_lock) = 0;  // the most bytes that the cache may hold
     int32_t m_patience OS_GUARDED_BY(m_lock) = 0;
     int32_t m_lastContinuityCounter OS_GUARDED_BY(m_lock) = -1;  // -1: the next one is right
+    int32_t m_headerLeft OS_GUARDED_BY(m_lock) = 0;              // bytes of a PES header that are still to come
     int32_t m_pmtVersion OS_GUARDED_BY(m_lock) = -1;
     uint32_t m_programNumber OS_GUARDED_BY(m_lock) = 0;  // 0: none
     uint32_t m_streamPid OS_GUARDED_BY(m_lock) = kNoPid;

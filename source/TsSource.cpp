@@ -49,23 +49,12 @@ std::optional<std::string> ToNarrow(std::u16string_view text) {
 CTsSource::CTsSource(IUnknown* outer)
     : CTsFilterBase("CTsSource", CPacketReader::kReadSize, outer),
       m_workEvent(std::make_shared<CEvent>(EventReset::kAuto)),
-      m_gate(std::make_shared<TaskGate>()),
-      m_workerLife(this, [](IRALThreadExecutor*) {}) {}
+      m_hurry(std::make_shared<CEvent>(EventReset::kAuto)),
+      m_worker(this, m_workEvent) {}
 
 CTsSource::~CTsSource() {
     Stop();
-    m_workerLife = nullptr;
-    RALThreadPtr<CRALExecutorThread> worker;
-    {
-        CScopedLock lock(&m_workerLock);
-        worker = std::move(m_worker);
-    }
-    if (!worker)
-        return;
-    const std::shared_ptr<CRALThread> thread = worker.get_deleter().thread;
-    worker = nullptr;
-    // A task that began just before it was stopped uses what is about to go.
-    thread->WaitForEnd(INFINITE);
+    m_worker.End();
 }
 
 HRESULT CTsSource::NonDelegatingQueryInterface(const IID& iid, void** out) {

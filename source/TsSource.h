@@ -2,14 +2,13 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 
 #include "core/TsFilterBase.h"
-#include "filters/threads/RALExecutorThread.h"
+#include "filters/threads/FilterWorker.h"
 #include "platform/com/PropertyPages.h"
 #include "source/SeekIndex.h"
 
@@ -113,8 +112,6 @@ private:
     bool EndInput(uint32_t epoch);
     void EndOutputs();
     void AbortPlayback(uint32_t epoch);
-    void PauseWorker();
-    HRESULT ResumeWorker();
     void ApplyOffsets();
 
     // Seeking
@@ -167,20 +164,11 @@ private:
     };
     Start m_start OS_GUARDED_BY(StreamingLock());
 
-    CCritSec m_workerLock{"file source's worker", kRankPin};
-    RALThreadPtr<CRALExecutorThread> m_worker OS_GUARDED_BY(m_workerLock);
     const std::shared_ptr<CEvent> m_workEvent;
-    // What the worker still uses when its task has let go of the filter.
-    struct TaskGate {
-        std::mutex mutex;
-        std::condition_variable changed;
-        bool inTask = false;
-        CEvent hurry{EventReset::kAuto};  // ends the worker's short waits
-    };
-    const std::shared_ptr<TaskGate> m_gate;
+    // Ends the worker's short waits. Shared, as it is used when the task has let go of the filter.
+    const std::shared_ptr<CEvent> m_hurry;
+    CFilterWorker m_worker;
     std::atomic<std::thread::id> m_workerId{};
-    // What the worker's thread knows of the filter; gone before the filter goes.
-    std::shared_ptr<IRALThreadExecutor> m_workerLife;
 };
 
 // A file source without a file. E_OUTOFMEMORY, E_FAIL.

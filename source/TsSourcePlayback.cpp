@@ -1,6 +1,4 @@
 // The file source's worker, and what starts and ends it.
-#include <chrono>
-
 #include "platform/media/MediaResult.h"
 #include "source/TsSource.h"
 
@@ -8,10 +6,10 @@ namespace tessel {
 
 namespace {
 
-constexpr size_t kWorkerStack = 65'536;
 // Milliseconds after which the worker looks again.
 constexpr uint32_t kRetryWait = 10;
-constexpr std::chrono::milliseconds kTaskWait{100};
+// Milliseconds that a stop waits for the worker.
+constexpr uint32_t kTaskWait = 100;
 
 }  // namespace
 
@@ -21,16 +19,14 @@ HRESULT CTsSource::Pause() {
     if (IsStopped())
         IsSeekable();
     const HRESULT result = CTsFilterBase::Pause();
-    m_gate->hurry.Set();
+    m_hurry->Set();
     return result;
 }
 
 HRESULT CTsSource::Stop() {
     const HRESULT result = CTsFilterBase::Stop();
     // So that the filter is its clients' alone again. A task that waits for a receiver is left to it.
-    std::unique_lock lock(m_gate->mutex);
-    if (!IsOnWorker())
-        m_gate->changed.wait_for(lock, kTaskWait, [this] { return !m_gate->inTask; });
+    m_worker.WaitForTask(kTaskWait);
     return result;
 }
 
@@ -54,12 +50,14 @@ HRESULT CTsSource::StartStreaming() {
     }
     RunDeferred();
     ApplyOffsets();
-    return ResumeWorker();
+    const HRESULT result = m_worker.Start(WorkerPriority());
+    m_workEvent->Set();
+    return result;
 }
 
 HRESULT CTsSource::StopStreaming() {
-    PauseWorker();
-    m_gate->hurry.Set();
+    m_worker.Pause();
+    m_hurry->Set();
     // A task that is under way comes to its end, unless the filter stops: then it may be waiting for a receiver that
     // waits for this thread. It finds the epoch moved on.
     const bool hasTurn = TakeParseTurn();
@@ -85,27 +83,6 @@ void CTsSource::ApplyOffsets() {
         pin->SetStreamOffset(pin->Media() == MediaClass::kVideo ? start.frameDuration - start.origin : -start.origin);
 }
 
-void CTsSource::PauseWorker() {
-    CScopedLock lock(&m_workerLock);
-    if (m_worker)
-        m_worker->Pause();
-}
-
-HRESULT CTsSource::ResumeWorker() {
-    CScopedLock lock(&m_workerLock);
-    if (!m_worker) {
-        auto worker = MakeRALThread<CRALExecutorThread>(m_workerLife);
-        if (!worker)
-            return E_FAIL;
-        worker->SetWake(m_workEvent);
-        worker->Start(nullptr, kWorkerStack);
-        m_worker = std::move(worker);
-    }
-    m_worker->Resume(WorkerPriority());
-    m_workEvent->Set();
-    return S_OK;
-}
-
 HRESULT CTsSource::OnThreadStart() {
     m_workerId = std::this_thread::get_id();
     return S_OK;
@@ -122,24 +99,15 @@ CTsSource::Input CTsSource::ReadInput() {
 
 uint32_t CTsSource::DoOneThreadTask() {
     const std::shared_ptr<CEvent> work = m_workEvent;
-    const std::shared_ptr<TaskGate> gate = m_gate;
-    {
-        const std::lock_guard lock(gate->mutex);
-        gate->inTask = true;
-    }
+    const std::shared_ptr<CEvent> hurry = m_hurry;
     bool waits = false;
     {
         // What is called from here may let go of the filter.
         const ComPtr<IBaseFilter> self(this);
         waits = RunTask();
     }
-    {
-        const std::lock_guard lock(gate->mutex);
-        gate->inTask = false;
-        gate->changed.notify_all();
-    }
     if (waits)
-        gate->hurry.Wait(kRetryWait);
+        hurry->Wait(kRetryWait);
     work->Set();
     return INFINITE;
 }
@@ -182,7 +150,7 @@ bool CTsSource::EndInput(uint32_t epoch) {
     ++m_inputEpoch;
     CTsFilterBase::StopStreaming();
     m_endOfStream = true;
-    PauseWorker();
+    m_worker.Pause();
     return true;
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <thread>
 
+#include "core/StartSync.h"
 #include "output/PesHeader.h"
 #include "output/SampleClock.h"
 #include "tests/support/FilterFixture.h"
@@ -191,6 +192,22 @@ TEST(ElementaryStream, MarksWhatCarriesATime) {
     EXPECT_EQ(at.content->GetFirstTimestamp(), 77);
     EXPECT_EQ(at.AddPes(78, 10), S_OK);
     EXPECT_EQ(at.content->GetFirstTimestamp(), 77);
+}
+
+// ISO/IEC 13818-1, 2.4.3.7: up to 255 bytes of header data, and a packet holds 184.
+TEST(ElementaryStream, SkipsAHeaderLongerThanAPacket) {
+    for (const bool cut : {false, true}) {
+        LooseContent at(2, {kPid});
+        at.stream.Pes(kPid, 0xE0, Bytes(100, 0x11), {.pts = 5, .unbounded = true, .headerStuffing = 250});
+        if (cut)
+            at.stream.bytes().resize(188);
+        EXPECT_EQ(at.Add(std::exchange(at.stream.bytes(), {})), S_OK);
+        EXPECT_EQ(at.content->QueuedBytes(), cut ? 0 : 100);
+        EXPECT_EQ(at.content->GetFirstTimestamp(), 5);
+        // The next one begins whatever has come of the last one's header.
+        EXPECT_EQ(at.AddPes(7, 10), S_OK);
+        EXPECT_EQ(at.content->QueuedBytes(), cut ? 10 : 110);
+    }
 }
 
 TEST(ElementaryStream, GrowsUntilTheParserWaitsOrTheOldestGoes) {
@@ -413,6 +430,39 @@ TEST(StartSync, TheFirstAudioIsTheStartOfAll) {
             EXPECT_EQ(audio->Times()[0], 0);
         }
     }
+}
+
+// In a file the program of a mapped stream is known without a connection.
+TEST(StartSync, WaitsForNoStreamThatIsNotPlayed) {
+    LooseContent donor(2, {kPid});
+    donor.tables.programmes()[0].streams = {Video(kPid), Audio(kOtherPid)};
+    donor.filter->Feed(donor.tables.Tables().Padding().Take());
+    ComPtr<IDvbTable> table;
+    ASSERT_EQ(donor.filter->GetTable(0x02, 1, table.Put()), S_OK);
+    const auto pmt = table.As<IDvbProgramMapTable>();
+
+    LooseContent played(2, {kPid}, StreamingMode::kFile);
+    EXPECT_EQ(played.content->SetProgram(1, pmt.Get(), played.content->Epoch()), S_OK);
+    ComPtr<IPin> handle;
+    AM_MEDIA_TYPE type = MakeMediaType(MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload);
+    ASSERT_EQ(played.filter->CreateOutputPin(&type, u"other", handle.Put()), S_OK);
+    const auto other = std::dynamic_pointer_cast<CTsOutputPin>(played.filter->GetPin(1));
+    const ULONG pid = kOtherPid;
+    ASSERT_EQ(other->MapPID(1, &pid, MEDIA_ELEMENTARY_STREAM), S_OK);
+    ASSERT_EQ(other->Content()->Active(), S_OK);
+    EXPECT_EQ(other->Content()->SetProgram(1, pmt.Get(), other->Content()->Epoch()), S_OK);
+    const int32_t pcrPid = played.pin->GetPcrPid();
+    ASSERT_GE(pcrPid, 0);
+    EXPECT_EQ(played.AddPes(5, 70'000), S_OK);
+    StreamBuilder pcr;
+    played.filter->Feed(pcr.Pcr(static_cast<uint16_t>(pcrPid), 0).Null().Null().bytes());
+    SyncOrigin origin{};
+    const std::vector<OutputPinPtr> pins = {played.pin, other};
+    EXPECT_FALSE(StartClock(played.filter->Clocks(), pcrPid, pins, {}, &origin)) << "the other stream plays";
+    other->Content()->Inactive();
+    EXPECT_EQ(other->GetPcrPid(), pcrPid);
+    EXPECT_TRUE(StartClock(played.filter->Clocks(), pcrPid, pins, {}, &origin));
+    EXPECT_EQ(origin.pts, 5);
 }
 
 // Holds a sink's deliveries until the test opens it.

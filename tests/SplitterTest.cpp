@@ -214,6 +214,27 @@ TEST(Splitter, TheEndComesBehindWhatIsQueuedAndOnce) {
     EXPECT_EQ(endsBefore, 0u);
 }
 
+TEST(Splitter, AReceiverThatWantsNoMoreIsToldOfTheEnd) {
+    SplitterGraph graph;
+    TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kVideoPid);
+    TestSink& audio = graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kAudioPid);
+    const Bytes stream = TwoStreams().Tables().Frames(40).Padding().Take();
+    for (int round = 0; round < 2; ++round) {
+        video.Forget();
+        audio.Forget();
+        video.OnSample([&](IMediaSample&) { return video.Samples().empty() ? S_OK : S_FALSE; });
+        ASSERT_EQ(graph.Run(), S_OK);
+        ASSERT_EQ(graph.source->Push(stream), S_OK);
+        ASSERT_TRUE(video.WaitForRest());
+        ASSERT_EQ(graph.End(), S_OK);
+        ASSERT_TRUE(audio.WaitForEnd());
+        EXPECT_TRUE(video.WaitForEnd()) << "the end of what it refused";
+        ASSERT_EQ(graph.graph->Stop(), S_OK);
+        EXPECT_EQ(video.Samples().size(), 1u);
+        EXPECT_EQ(video.Ends(), 1u);
+    }
+}
+
 TEST(Splitter, AnotherTransportStreamStartsTheOutputsAnew) {
     SplitterGraph graph;
     TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kVideoPid);
@@ -506,6 +527,24 @@ TEST(SavedStateDeathTest, PassesBetweenProcesses) {
     EXPECT_EQ(graph.Pin(u"stream")->Kind(), ContentKind::kElementaryStream);
     EXPECT_EQ(graph.Pin(u"Output1")->Map().Entries(), (std::vector<ULONG>{0x11, 0x1FF, 0x200}));
     EXPECT_EQ(graph.Pin(u"PSIOut")->Map().Entries(), std::vector<ULONG>{ALL_TABLES});
+}
+
+TEST(SavedState, IsToBeSavedAfterEveryChange) {
+    SplitterGraph graph;
+    const ULONG pid = 0x101;
+    ComPtr<IPin> pin;
+    const std::function<HRESULT()> changes[] = {
+        [&] { return graph.demultiplexer->CreateOutputPin(nullptr, u"pin", pin.Put()); },
+        [&] { return pin.As<IMPEG2PIDMap>()->MapPID(1, &pid, MEDIA_ELEMENTARY_STREAM); },
+        [&] { return pin.As<IMPEG2PIDMap>()->UnmapPID(1, &pid); },
+        [&] { return graph.demultiplexer->DeleteOutputPin(u"pin"); },
+    };
+    for (size_t i = 0; i < std::size(changes); ++i) {
+        Save(*graph.splitter);
+        ASSERT_EQ(graph.splitter->IsDirty(), S_FALSE);
+        EXPECT_EQ(changes[i](), S_OK);
+        EXPECT_EQ(graph.splitter->IsDirty(), S_OK) << i;
+    }
 }
 
 TEST(SavedState, ComesBackOrIsRefused) {

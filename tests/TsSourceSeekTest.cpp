@@ -143,9 +143,9 @@ TEST_F(FileSource, TimesAGroupByItsFirstPictureShown) {
     EXPECT_EQ(to, movie.points[1].time);
 }
 
-int SeekRounds(int most) {
+int SeekRounds(int usual) {
     const char* const text = std::getenv("TESSEL_SEEK_ROUNDS");
-    return text != nullptr ? std::atoi(text) : most;
+    return text != nullptr ? std::atoi(text) : usual;
 }
 
 // What a receiver gets first, and what time the first byte of it has.
@@ -197,7 +197,7 @@ private:
 
 // No seek depends on those before it.
 TEST_F(FileSource, SeeksToTheSamePlaceWhereverItComesFrom) {
-    const int rounds = SeekRounds(300);
+    const int rounds = SeekRounds(100);
     for (const MovieOptions& options : {MovieOptions{.gop = 12, .sizes = 4},
                                         {.coding = Coding::kAvcIdr, .gop = 25, .pictureSize = 2'000, .sizes = 3}}) {
         SCOPED_TRACE(static_cast<int>(options.coding));
@@ -289,7 +289,7 @@ TEST_F(FileSource, ReadsAFewSpansForASeek) {
         ASSERT_TRUE(index.Build());
         const double span = static_cast<double>(movie.stream.bytes().size()) / (static_cast<double>(length) / 2e7);
         std::mt19937 random(11);
-        for (int i = 0; i < SeekRounds(200) / 2; ++i) {
+        for (int i = 0; i < SeekRounds(100) / 2; ++i) {
             REFERENCE_TIME target = static_cast<REFERENCE_TIME>(random() % static_cast<uint64_t>(length));
             const REFERENCE_TIME from = index.Current().time;
             file->TakeCount();

@@ -1,13 +1,11 @@
 // The file source in a graph: what it makes of a file, what comes out when it plays, and what it answers.
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <atomic>
 #include <random>
 #include <thread>
 
 #include "core/PropertyPages.h"
-#include "platform/media/MediaResult.h"
 #include "platform/os/Thread.h"
 #include "services/objects/Collections.h"
 #include "tests/support/SourceFixture.h"

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "platform/media/MediaResult.h"
 #include "source/TsSource.h"
 #include "tests/support/GraphFixture.h"
 #include "tests/support/Movie.h"

@@ -121,7 +121,7 @@ void CTsFilterBase::NoteArrival() {
         m_parser.NoteArrival(CurrentStreamTime());
 }
 
-HRESULT CTsFilterBase::ParseData() {
+HRESULT CTsFilterBase::ParseData(Wake wake) {
     if (!TakeParseTurn())
         return S_FALSE;
     HRESULT result = kParsePaused;
@@ -131,13 +131,18 @@ HRESULT CTsFilterBase::ParseData() {
             result = m_parser.ParseData(*this);
             // The bytes that the outputs noted may move when the lock is released.
             m_router.FlushPackets();
-            if (result != kParsePaused)
+            if (result != kParsePaused && wake == Wake::kNow)
                 m_router.SignalDelivery();
         }
         RunDeferred();
     }
     m_parseTurn.Release();
     return result;
+}
+
+void CTsFilterBase::WakeOutputs() {
+    CScopedLock lock(&m_streamingLock);
+    m_router.SignalDelivery();
 }
 
 inline ParserStep CTsFilterBase::ParsePacket(const uint8_t* packet) {

@@ -117,7 +117,7 @@ public:
     HRESULT DetectPacketSize() { return m_parser.DetectPacketSize(); }
     // S_OK out of data, S_FALSE stopped by the outputs (file mode) or by a stop, E_UNEXPECTED without a buffer.
     // Takes the streaming lock for the parsing and calls receivers and sinks without it.
-    HRESULT ParseData();
+    HRESULT ParseData() { return ParseData(Wake::kNow); }
 
     const PacketParser& Parser() const { return m_parser; }
     const PidStatusBits& PidStatus() const { return m_pidStatus; }
@@ -165,6 +165,11 @@ protected:
         uint32_t tableId = 0;
         uint32_t pid = 0;
     };
+
+    // Whether the outputs are woken for what they got, or by a later WakeOutputs. A wait for room wakes its own.
+    enum class Wake { kNow, kLater };
+    HRESULT ParseData(Wake wake);
+    void WakeOutputs();
 
     explicit CTsFilterBase(const char* name, int32_t requestedCapacity = PacketParser::kDefaultCapacity,
                            IUnknown* outer = nullptr);

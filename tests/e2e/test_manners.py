@@ -165,22 +165,22 @@ class Demux(MannersTest):
             # In how many samples the bytes come is a matter of threads.
             return [dict(stream, samples=None, **changed) for stream in summary["streams"]]
 
-        summary, files = self.demux("--timestamps")
+        summary, files = self.demux("--timestamps", "--push")
         names = [name for name in files if not name.endswith(".csv")]
         self.assertEqual(sorted(files), sorted(names + [name + ".csv" for name in names]))
         piped, from_pipe = self.demux("--timestamps", source="-", input=self.stream.read_bytes())
         self.assertEqual(streams(piped), streams(summary))
         self.assertTrue(all(from_pipe[name] == files[name] for name in names))
-        counted = json.loads(self.done("demux", self.stream, "--discard", "--json"))
+        counted = json.loads(self.done("demux", self.stream, "--discard", "--push", "--json"))
         self.assertEqual(streams(counted), streams(summary, file=None, dropped_bytes=None))
-        text = self.done("demux", self.stream, "--discard").decode()
+        text = self.done("demux", self.stream, "--discard", "--push").decode()
         for name, data in files.items():
             if name in names:
                 self.assertRegex(text, name.split(".")[0].replace("-", " +") + fr" .* {len(data)} ")
 
     def test_what_cannot_start_is_said(self):
         head = self.file("head.ts", self.stream.read_bytes()[:188 * 400])
-        summary, files = self.demux(source=head)
+        summary, files = self.demux("--push", source=head)
         self.assertEqual(files, {})
         notes = [stream["note"] for stream in summary["streams"]]
         self.assertTrue(notes and all(notes), notes)

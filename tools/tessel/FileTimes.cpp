@@ -8,6 +8,7 @@
 #include "core/TsFilterBase.h"
 #include "platform/media/Mpeg2Demultiplexer.h"
 #include "source/TsSource.h"
+#include "tools/tessel/FilePlayer.h"
 
 namespace tessel::tool {
 
@@ -23,18 +24,6 @@ const ComponentInfo* FindClear(const std::vector<ServiceInfo>& services, const G
                 component.media->majortype == majortype)
                 return &component;
     return nullptr;
-}
-
-// The name as the file source takes it; none for what is no regular file, or no UTF-8.
-std::optional<std::u16string> NameOf(const std::string& path) {
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(path, error))
-        return std::nullopt;
-    try {
-        return std::filesystem::path(path).u16string();
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
 }
 
 uint32_t PcrPidOf(const std::vector<ServiceInfo>& services, const ComponentInfo& component) {
@@ -121,7 +110,7 @@ FileTimes ReadFileTimes(const std::string& path, int32_t packetSize, const std::
     const ComponentInfo* master = FindClear(services, MEDIATYPE_Video);
     if (master == nullptr)
         master = FindClear(services, MEDIATYPE_Audio);
-    const auto name = NameOf(path);
+    const auto name = SourceNameOf(path);
     const ComPtr<IMediaSeeking> seeking = name && master != nullptr ? Open(*name, *master) : nullptr;
     DWORD capabilities = 0;
     if (!seeking || FAILED(seeking->GetCapabilities(&capabilities)) || capabilities == 0)

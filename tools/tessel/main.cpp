@@ -34,7 +34,8 @@ struct DemuxArguments {
     std::string input;
     std::string directory;
     bool discard = false;
-    std::string mode = "rec";
+    bool push = false;
+    std::string mode;
     std::string service;
     std::string audio;
     std::vector<std::string> pids;
@@ -79,7 +80,10 @@ std::optional<std::string> Given(const std::string& text) {
 
 void RunDemux(const DemuxArguments& arguments) {
     DemuxRequest request;
-    request.mode = ParseMode(arguments.mode);
+    // A mode of the splitter asks for the splitter.
+    request.mode = !arguments.mode.empty()                    ? ParseMode(arguments.mode)
+                   : arguments.push || arguments.input == "-" ? StreamingMode::kRecording
+                                                              : StreamingMode::kFile;
     request.service = Given(arguments.service);
     request.audio = Given(arguments.audio);
     request.pids = ParsePidRequests(arguments.pids);
@@ -97,6 +101,9 @@ void RunDemux(const DemuxArguments& arguments) {
     CatchInterrupts();
     const DemuxResult result = Demux(input, request);
     Print(arguments.json ? DemuxAsJson(result) : DemuxAsText(result));
+    if (result.aborted)
+        throw Failure(arguments.input + ": its clock jumps, or another stream begins, before byte " +
+                      std::to_string(result.bytes) + ", where playing it ends; --push goes on beyond that");
 }
 
 void RunFrames(const FramesArguments& arguments) {
@@ -157,10 +164,11 @@ void AddDemux(CLI::App& app, DemuxArguments& arguments) {
     demux->add_option("--audio", arguments.audio, "Audio in this language alone: a code as `tessel info` shows it");
     demux->add_option("--pid", arguments.pids,
                       "These PIDs: P[:es|packets|sections][,...]; with --service, besides its streams");
+    demux->add_flag("--push", arguments.push, "Read a file as a pipe is read, not by the file source");
     demux->add_option(
         "--mode", arguments.mode,
-        "rec: outputs wait for room; strm: as rec, with the checks of a running clock; live: at the speed "
-        "of the stream's own clock, and what is late is dropped");
+        "How what is pushed goes out; rec: outputs wait for room; strm: as rec, with the checks of a running clock; "
+        "live: at the speed of the stream's own clock, and what is late is dropped");
     demux->add_flag("--timestamps", arguments.timestamps,
                     "Beside each elementary stream a CSV file: byte offset, time in 100 ns, flags");
     demux->add_flag("--json", arguments.json, "The summary for programs");

@@ -1,0 +1,105 @@
+#include "tools/tessel/FilePlayer.h"
+
+#include <algorithm>
+#include <filesystem>
+
+#include "tools/tessel/Failure.h"
+#include "tools/tessel/Pipeline.h"
+
+namespace tessel::tool {
+
+namespace {
+
+bool HasPresentComponent(CTsSource& source, IDvbService& service) {
+    ComPtr<IDvbCollection> components;
+    service.GetComponents(components.Put());
+    for (int32_t i = 0; const auto component = ItemAs<IDvbComponent>(components.Get(), i); ++i) {
+        uint32_t pid = kPidCount;
+        component->GetPid(&pid);
+        if (pid < kPidCount && source.PidStatus().IsPresent(pid))
+            return true;
+    }
+    return false;
+}
+
+// The number of the service in the filter's count, which passes over those without packets.
+std::optional<uint32_t> NumberOf(CTsSource& source, uint32_t serviceId) {
+    ComPtr<IDvbMapping> services;
+    source.GetServices(services.Put());
+    uint32_t number = 0;
+    for (int32_t i = 0; const auto service = ItemAs<IDvbService>(services.Get(), i); ++i) {
+        uint32_t id = 0;
+        service->GetServiceId(&id);
+        const bool present = HasPresentComponent(source, *service.Get());
+        if (id == serviceId)
+            return present ? std::optional(number) : std::nullopt;
+        number += present;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::u16string> SourceNameOf(const std::string& path) {
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(path, error))
+        return std::nullopt;
+    try {
+        return std::filesystem::path(path).u16string();
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
+
+std::unique_ptr<FilePlayer> FilePlayer::Open(const std::string& path, size_t sources) {
+    const auto name = SourceNameOf(path);
+    if (!name)
+        return nullptr;
+    auto player = std::unique_ptr<FilePlayer>(new FilePlayer());
+    for (size_t i = 0; i < sources; ++i) {
+        ComPtr<CTsSource> source = MakeTsSource();
+        Check(source ? S_OK : E_OUTOFMEMORY, "cannot make a file source");
+        if (FAILED(source->Load(name->c_str(), nullptr)))
+            return nullptr;
+        Check(player->m_graph->AddFilter(source.Get(), nullptr), "cannot add a file source");
+        player->m_filters.emplace_back(source.Get());
+        player->m_sources.push_back(std::move(source));
+    }
+    return player;
+}
+
+void FilePlayer::SelectService(const DemuxPlan& plan) {
+    for (const StreamPlan& stream : plan.streams) {
+        if (stream.content != Content::kElementary)
+            continue;
+        CTsSource& source = *m_sources[stream.splitter];
+        if (const auto number = NumberOf(source, stream.service))
+            source.SetParam(kParamSelectService, *number);
+        // Choosing seeks to the first picture, and sound may come before that.
+        source.StartAtBeginning();
+        return;
+    }
+}
+
+void FilePlayer::Start() {
+    // Time does not pass in a paused graph, but samples flow: nothing is early or late, and all comes out.
+    Check(m_graph->Pause(), "cannot start");
+}
+
+void FilePlayer::End() {
+    for (const auto& source : m_sources)
+        source->SetEndPosition(0);
+}
+
+int64_t FilePlayer::ReadPosition() const {
+    int64_t position = INT64_MAX;
+    for (const auto& source : m_sources)
+        position = std::min(position, source->ReadPosition());
+    return position;
+}
+
+bool FilePlayer::WasAborted() const {
+    return std::any_of(m_sources.begin(), m_sources.end(), [](const auto& source) { return source->WasAborted(); });
+}
+
+}  // namespace tessel::tool

@@ -104,6 +104,7 @@ void CTsSource::StartAtBeginning() {
         m_start.filePos = m_dataStart;
     }
     m_position = 0;
+    m_endOfStream = m_aborted = false;
     ApplyOffsets();
 }
 

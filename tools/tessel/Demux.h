@@ -7,6 +7,7 @@
 
 #include "core/TsFilterBase.h"
 #include "tools/tessel/ServiceFinder.h"
+#include "tools/tessel/TimeRange.h"
 
 namespace tessel::tool {
 
@@ -29,6 +30,7 @@ struct DemuxRequest {
     std::vector<PidRequest> pids;                    // none for those of the services
     std::optional<std::string> directory;            // none: nothing is written
     bool timestamps = false;
+    TimeSpan span;  // of a file that the file source plays
 
     bool Wants(const ServiceInfo& service) const;
 };

@@ -49,7 +49,7 @@ protected:
         const DemuxRequest& request, const DemuxPlan& plan)
         : m_request(request), m_outlets(graph, filters, request, plan, input), m_graph(graph) {
         // What is only measured is not slowed down by counting packets.
-        if (request.directory || request.mode == StreamingMode::kLive)
+        if ((request.directory && request.span.IsWhole()) || request.mode == StreamingMode::kLive)
             m_meter.emplace();
     }
     ~Run() = default;
@@ -179,7 +179,7 @@ public:
     DemuxResult Do() {
         m_player.Start();
         {
-            Progress progress(m_feed.Input().Size());
+            Progress progress(m_request.span.IsWhole() ? m_feed.Input().Size() : std::nullopt);
             while (!TakeEvents(Count() ? 0 : kPoll) && !m_outlets.AnyFailed()) {
                 const int64_t position = m_player.ReadPosition();
                 progress.Show(position);
@@ -195,7 +195,7 @@ public:
         }
         if (Interrupted())
             m_meter.reset();
-        DemuxResult result = Result(m_player.ReadPosition());
+        DemuxResult result = Result(m_player.BytesRead());
         result.aborted = aborted;
         return result;
     }
@@ -229,10 +229,10 @@ DemuxResult Demux(InputFile& input, const DemuxRequest& request) {
         MakeDirectory(*request.directory);
     Feed feed(input);
     DemuxPlan plan;
+    FoundServices found;
     {
         PacketMeter meter;
-        const FoundServices found =
-            FindServices(feed, meter, [&](const ServiceInfo& service) { return request.Wants(service); });
+        found = FindServices(feed, meter, [&](const ServiceInfo& service) { return request.Wants(service); });
         if (!meter.FoundPackets())
             throw Failure(NoStreamText(input));
         plan = MakePlan(request, found, meter);
@@ -242,9 +242,13 @@ DemuxResult Demux(InputFile& input, const DemuxRequest& request) {
         if (const auto player = FilePlayer::Open(input.Name(), plan.splitters)) {
             if (request.service)
                 player->SelectService(plan);
+            if (!request.span.IsWhole())
+                player->SeekToPart(plan, found.services, request.span, input.Name());
             return FileRun(*player, feed, request, plan).Do();
         }
     }
+    if (!request.span.IsWhole())
+        throw Failure(input.Name() + ": cannot be cut by time: the file source does not open it");
     DemuxRequest pushed = request;
     if (request.mode == StreamingMode::kFile)
         pushed.mode = StreamingMode::kRecording;

@@ -81,6 +81,21 @@ void FilePlayer::SelectService(const DemuxPlan& plan) {
     }
 }
 
+void FilePlayer::SeekToPart(const DemuxPlan& plan, const std::vector<ServiceInfo>& services, const TimeSpan& span,
+                            const std::string& path) {
+    for (size_t i = 0; i < m_sources.size(); ++i) {
+        std::optional<TimingStream> stream;
+        for (const StreamPlan& planned : plan.streams)
+            if (planned.content && planned.splitter == i && !stream)
+                stream = FindTimingStream(services, planned.service);
+        if (!stream)
+            stream = FindTimingStream(services);
+        if (!stream)
+            throw Failure(path + ": cannot be cut by time: no service has clear video or audio to time it by");
+        tool::SeekToPart(*m_sources[i], *stream, span, path);
+    }
+}
+
 void FilePlayer::Start() {
     // Time does not pass in a paused graph, but samples flow: nothing is early or late, and all comes out.
     Check(m_graph->Pause(), "cannot start");
@@ -96,6 +111,13 @@ int64_t FilePlayer::ReadPosition() const {
     for (const auto& source : m_sources)
         position = std::min(position, source->ReadPosition());
     return position;
+}
+
+int64_t FilePlayer::BytesRead() const {
+    int64_t bytes = 0;
+    for (const auto& source : m_sources)
+        bytes = std::max(bytes, source->ReadPosition() - source->StartPosition());
+    return bytes;
 }
 
 bool FilePlayer::WasAborted() const {

@@ -21,10 +21,15 @@ public:
     FilePlayer& operator=(const FilePlayer&) = delete;
 
     CFilterGraph& Graph() { return *m_graph; }
+    CTsSource& Source(size_t index) { return *m_sources[index]; }
     const std::vector<ComPtr<IBaseFilter>>& Filters() const { return m_filters; }
 
     // Stopped: has the sources make the pins for picture and sound of the plan's service, as they choose them.
     void SelectService(const DemuxPlan& plan);
+
+    // Stopped: every source plays that part, by a stream of the service that it delivers. Failure as of SeekToPart.
+    void SeekToPart(const DemuxPlan& plan, const std::vector<ServiceInfo>& services, const TimeSpan& span,
+                    const std::string& path);
 
     void Start();
     // The input ends here: what has been read still comes out.
@@ -33,6 +38,8 @@ public:
 
     // How far the file has been read by all sources.
     int64_t ReadPosition() const;
+    // The most that a source has read.
+    int64_t BytesRead() const;
     bool WasAborted() const;
 
 private:

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -68,10 +69,12 @@ std::span<const uint8_t> InputFile::Read() {
 }
 
 size_t InputFile::Read(std::span<uint8_t> buffer) {
+    buffer = buffer.first(static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(buffer.size()), m_left)));
     while (WaitForInput(m_descriptor)) {
         const ssize_t count = read(m_descriptor, buffer.data(), buffer.size());
         if (count >= 0) {
             m_bytesRead += count;
+            m_left -= count;
             return static_cast<size_t>(count);
         }
         if (errno != EINTR && errno != EAGAIN)
@@ -89,6 +92,13 @@ void InputFile::Rewind() {
     if (lseek(m_descriptor, m_start, SEEK_SET) < 0)
         throw Failure(m_name + ": cannot read from the beginning again: " + Reason());
     m_bytesRead = 0;
+}
+
+void InputFile::SetRange(int64_t begin, int64_t end) {
+    if (lseek(m_descriptor, begin, SEEK_SET) < 0)
+        throw Failure(m_name + ": cannot be sought in: " + Reason());
+    m_bytesRead = 0;
+    m_left = end - begin;
 }
 
 std::optional<int64_t> InputFile::Size() const {

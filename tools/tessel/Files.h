@@ -27,6 +27,8 @@ public:
     // A file proper can be read from its beginning again; what a pipe has given is gone.
     bool CanRewind() const { return m_start >= 0; }
     void Rewind();
+    // From here on only these bytes of the file are read.
+    void SetRange(int64_t begin, int64_t end);
     // Bytes from the beginning to the end; unknown of a pipe.
     std::optional<int64_t> Size() const;
     // The path, or "standard input".
@@ -39,6 +41,7 @@ private:
     int64_t m_start = -1;  // where in the file we began; -1 for a pipe
     std::vector<uint8_t> m_buffer;
     int64_t m_bytesRead = 0;
+    int64_t m_left = INT64_MAX;  // of the range
 };
 
 // Throws OutputClosed when the reader of a pipe has gone.

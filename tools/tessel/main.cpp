@@ -23,8 +23,14 @@ struct InfoArguments {
     bool push = false;
 };
 
+struct SpanArguments {
+    std::string from;
+    std::string to;
+};
+
 struct ExtractArguments {
     std::string input;
+    SpanArguments span;
     std::string pids;
     bool sections = false;
     std::string output;
@@ -32,6 +38,7 @@ struct ExtractArguments {
 
 struct DemuxArguments {
     std::string input;
+    SpanArguments span;
     std::string directory;
     bool discard = false;
     bool push = false;
@@ -67,9 +74,20 @@ void RunInfo(const InfoArguments& arguments) {
     Print(arguments.json ? InfoAsJson(info, arguments.pids) : InfoAsText(info, arguments.pids));
 }
 
+// Only a file can be sought in.
+TimeSpan ParseSpan(const SpanArguments& arguments, const std::string& input) {
+    const TimeSpan span = ParseTimeSpan(arguments.from, arguments.to);
+    if (!span.IsWhole() && input == "-")
+        throw Misuse("--from and --to need a file; standard input cannot be sought in");
+    return span;
+}
+
 void RunExtract(const ExtractArguments& arguments) {
     const std::vector<uint32_t> pids = ParsePidList(arguments.pids);
+    const TimeSpan span = ParseSpan(arguments.span, arguments.input);
     InputFile input(arguments.input);
+    if (!span.IsWhole())
+        ReadOnlyPart(input, pids, span);
     OutputFile output(arguments.output, input);
     Extract(input, pids, arguments.sections ? ExtractWhat::kSections : ExtractWhat::kPackets, output);
 }
@@ -87,6 +105,9 @@ void RunDemux(const DemuxArguments& arguments) {
     request.service = Given(arguments.service);
     request.audio = Given(arguments.audio);
     request.pids = ParsePidRequests(arguments.pids);
+    request.span = ParseSpan(arguments.span, arguments.input);
+    if (!request.span.IsWhole() && request.mode != StreamingMode::kFile)
+        throw Misuse("--from and --to are for a file that is played; leave out --push and --mode");
     request.directory = Given(arguments.directory);
     request.timestamps = arguments.timestamps;
     if (request.directory.has_value() == arguments.discard)
@@ -140,12 +161,22 @@ void AddInfo(CLI::App& app, InfoArguments& arguments) {
     info->callback([&arguments] { RunInfo(arguments); });
 }
 
+void AddSpan(CLI::App* command, SpanArguments& span) {
+    command
+        ->add_option("--from", span.from,
+                     "Begin there, or where decoding may begin before that: 90, 1:30, 0:01:30.5 behind the first "
+                     "picture")
+        ->option_text("TIME");
+    command->add_option("--to", span.to, "End there, with all that is shown by then")->option_text("TIME");
+}
+
 void AddExtract(CLI::App& app, ExtractArguments& arguments) {
     CLI::App* extract = app.add_subcommand("extract", "Take PIDs out of a stream");
     extract->add_option("INPUT", arguments.input, kInputHelp)->required();
     extract->add_option("--pid", arguments.pids, "PIDs, in decimal or 0x hexadecimal: P[,P...]")->required();
     extract->add_flag("--sections", arguments.sections, "Complete sections, table_id to CRC, instead of packets");
     extract->add_option("-o,--output", arguments.output, "The file to write, or - for standard output")->required();
+    AddSpan(extract, arguments.span);
     extract->footer(
         "Packets come out as 188 bytes. Left out are scrambled and damaged ones, and the last of the input,\n"
         "which no sync byte follows.\n\n"
@@ -171,6 +202,7 @@ void AddDemux(CLI::App& app, DemuxArguments& arguments) {
         "live: at the speed of the stream's own clock, and what is late is dropped");
     demux->add_flag("--timestamps", arguments.timestamps,
                     "Beside each elementary stream a CSV file: byte offset, time in 100 ns, flags");
+    AddSpan(demux, arguments.span);
     demux->add_flag("--json", arguments.json, "The summary for programs");
     demux->footer(
         "Files are SERVICE-PID.EXT: m2v, m1v, h264, m4v, mp2, mpa, ac3, aac, sub, ts for packets, psi for sections.\n"

@@ -1,5 +1,7 @@
 """What the tool makes of files that can be sought in: played by the file source, cut by time, and still growing."""
 import json
+import resource
+import subprocess
 import unittest
 
 import pes
@@ -101,17 +103,17 @@ def has_idr(data):
     return b"\0\0\1\x65" in data.split(b"\0\0\0\1\x09")[1]
 
 
-class CutByTime(FileTest):
+class TimedTest(FileTest):
     def setUp(self):
         super().setUp()
         self.models = {}
 
     def model(self, name, pid=256):
-        """The whole stream, and {offset: seconds from its first time stamp}."""
+        """The whole stream, and {offset: seconds from its first picture}."""
         if name not in self.models:
             stream = pes.elementary_streams(made(name).read_bytes(), [pid])[pid]
-            first = stream.stamped[0][1]
-            self.models[name] = stream, {at: pes.later(stamp, first) / 90_000 for at, stamp in stream.stamped}
+            first = stream.shown[0][1]
+            self.models[name] = stream, {at: pes.later(stamp, first) / 90_000 for at, stamp in stream.shown}
         return self.models[name]
 
     def assertBegins(self, name, data, begin, time):
@@ -127,10 +129,11 @@ class CutByTime(FileTest):
     def assertEnds(self, name, end, time):
         """All that is shown by then is there, and not much more."""
         stream, times = self.model(name)
-        missing = [shown for at, shown in times.items() if at >= end]
-        self.assertTrue(not missing or missing[0] >= time, missing[:1])
+        self.assertGreaterEqual(min([shown for at, shown in times.items() if at >= end], default=time), time)
         self.assertLess(max(shown for at, shown in times.items() if at < end), time + LEAD)
 
+
+class CutByTime(TimedTest):
     def test_from_begins_with_an_access_point(self):
         for name, (file, _, _) in TIMED.items():
             stream, _ = self.model(name)
@@ -189,6 +192,99 @@ class CutByTime(FileTest):
         jump = self.file("jump.ts", data[:188 * 100] + data[188 * 2000:188 * 4000])
         for command in (["demux", jump, "--discard"], ["extract", jump, "--pid", "256", "-o", self.folder / "out"]):
             self.assertIn(b"cannot be cut by time", run(*command, "--from", "1").stderr)
+
+
+def packets_of(data, pid):
+    packets = [data[at:at + support.PACKET] for at in range(0, len(data), support.PACKET)]
+    return [packet for packet in packets if (packet[1] & 0x1F) << 8 | packet[2] == pid]
+
+
+class Cuts(TimedTest):
+    """A cut is a stream that others play, from its first packet to its last, and says nothing of other services."""
+
+    def cut(self, name, *options):
+        path = self.folder / "cut.ts"
+        self.assertEqual(self.done("cut", made(name), *options, "-o", path), b"")
+        return path
+
+    def assertPlays(self, path, wanted):
+        """ffprobe finds one service with these streams, and ffmpeg decodes them without a word."""
+        shown = json.loads(subprocess.run(
+            ["ffprobe", "-v", "error", "-of", "json", "-show_entries", "program=program_id:program_stream=codec_name",
+             path], capture_output=True, check=True).stdout)
+        found = {entry["program_id"]: [stream["codec_name"] for stream in entry["streams"]]
+                 for entry in shown["programs"]}
+        self.assertEqual(found, wanted)
+        decoded = subprocess.run(["ffmpeg", "-nostdin", "-v", "warning", "-i", path, "-f", "null", "-"],
+                                 capture_output=True)
+        self.assertEqual((decoded.returncode, decoded.stderr), (0, b""))
+
+    def assertTables(self, name, data, service, pmt_pid):
+        pats = packets_of(data, 0)
+        self.assertEqual(data[:support.PACKET], pats[0])
+        wanted = support.pat(int.from_bytes(packets_of(made(name).read_bytes(), 0)[0][8:10], "big"), {service: pmt_pid})
+        for number, packet in enumerate(pats):
+            self.assertEqual(packet, (bytes([0x47, 0x40, 0, 0x10 | number % 16, 0]) + wanted).ljust(188, b"\xff"))
+        maps = packets_of(data, pmt_pid)
+        self.assertEqual(data[support.PACKET:2 * support.PACKET], maps[0])
+        self.assertIn(b"".join(maps), b"".join(packets_of(made(name).read_bytes(), pmt_pid)))
+
+    def test_cuts_play(self):
+        codecs = {"mpeg2": ["mpeg2video", "mp2"], "h264": ["h264", "ac3"], "mp2": ["mp2"], "ac3": ["ac3"]}
+        for name in codecs:
+            stream, _ = self.model(name)
+            for begin, end in ((3.21, 7.9), (None, 4), (6, None), (11.5, None), (None, None)):
+                with self.subTest(name, begin=begin, end=end):
+                    options = ["--from", begin] * (begin is not None) + ["--to", end] * (end is not None)
+                    path = self.cut(name, *options)
+                    self.assertPlays(path, {1: codecs[name]})
+                    data = path.read_bytes()
+                    self.assertTables(name, data, 1, 4096)
+                    pids = range(256, 256 + len(codecs[name]))
+                    found = pes.elementary_streams(data, pids)  # refuses a jump of a counter
+                    self.assertEqual([found[pid].starts[0][0] for pid in pids], [0] * len(pids), "a whole PES is first")
+                    got = found[256].payload
+                    at = stream.payload.index(got)
+                    self.assertBegins(name, got, at, begin or 0)
+                    if end is None:
+                        self.assertEqual(at + len(got), stream.size, "up to the last packet of the file")
+                    else:
+                        self.assertEnds(name, at + len(got), end)
+
+    def test_one_service_of_two(self):
+        for service, pids, pmt_pid, codecs in (("11", (256, 257), 4096, ["mpeg2video", "mp2"]),
+                                               ("Second", (258, 259), 4097, ["h264", "ac3"])):
+            number = 11 if service == "11" else 12
+            path = self.cut("two", "--service", service, "--from", "1.2", "--to", "2")
+            self.assertPlays(path, {number: codecs})
+            data = path.read_bytes()
+            self.assertTables("two", data, number, pmt_pid)
+            self.assertEqual({(data[at + 1] & 0x1F) << 8 | data[at + 2] for at in range(0, len(data), 188)},
+                             {0, pmt_pid, *pids})
+        units = self.file("units.ts", support.in_192_bytes(made("two").read_bytes()))
+        self.assertEqual(self.done("cut", units, "--service", "12", "--from", "1.2", "--to", "2", "-o", "-"), data)
+
+    def test_what_is_refused_leaves_files_alone(self):
+        path = self.file("in.ts", made("mpeg2").read_bytes())
+        output = self.file("out.ts", b"precious")
+        cases = [(2, "is also the input", [path, "-o", path]), (1, "no service", [path, "--service", "2", "-o", output]),
+                 (1, "behind its end", [path, "--from", "99", "-o", output]), (2, "needs a file", ["-", "-o", output])]
+        for code, text, arguments in cases:
+            with self.subTest(text):
+                result = run("cut", *arguments)
+                self.assertEqual(result.returncode, code, result.stderr)
+                self.assertRegex(result.stderr.decode(), r"\Atessel: [^\n]*" + text + r"[^\n]*\n\Z")
+                self.assertEqual((output.read_bytes(), path.read_bytes()), (b"precious", made("mpeg2").read_bytes()))
+
+    def test_what_cannot_be_finished_is_removed(self):
+        def limit():
+            resource.setrlimit(resource.RLIMIT_FSIZE, (100_000, 100_000))
+
+        path = self.folder / "cut.ts"  # Python ignores the signal of the limit, and the tool shall too
+        result = run("cut", made("mpeg2"), "-o", path, preexec_fn=limit, restore_signals=False)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn(b"cut.ts: cannot write: File too large", result.stderr)
+        self.assertFalse(path.exists())
 
 
 if __name__ == "__main__":

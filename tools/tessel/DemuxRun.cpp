@@ -248,7 +248,7 @@ DemuxResult Demux(InputFile& input, const DemuxRequest& request) {
         }
     }
     if (!request.span.IsWhole())
-        throw Failure(input.Name() + ": cannot be cut by time: the file source does not open it");
+        throw CannotCut(input.Name(), "the file source does not open it");
     DemuxRequest pushed = request;
     if (request.mode == StreamingMode::kFile)
         pushed.mode = StreamingMode::kRecording;

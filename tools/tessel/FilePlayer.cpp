@@ -91,7 +91,7 @@ void FilePlayer::SeekToPart(const DemuxPlan& plan, const std::vector<ServiceInfo
         if (!stream)
             stream = FindTimingStream(services);
         if (!stream)
-            throw Failure(path + ": cannot be cut by time: no service has clear video or audio to time it by");
+            throw CannotCut(path, "no service has clear video or audio to time it by");
         tool::SeekToPart(*m_sources[i], *stream, span, path);
     }
 }

@@ -169,6 +169,14 @@ void OutputFile::Close() {
     }
 }
 
+void OutputFile::Remove() {
+    struct stat status {};
+    const bool isFile =
+        m_descriptor > STDOUT_FILENO ? fstat(m_descriptor, &status) == 0 && S_ISREG(status.st_mode) : m_descriptor < 0;
+    if (isFile)
+        unlink(m_name.c_str());
+}
+
 void Print(const std::string& text) {
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
         if (errno == EPIPE)

@@ -58,6 +58,8 @@ public:
     void Write(std::span<const uint8_t> bytes);
     // Writes what is buffered and closes; what fails late fails here.
     void Close();
+    // What could not be finished goes, where it is a file.
+    void Remove();
 
 private:
     void Flush();

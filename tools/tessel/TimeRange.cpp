@@ -5,7 +5,6 @@
 #include "platform/media/Mpeg2Demultiplexer.h"
 #include "source/PacketReader.h"
 #include "source/StreamFile.h"
-#include "tools/tessel/Failure.h"
 #include "tools/tessel/FilePlayer.h"
 
 namespace tessel::tool {
@@ -17,8 +16,6 @@ constexpr int64_t kMostHours = 100'000;
 constexpr OLECHAR kTimingPin[] = u"Timing";
 constexpr DWORD kToKeyFrame = AM_SEEKING_AbsolutePositioning | AM_SEEKING_SeekToKeyFrame;
 constexpr int64_t kPcrWrap = (int64_t{1} << 33) * 300;
-// The sync byte and what a parser wants to see behind it.
-constexpr int64_t kLookAhead = 7;
 
 class TimeReader {
 public:
@@ -130,11 +127,11 @@ std::optional<int64_t> FindClockReference(CTsSource& source, const std::string& 
     return std::nullopt;
 }
 
+}  // namespace
+
 Failure CannotCut(const std::string& path, const char* reason) {
     return Failure(path + ": cannot be cut by time: " + reason);
 }
-
-}  // namespace
 
 TimeSpan ParseTimeSpan(const std::string& from, const std::string& to) {
     const TimeSpan span = {ParseTime("--from", from), ParseTime("--to", to)};
@@ -185,7 +182,7 @@ ByteRange SeekToPart(CTsSource& source, const TimingStream& stream, const TimeSp
     };
     if (span.to && first + *span.to < end) {
         const auto found = FindClockReference(source, path, stream.pcrPid, seek(*span.to), first + *span.to);
-        range.end = found ? *found + kLookAhead : INT64_MAX;
+        range.end = found ? *found + kLookAheadBytes : INT64_MAX;
     }
     if (span.from)
         range.begin = seek(*span.from);

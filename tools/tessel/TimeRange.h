@@ -5,9 +5,13 @@
 #include <string>
 
 #include "source/TsSource.h"
+#include "tools/tessel/Failure.h"
 #include "tools/tessel/Services.h"
 
 namespace tessel::tool {
+
+// What keeps path from being cut by time.
+Failure CannotCut(const std::string& path, const char* reason);
 
 // 100 ns, from the first picture or sound of a file on.
 struct TimeSpan {
@@ -33,8 +37,11 @@ std::optional<TimingStream> FindTimingStream(const std::vector<ServiceInfo>& ser
 // An unconnected pin of the source that delivers that stream; null when there is no room.
 ComPtr<IPin> MapTimingPin(IBaseFilter* source, const ComponentInfo& component);
 
-// Bytes of a file. end: behind the first bytes of the packet that no longer belongs to the part, so that a parser knows
-// the one before for a whole one.
+// The sync byte of a packet and what a parser wants to see behind it.
+inline constexpr int64_t kLookAheadBytes = 7;
+
+// Bytes of a file. end: so much behind the beginning of the packet that no longer belongs to the part, that a parser
+// knows the one before for a whole one.
 struct ByteRange {
     int64_t begin = 0;
     int64_t end = INT64_MAX;

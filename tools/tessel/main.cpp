@@ -5,6 +5,7 @@
 #include <new>
 
 #include "tools/tessel/Classes.h"
+#include "tools/tessel/Cut.h"
 #include "tools/tessel/DemuxRun.h"
 #include "tools/tessel/Extract.h"
 #include "tools/tessel/Failure.h"
@@ -48,6 +49,13 @@ struct DemuxArguments {
     std::vector<std::string> pids;
     bool timestamps = false;
     bool json = false;
+};
+
+struct CutArguments {
+    std::string input;
+    SpanArguments span;
+    std::string service;
+    std::string output;
 };
 
 struct FramesArguments {
@@ -125,6 +133,15 @@ void RunDemux(const DemuxArguments& arguments) {
     if (result.aborted)
         throw Failure(arguments.input + ": its clock jumps, or another stream begins, before byte " +
                       std::to_string(result.bytes) + ", where playing it ends; --push goes on beyond that");
+}
+
+void RunCut(const CutArguments& arguments) {
+    if (arguments.input == "-")
+        throw Misuse("cut needs a file; standard input cannot be sought in");
+    const TimeSpan span = ParseSpan(arguments.span, arguments.input);
+    InputFile input(arguments.input);
+    CatchInterrupts();
+    Cut(input, Given(arguments.service), span, arguments.output);
 }
 
 void RunFrames(const FramesArguments& arguments) {
@@ -216,6 +233,21 @@ void AddDemux(CLI::App& app, DemuxArguments& arguments) {
     demux->callback([&arguments] { RunDemux(arguments); });
 }
 
+void AddCut(CLI::App& app, CutArguments& arguments) {
+    CLI::App* cut = app.add_subcommand("cut", "Take a part of one service out of a file, to be played by itself");
+    cut->add_option("INPUT", arguments.input, "A transport stream in a file")->required();
+    AddSpan(cut, arguments.span);
+    cut->add_option("--service", arguments.service, "Its id or its name; the first that has a program map if left out");
+    cut->add_option("-o,--output", arguments.output, "The file to write, or - for standard output")->required();
+    cut->footer(
+        "The part holds the packets of the service's program map and streams as they are, each stream from its first\n"
+        "whole PES packet to its last, and a PAT that names this service alone. Scrambled packets are left out.\n\n"
+        "Examples:\n"
+        "  tessel cut recording.ts --from 1:30 --to 2:00 -o part.ts\n"
+        "  tessel cut recording.ts --from 0:20:15 --service 101 -o rest.ts");
+    cut->callback([&arguments] { RunCut(arguments); });
+}
+
 void AddFrames(CLI::App& app, FramesArguments& arguments) {
     CLI::App* frames = app.add_subcommand("frames", "List the frames of an audio stream");
     frames->add_option("INPUT", arguments.input, kInputHelp)->required();
@@ -276,6 +308,8 @@ int Run(int argc, char** argv) {
     AddExtract(app, extract);
     DemuxArguments demux;
     AddDemux(app, demux);
+    CutArguments cut;
+    AddCut(app, cut);
     FramesArguments frames;
     AddFrames(app, frames);
     WatchArguments watch;

@@ -1,7 +1,9 @@
 """What the tool makes of files that can be sought in: played by the file source, cut by time, and still growing."""
 import json
 import resource
+import signal
 import subprocess
+import time
 import unittest
 
 import pes
@@ -285,6 +287,71 @@ class Cuts(TimedTest):
         self.assertEqual(result.returncode, 1)
         self.assertIn(b"cut.ts: cannot write: File too large", result.stderr)
         self.assertFalse(path.exists())
+
+
+class Follows(FileTest):
+    """A file that grows while it is read: nothing of it is missing when it has stopped growing."""
+
+    PIECE = 30_011  # of no packet size
+    LIMIT = 60  # seconds; only a hang takes that long
+
+    def follow(self, name, command, before=0):
+        """Runs command on a file that gets the stream a piece at a time, from its first bytes on. Gives the process."""
+        path = self.file("growing.ts", made(name).read_bytes()[:before])
+        tool = subprocess.Popen([support.TOOL, *(str(word).replace("{}", str(path)) for word in command)],
+                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(tool.communicate)
+        self.addCleanup(tool.kill)
+        data = made(name).read_bytes()
+        with open(path, "ab", buffering=0) as file:
+            for at in range(before, len(data), self.PIECE):
+                file.write(data[at:at + self.PIECE])
+                time.sleep(0.01)
+        return tool
+
+    def assertDone(self, tool):
+        output, error = tool.communicate(timeout=self.LIMIT)
+        self.assertEqual((tool.returncode, error), (0, b""))
+        return output
+
+    def test_demux(self):
+        for name, before in (("mpeg2", 0), ("two", 100_000)):
+            with self.subTest(name):
+                folder = self.folder / f"follow-{name}"
+                tool = self.follow(name, ["demux", "{}", "--follow", "--idle", "1.5", "--json", "-o", folder], before)
+                self.assertEqual(json.loads(self.assertDone(tool))["mode"], "rec")
+                _, wanted, _ = self.demux(made(name), "--push")
+                self.assertEqual({file.name: file.read_bytes() for file in folder.iterdir()}, wanted)
+
+    def test_extract(self):
+        for options in (["--pid", "256,4096"], ["--sections", "--pid", "4096"]):
+            output = self.folder / "out"
+            tool = self.follow("two", ["extract", "{}", *options, "--follow", "--idle", "1", "-o", output])
+            self.assertDone(tool)
+            self.assertEqual(output.read_bytes(), self.done("extract", made("two"), *options, "-o", "-"))
+
+    def test_an_interrupt_ends_it(self):
+        output = self.folder / "out"
+        tool = self.follow("mpeg2", ["extract", "{}", "--pid", "256", "--follow", "-o", output])
+        with self.assertRaises(subprocess.TimeoutExpired, msg="it ended by itself"):
+            tool.wait(1)
+        tool.send_signal(signal.SIGINT)
+        self.assertDone(tool)
+        self.assertEqual(output.read_bytes(), self.extract(made("mpeg2"), [256]))
+
+    def test_what_makes_no_sense(self):
+        path, out = made("mpeg2"), ["-o", self.folder / "out"]
+        head = self.file("head.ts", path.read_bytes()[:188 * 100])
+        cases = [(2, "complete", ["demux", path, "--follow", "--from", "1", *out]),
+                 (2, "add --follow", ["demux", path, "--idle", "1", *out]),
+                 (1, "no services", ["demux", head, "--follow", "--idle", "0.7", *out]),
+                 (1, "is empty", ["demux", self.file("empty.ts", b""), "--follow", "--idle", "0.3", *out]),
+                 (1, "only a file can be followed", ["extract", "-", "--pid", "1", "--follow", *out]),
+                 (2, "--idle", ["extract", path, "--pid", "1", "--follow", "--idle", "0", *out])]
+        for code, text, command in cases:
+            with self.subTest(command=command):
+                result = run(*command, input=b"")
+                self.assertEqual((result.returncode, text in result.stderr.decode()), (code, True), result.stderr)
 
 
 if __name__ == "__main__":

@@ -1,5 +1,6 @@
 // The command line: `tessel COMMAND INPUT ...`.
 #include <CLI/CLI.hpp>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <new>
@@ -29,9 +30,15 @@ struct SpanArguments {
     std::string to;
 };
 
+struct FollowArguments {
+    bool follow = false;
+    double idle = 0;  // seconds; 0: not given
+};
+
 struct ExtractArguments {
     std::string input;
     SpanArguments span;
+    FollowArguments follow;
     std::string pids;
     bool sections = false;
     std::string output;
@@ -40,6 +47,7 @@ struct ExtractArguments {
 struct DemuxArguments {
     std::string input;
     SpanArguments span;
+    FollowArguments follow;
     std::string directory;
     bool discard = false;
     bool push = false;
@@ -90,10 +98,29 @@ TimeSpan ParseSpan(const SpanArguments& arguments, const std::string& input) {
     return span;
 }
 
+// What grows is read as it comes.
+void CheckFollow(const FollowArguments& arguments, const TimeSpan& span) {
+    if (arguments.follow && !span.IsWhole())
+        throw Misuse("--from and --to are for a file that is complete; leave out --follow");
+    if (!arguments.follow && arguments.idle > 0)
+        throw Misuse("--idle says when --follow ends; add --follow");
+}
+
+void Follow(InputFile& input, const FollowArguments& arguments) {
+    if (!arguments.follow)
+        return;
+    const auto idle = std::chrono::milliseconds(std::llround(arguments.idle * 1000));
+    input.Follow(arguments.idle > 0 ? std::optional(idle) : std::nullopt);
+}
+
 void RunExtract(const ExtractArguments& arguments) {
     const std::vector<uint32_t> pids = ParsePidList(arguments.pids);
     const TimeSpan span = ParseSpan(arguments.span, arguments.input);
+    CheckFollow(arguments.follow, span);
     InputFile input(arguments.input);
+    if (arguments.follow.follow)
+        CatchInterrupts();
+    Follow(input, arguments.follow);
     if (!span.IsWhole())
         ReadOnlyPart(input, pids, span);
     OutputFile output(arguments.output, input);
@@ -107,13 +134,14 @@ std::optional<std::string> Given(const std::string& text) {
 void RunDemux(const DemuxArguments& arguments) {
     DemuxRequest request;
     // A mode of the splitter asks for the splitter.
-    request.mode = !arguments.mode.empty()                    ? ParseMode(arguments.mode)
-                   : arguments.push || arguments.input == "-" ? StreamingMode::kRecording
-                                                              : StreamingMode::kFile;
+    request.mode = !arguments.mode.empty()                                               ? ParseMode(arguments.mode)
+                   : arguments.push || arguments.follow.follow || arguments.input == "-" ? StreamingMode::kRecording
+                                                                                         : StreamingMode::kFile;
     request.service = Given(arguments.service);
     request.audio = Given(arguments.audio);
     request.pids = ParsePidRequests(arguments.pids);
     request.span = ParseSpan(arguments.span, arguments.input);
+    CheckFollow(arguments.follow, request.span);
     if (!request.span.IsWhole() && request.mode != StreamingMode::kFile)
         throw Misuse("--from and --to are for a file that is played; leave out --push and --mode");
     request.directory = Given(arguments.directory);
@@ -128,6 +156,7 @@ void RunDemux(const DemuxArguments& arguments) {
         throw Misuse("--audio chooses among the streams of services, and --pid names streams; add --service");
     InputFile input(arguments.input);
     CatchInterrupts();
+    Follow(input, arguments.follow);
     const DemuxResult result = Demux(input, request);
     Print(arguments.json ? DemuxAsJson(result) : DemuxAsText(result));
     if (result.aborted)
@@ -187,6 +216,13 @@ void AddSpan(CLI::App* command, SpanArguments& span) {
     command->add_option("--to", span.to, "End there, with all that is shown by then")->option_text("TIME");
 }
 
+void AddFollow(CLI::App* command, FollowArguments& arguments) {
+    command->add_flag("--follow", arguments.follow, "The file still grows: wait for more at its end, until Ctrl-C");
+    command->add_option("--idle", arguments.idle, "End when a file that is followed has not grown for so many seconds")
+        ->option_text("SECONDS")
+        ->check(CLI::Range(0.001, 1e6));
+}
+
 void AddExtract(CLI::App& app, ExtractArguments& arguments) {
     CLI::App* extract = app.add_subcommand("extract", "Take PIDs out of a stream");
     extract->add_option("INPUT", arguments.input, kInputHelp)->required();
@@ -194,6 +230,7 @@ void AddExtract(CLI::App& app, ExtractArguments& arguments) {
     extract->add_flag("--sections", arguments.sections, "Complete sections, table_id to CRC, instead of packets");
     extract->add_option("-o,--output", arguments.output, "The file to write, or - for standard output")->required();
     AddSpan(extract, arguments.span);
+    AddFollow(extract, arguments.follow);
     extract->footer(
         "Packets come out as 188 bytes. Left out are scrambled and damaged ones, and the last of the input,\n"
         "which no sync byte follows.\n\n"
@@ -220,6 +257,7 @@ void AddDemux(CLI::App& app, DemuxArguments& arguments) {
     demux->add_flag("--timestamps", arguments.timestamps,
                     "Beside each elementary stream a CSV file: byte offset, time in 100 ns, flags");
     AddSpan(demux, arguments.span);
+    AddFollow(demux, arguments.follow);
     demux->add_flag("--json", arguments.json, "The summary for programs");
     demux->footer(
         "Files are SERVICE-PID.EXT: m2v, m1v, h264, m4v, mp2, mpa, ac3, aac, sub, ts for packets, psi for sections.\n"

@@ -84,7 +84,8 @@ public:
     void StartAtBeginning();
     // How far the file has been read since playback began there.
     int64_t ReadPosition() const { return m_readPosition; }
-    // A clock jumped, or the transport stream became another one, and that ended playback.
+    // A clock jumped, or the transport stream became another one: in the scan, or in playback, which that has ended.
+    bool MetDiscontinuity() const { return m_discontinuity; }
     bool WasAborted() const { return m_aborted; }
 
     HRESULT SetPcrDiscont(PcrClock& clock) override;

@@ -256,9 +256,11 @@ class Arguments(MannersTest):
 
     def test_help_and_version(self):
         helps = {(): ("info", "extract", "Exit code"), ("info",): ("INPUT", "--json", "--pids", "--push"),
-                 ("extract",): ("INPUT", "--pid", "--sections", "--output"), ("watch",): ("INPUT", "--json"),
+                 ("extract",): ("INPUT", "--pid", "--sections", "--output", "--from", "--to", "--follow", "--idle"),
+                 ("cut",): ("INPUT", "--from", "--to", "--service", "--output"), ("watch",): ("INPUT", "--json"),
                  ("frames",): ("INPUT", "--pid", "--json"),
-                 ("demux",): ("INPUT", "--output", "--discard", "--service", "--audio", "--pid", "--mode", "--timestamps")}
+                 ("demux",): ("INPUT", "--output", "--discard", "--service", "--audio", "--pid", "--mode", "--timestamps",
+                              "--push", "--from", "--to", "--follow", "--idle")}
         for command, words in helps.items():
             for option in ("--help", "-h"):
                 text = self.done(*command, option).decode()

@@ -282,9 +282,10 @@ void Cut(InputFile& input, const std::optional<std::string>& service, const Time
     if (!meter.FoundPackets())
         throw Failure(NoStreamText(input));
     const ServiceInfo& chosen = ChooseService(found.services, service);
-    const auto player = FilePlayer::Open(input.Name(), 1);
+    std::string why;
+    const auto player = FilePlayer::Open(input.Name(), 1, &why);
     if (!player)
-        throw CannotCut(input.Name(), "the file source does not open it");
+        throw CannotCut(input.Name(), why);
     CTsSource& source = player->Source(0);
     ByteRange range;
     if (!span.IsWhole()) {

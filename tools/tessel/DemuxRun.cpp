@@ -238,8 +238,9 @@ DemuxResult Demux(InputFile& input, const DemuxRequest& request) {
         plan = MakePlan(request, found, meter);
     }
     feed.Restart();
+    std::string why;
     if (request.mode == StreamingMode::kFile) {
-        if (const auto player = FilePlayer::Open(input.Name(), plan.splitters)) {
+        if (const auto player = FilePlayer::Open(input.Name(), plan.splitters, &why)) {
             if (request.service)
                 player->SelectService(plan);
             if (!request.span.IsWhole())
@@ -248,13 +249,13 @@ DemuxResult Demux(InputFile& input, const DemuxRequest& request) {
         }
     }
     if (!request.span.IsWhole())
-        throw CannotCut(input.Name(), "the file source does not open it");
+        throw CannotCut(input.Name(), why);
     DemuxRequest pushed = request;
     if (request.mode == StreamingMode::kFile)
         pushed.mode = StreamingMode::kRecording;
     Pipeline pipeline(pushed.mode, plan.splitters);
     DemuxResult result = PushRun(pipeline, feed, pushed, plan).Do();
-    result.fellBack = pushed.mode != request.mode;
+    result.whyPushed = why;
     return result;
 }
 

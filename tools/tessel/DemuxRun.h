@@ -20,8 +20,8 @@ struct DemuxResult {
     int64_t bytes = 0;
     int64_t errors = 0;  // reported by pins
     bool interrupted = false;
-    bool fellBack = false;  // the file was pushed, for the file source does not open it
     bool aborted = false;   // the file source ended before the file did
+    std::string whyPushed;  // a file that the file source does not open
     std::vector<StreamResult> streams;
 };
 

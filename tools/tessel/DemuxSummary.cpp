@@ -84,9 +84,13 @@ std::string DemuxAsJson(const DemuxResult& result) {
     Json streams = Json::array();
     for (const StreamResult& stream : result.streams)
         streams.push_back(ToJson(stream));
-    const Json json = {{"mode", ModeText(result.mode)}, {"bytes", result.bytes},
-                       {"errors", result.errors},       {"interrupted", result.interrupted},
-                       {"aborted", result.aborted},     {"streams", std::move(streams)}};
+    const Json json = {{"mode", ModeText(result.mode)},
+                       {"bytes", result.bytes},
+                       {"errors", result.errors},
+                       {"interrupted", result.interrupted},
+                       {"aborted", result.aborted},
+                       {"why_pushed", result.whyPushed.empty() ? Json(nullptr) : Json(result.whyPushed)},
+                       {"streams", std::move(streams)}};
     return json.dump(2) + "\n";
 }
 
@@ -104,8 +108,8 @@ std::string DemuxAsText(const DemuxResult& result) {
     text += std::to_string(result.bytes) + " bytes read";
     if (result.errors != 0)
         text += ", " + std::to_string(result.errors) + " errors";
-    if (result.fellBack)
-        text += ", as of a pipe: the file source does not open this file";
+    if (!result.whyPushed.empty())
+        text += ", pushed and not played: " + result.whyPushed;
     return text + (result.interrupted ? ", interrupted\n" : "\n");
 }
 

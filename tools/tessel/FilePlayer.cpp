@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 
 #include "tools/tessel/Failure.h"
 #include "tools/tessel/Pipeline.h"
@@ -38,6 +39,36 @@ std::optional<uint32_t> NumberOf(CTsSource& source, uint32_t serviceId) {
     return std::nullopt;
 }
 
+// Whether packets follow each other from within the first 10,240 bytes.
+bool HasSync(const std::string& path) {
+    constexpr size_t kSyncLimit = 10'240;
+    std::vector<uint8_t> bytes(kSyncLimit + 3 * kTimestampedPacketSize + 1);
+    std::ifstream file(path, std::ios::binary);
+    file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    bytes.resize(static_cast<size_t>(file.gcount()));
+    const auto repeats = [&](size_t at, size_t size) {
+        for (int i = 0; i < 4; ++i, at += size)
+            if (at >= bytes.size() || bytes[at] != kSyncByte)
+                return false;
+        return true;
+    };
+    for (size_t at = 0; at < std::min(bytes.size(), kSyncLimit); ++at)
+        if (repeats(at, kTransportPacketSize) || repeats(at, kTimestampedPacketSize))
+            return true;
+    return false;
+}
+
+// source has tried to open path, and has what it found on the way.
+std::string WhyRefused(CTsSource& source, const std::string& path) {
+    if (!HasSync(path))
+        return "no packets begin in its first 10,240 bytes";
+    if (source.MetDiscontinuity())
+        return "its clock jumps, or another stream begins, before all its tables have come";
+    if (!HasTable(source, kProgramMapTable))
+        return "no tables come in its first 10,000,000 bytes";
+    return "not every clock of its services shows twice in its first 10,000,000 bytes";
+}
+
 }  // namespace
 
 std::optional<std::u16string> SourceNameOf(const std::string& path) {
@@ -51,16 +82,20 @@ std::optional<std::u16string> SourceNameOf(const std::string& path) {
     }
 }
 
-std::unique_ptr<FilePlayer> FilePlayer::Open(const std::string& path, size_t sources) {
+std::unique_ptr<FilePlayer> FilePlayer::Open(const std::string& path, size_t sources, std::string* why) {
     const auto name = SourceNameOf(path);
-    if (!name)
+    if (!name) {
+        *why = "it is no regular file";
         return nullptr;
+    }
     auto player = std::unique_ptr<FilePlayer>(new FilePlayer());
     for (size_t i = 0; i < sources; ++i) {
         ComPtr<CTsSource> source = MakeTsSource();
         Check(source ? S_OK : E_OUTOFMEMORY, "cannot make a file source");
-        if (FAILED(source->Load(name->c_str(), nullptr)))
+        if (const HRESULT result = source->Load(name->c_str(), nullptr); FAILED(result)) {
+            *why = result == E_INVALIDARG ? "its path is too long" : WhyRefused(*source.Get(), path);
             return nullptr;
+        }
         Check(player->m_graph->AddFilter(source.Get(), nullptr), "cannot add a file source");
         player->m_filters.emplace_back(source.Get());
         player->m_sources.push_back(std::move(source));

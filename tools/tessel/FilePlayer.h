@@ -14,8 +14,8 @@ std::optional<std::u16string> SourceNameOf(const std::string& path);
 
 class FilePlayer {
 public:
-    // Null when the file source does not open the file.
-    static std::unique_ptr<FilePlayer> Open(const std::string& path, size_t sources);
+    // Null when the file source does not open the file; *why then says what it lacks.
+    static std::unique_ptr<FilePlayer> Open(const std::string& path, size_t sources, std::string* why);
     ~FilePlayer() { Stop(); }
     FilePlayer(const FilePlayer&) = delete;
     FilePlayer& operator=(const FilePlayer&) = delete;

@@ -129,7 +129,7 @@ std::optional<int64_t> FindClockReference(CTsSource& source, const std::string& 
 
 }  // namespace
 
-Failure CannotCut(const std::string& path, const char* reason) {
+Failure CannotCut(const std::string& path, const std::string& reason) {
     return Failure(path + ": cannot be cut by time: " + reason);
 }
 
@@ -198,9 +198,10 @@ ByteRange SeekToPart(CTsSource& source, const TimingStream& stream, const TimeSp
 ByteRange FindPart(const std::string& path, const std::optional<TimingStream>& stream, const TimeSpan& span) {
     if (!stream)
         throw CannotCut(path, "no service has clear video or audio to time it by");
-    const auto player = FilePlayer::Open(path, 1);
+    std::string why;
+    const auto player = FilePlayer::Open(path, 1, &why);
     if (!player)
-        throw CannotCut(path, "the file source does not open it");
+        throw CannotCut(path, why);
     return SeekToPart(player->Source(0), *stream, span, path);
 }
 

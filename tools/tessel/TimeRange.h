@@ -11,7 +11,7 @@
 namespace tessel::tool {
 
 // What keeps path from being cut by time.
-Failure CannotCut(const std::string& path, const char* reason);
+Failure CannotCut(const std::string& path, const std::string& reason);
 
 // 100 ns, from the first picture or sound of a file on.
 struct TimeSpan {

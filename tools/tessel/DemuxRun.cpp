@@ -255,7 +255,8 @@ DemuxResult Demux(InputFile& input, const DemuxRequest& request) {
         pushed.mode = StreamingMode::kRecording;
     Pipeline pipeline(pushed.mode, plan.splitters);
     DemuxResult result = PushRun(pipeline, feed, pushed, plan).Do();
-    result.whyPushed = why;
+    if (input.CanRewind())  // nobody expects a pipe to be played
+        result.whyPushed = why;
     return result;
 }
 

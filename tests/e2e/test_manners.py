@@ -1,6 +1,7 @@
 """How the tool behaves as a program: exit codes, messages, pipes and files."""
 import json
 import os
+import pathlib
 import random
 import shutil
 import signal
@@ -35,6 +36,7 @@ class Inputs(MannersTest):
         inputs = [
             (self.folder / "missing.ts", "cannot open: No such file or directory"),
             (self.folder, "is a directory"),
+            (pathlib.Path("/dev/null"), "is empty"),
             (self.file("empty.ts", b""), "is empty"),
             (self.file("noise.ts", noise), "no transport stream packets in 100000 bytes"),
             (self.file("only-sync.ts", b"\x47"), "no transport stream packets in 1 bytes"),
@@ -44,7 +46,8 @@ class Inputs(MannersTest):
             for command in (["info", path], ["info", "--json", "--pids", path],
                             ["extract", path, "--pid", "0", "-o", "-"],
                             ["extract", path, "--sections", "--pid", "0", "-o", self.folder / "out"],
-                            ["demux", path, "--discard"], ["frames", path, "--pid", "257"], ["watch", path]):
+                            ["demux", path, "--discard"], ["cut", path, "-o", self.folder / "out"],
+                            ["frames", path, "--pid", "257"], ["watch", path]):
                 with self.subTest(path=path.name, command=command[0]):
                     self.assertFails(1, f"{path}: {text}", *command)
 

@@ -13,6 +13,8 @@ namespace {
 constexpr size_t kWorkerStack = 65'536;
 // Milliseconds after which Receive looks for room again.
 constexpr uint32_t kRoomWait = 1;
+// How often it does so before it leaves its bytes to the worker, which may be in a client's callback.
+constexpr int kTurnTries = 5;
 // Milliseconds that a stop waits for the worker, which may be in a client's callback.
 constexpr uint32_t kTaskWait = 100;
 
@@ -206,7 +208,21 @@ HRESULT CTsSplitter::Receive(IMediaSample* sample) {
     return AddBytes(data, std::min(length, static_cast<int32_t>(sample->GetSize())));
 }
 
+bool CTsSplitter::ParseWhereTheyLie(const uint8_t** data, int32_t* length) {
+    // A live sender is not held up.
+    if (Mode() == StreamingMode::kLive)
+        return false;
+    for (int i = 0; i < kTurnTries && !m_resyncPending && IsStreaming() && !m_input->IsFlushing(); ++i) {
+        const HRESULT result = ParseInPlace(data, length);
+        if (result != S_FALSE)
+            return result == S_OK;
+        m_roomEvent.Wait(kRoomWait);
+    }
+    return false;
+}
+
 HRESULT CTsSplitter::AddBytes(const uint8_t* data, int32_t length) {
+    const bool parsed = ParseWhereTheyLie(&data, &length);
     bool noted = false;
     while (length > 0) {
         HRESULT result = S_OK;
@@ -221,7 +237,9 @@ HRESULT CTsSplitter::AddBytes(const uint8_t* data, int32_t length) {
             return result;
         if (FAILED(result) && result != E_OUTOFMEMORY)
             return result;
-        m_dataEvent->Set();
+        // Bytes too few for a packet wait for more.
+        if (!parsed)
+            m_dataEvent->Set();
         if (result == S_OK)
             continue;
         if (IsEnding() || !IsStreaming() || m_input->IsFlushing())

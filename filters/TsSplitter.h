@@ -75,6 +75,8 @@ private:
     // Parses what there is, however little came since the last break in the stream.
     void ParseRest();
     HRESULT TakeDiscontinuity();
+    // Parses on the caller's thread what needs no copy for it; true when no packet is left to parse.
+    bool ParseWhereTheyLie(const uint8_t** data, int32_t* length);
     HRESULT AddBytes(const uint8_t* data, int32_t length);
     void PauseWorker();
     void ResumeWorker();

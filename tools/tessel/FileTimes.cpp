@@ -28,7 +28,7 @@ std::optional<int64_t> FindPcr(std::span<const uint8_t> bytes, size_t packetSize
     for (; start + kTransportPacketSize <= bytes.size(); start += packetSize) {
         const uint8_t* const packet = bytes.data() + start;
         const TsHeader header = DecodeTsHeader(packet);
-        if (header.sync != kSyncByte || header.Pid() != pid || !header.HasAdaptationField())
+        if (header.SyncByte() != kSyncByte || header.Pid() != pid || !header.HasAdaptationField())
             continue;
         const AdaptationFieldHeader adaptation = DecodeAdaptationFieldHeader(packet);
         if (adaptation.PcrFlag() && adaptation.length >= 7)

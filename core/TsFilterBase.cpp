@@ -121,7 +121,7 @@ void CTsFilterBase::NoteArrival() {
         m_parser.NoteArrival(CurrentStreamTime());
 }
 
-HRESULT CTsFilterBase::ParseData() {
+HRESULT CTsFilterBase::ParseData(Wake wake) {
     if (!TakeParseTurn())
         return S_FALSE;
     HRESULT result = S_OK;
@@ -131,7 +131,7 @@ HRESULT CTsFilterBase::ParseData() {
         result = m_parser.ParseData(*this);
         // The bytes that the outputs noted may move when the lock is released.
         m_router.FlushPackets();
-        if (result != kParsePaused)
+        if (result != kParsePaused && wake == Wake::kNow)
             m_router.SignalDelivery();
     } while (result == kParsePaused);
     RunDeferred();
@@ -153,6 +153,11 @@ HRESULT CTsFilterBase::ParseInPlace(const uint8_t** data, int32_t* length) {
     }
     m_parseTurn.Release();
     return result;
+}
+
+void CTsFilterBase::WakeOutputs() {
+    CScopedLock lock(&m_streamingLock);
+    m_router.SignalDelivery();
 }
 
 inline ParserStep CTsFilterBase::ParsePacket(const uint8_t* packet) {

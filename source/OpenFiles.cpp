@@ -95,7 +95,6 @@ HRESULT OpenFiles::GetBlock(const CFile* file, uint64_t offset, uint32_t length,
     BHDR_Lock(&slot);
     if (m_cache->LockRead(&slot) != S_OK)
         return E_FAIL;
-    file->ReadAhead(offset + length, length);
     *record = slot;
     return S_OK;
 }

@@ -143,17 +143,18 @@ HRESULT CTsSource::GetCurFile(OLECHAR** name, AM_MEDIA_TYPE* type) {
     return S_OK;
 }
 
+ComPtr<CTsSource> MakeTsSource() {
+    auto source = MakeObject<CTsSource>();
+    if (source && FAILED(source->SetMode(StreamingMode::kFile, 0)))
+        source.Reset();
+    return source;
+}
+
 HRESULT CreateTsSource(IBaseFilter** out) {
     if (out == nullptr)
         return E_POINTER;
-    *out = nullptr;
-    const auto source = MakeObject<CTsSource>();
-    if (!source)
-        return E_OUTOFMEMORY;
-    const HRESULT result = source->SetMode(StreamingMode::kFile, 0);
-    if (SUCCEEDED(result))
-        *out = ComPtr<IBaseFilter>(source.Get()).Detach();
-    return result;
+    *out = ComPtr<IBaseFilter>(MakeTsSource().Get()).Detach();
+    return *out != nullptr ? S_OK : E_OUTOFMEMORY;
 }
 
 }  // namespace tessel

@@ -1,4 +1,6 @@
 // The file source's worker, and what starts and ends it.
+#include <algorithm>
+
 #include "platform/media/MediaResult.h"
 #include "source/TsSource.h"
 
@@ -10,6 +12,8 @@ namespace {
 constexpr uint32_t kRetryWait = 10;
 // Milliseconds that a stop waits for the worker.
 constexpr uint32_t kTaskWait = 100;
+// The outputs' threads are woken once for so many reads: waking costs more than parsing.
+constexpr int kReadsOfTask = 12;
 
 }  // namespace
 
@@ -43,6 +47,7 @@ HRESULT CTsSource::StartStreaming() {
         SetInputPosition(m_start.filePos);
         if (FAILED(m_stream->Seek(m_start.filePos, STREAM_SEEK_SET, nullptr)))
             return E_FAIL;
+        m_readPosition = m_start.filePos;
         m_position = m_start.time;
         m_endOfStream = m_aborted = false;
         ++m_inputEpoch;
@@ -83,39 +88,75 @@ void CTsSource::ApplyOffsets() {
         pin->SetStreamOffset(pin->Media() == MediaClass::kVideo ? start.frameDuration - start.origin : -start.origin);
 }
 
+int64_t CTsSource::StartPosition() {
+    CScopedLock lock(&StreamingLock());
+    return m_start.filePos;
+}
+
+void CTsSource::StartAtBeginning() {
+    CScopedLock state(&StateLock());
+    if (!IsStopped())
+        return;
+    {
+        CScopedLock lock(&StreamingLock());
+        m_start = {};
+        m_start.filePos = m_dataStart;
+    }
+    m_position = 0;
+    m_endOfStream = m_aborted = false;
+    ApplyOffsets();
+}
+
 HRESULT CTsSource::OnThreadStart() {
     m_workerId = std::this_thread::get_id();
     return S_OK;
 }
 
 CTsSource::Input CTsSource::ReadInput() {
-    const std::span<uint8_t> reserved = ReserveData(CPacketReader::kReadSize);
+    int32_t wanted = CPacketReader::kReadSize;
+    if (!IsScanning()) {
+        const int64_t left = m_endPosition - m_readPosition;
+        if (left <= 0)
+            return Input::kEnd;
+        wanted = static_cast<int32_t>(std::min<int64_t>(wanted, left));
+    }
+    const std::span<uint8_t> reserved = ReserveData(wanted);
     if (reserved.empty())
         return Input::kFull;
     const int32_t read = ReadFile(*m_stream.Get(), reserved);
     CommitData(read);
+    m_readPosition += read;
     return read > 0 ? Input::kRead : Input::kEnd;
 }
 
 uint32_t CTsSource::DoOneThreadTask() {
     const std::shared_ptr<CEvent> work = m_workEvent;
     const std::shared_ptr<CEvent> hurry = m_hurry;
-    bool waits = false;
+    Step step = Step::kEnd;
     {
         // What is called from here may let go of the filter.
         const ComPtr<IBaseFilter> self(this);
-        waits = RunTask();
+        step = RunTask();
     }
-    if (waits)
+    if (step == Step::kWait)
         hurry->Wait(kRetryWait);
     work->Set();
     return INFINITE;
 }
 
-bool CTsSource::RunTask() {
+CTsSource::Step CTsSource::RunTask() {
     // Whoever ends the input waits for the turn, so it is held for the whole task.
     if (!TakeParseTurn())
-        return true;
+        return Step::kWait;
+    Step step = Step::kGoOn;
+    for (int reads = 0; step == Step::kGoOn && reads < kReadsOfTask; ++reads)
+        step = ReadAndParse();
+    WakeOutputs();
+    ParseTurn().Release();
+    return step;
+}
+
+CTsSource::Step CTsSource::ReadAndParse() {
     Input input = Input::kNone;
     uint32_t epoch = 0;
     {
@@ -125,20 +166,21 @@ bool CTsSource::RunTask() {
         if (IsStreaming() && IsActive())
             input = ReadInput();
     }
-    bool waits = input == Input::kNone;
+    if (input == Input::kNone)
+        return Step::kWait;
     if (input == Input::kEnd) {
         if (EndInput(epoch))
             EndOutputs();
-    } else if (input != Input::kNone) {
-        const HRESULT result = ParseData();
-        if (result == S_OK && m_discontinuity)
-            AbortPlayback(epoch);
-        else if (FAILED(result))
-            EndInput(epoch);
-        waits = input == Input::kFull && result != S_OK;
+        return Step::kEnd;
     }
-    ParseTurn().Release();
-    return waits;
+    const HRESULT result = ParseData(Wake::kLater);
+    if (result == S_OK && m_discontinuity)
+        AbortPlayback(epoch);
+    else if (FAILED(result))
+        EndInput(epoch);
+    else if (result == S_OK)
+        return Step::kGoOn;
+    return input == Input::kFull ? Step::kWait : Step::kEnd;
 }
 
 // False when the input has been ended, or begun anew, since epoch.

@@ -59,6 +59,42 @@ TEST_F(FileSource, PlaysEveryByteWithItsTime) {
     }
 }
 
+// A client's own bounds: a part ends as a file does, and a new beginning forgets the seek.
+TEST_F(FileSource, PlaysAPartOfTheFile) {
+    Movie movie;
+    movie.Frames(95).Padding();
+    SourceGraph graph;
+    ASSERT_EQ(graph.Load(Write(movie.stream.bytes())), S_OK);
+    graph.AddStreams();
+    auto& source = static_cast<CTsSource&>(*graph.filter);
+    const Movie::Point& begin = movie.points[3];
+    const Movie::Point& end = movie.points[6];
+    ASSERT_EQ(graph.Seek(begin.time, AM_SEEKING_AbsolutePositioning | AM_SEEKING_SeekToKeyFrame), S_OK);
+    EXPECT_EQ(source.StartPosition(), static_cast<int64_t>(begin.filePos));
+    // With so much of the next packet that the one before it is known to be whole.
+    source.SetEndPosition(static_cast<int64_t>(end.filePos) + 7);
+    const auto part = [](const Bytes& bytes, size_t from, size_t to) { return Bytes(&bytes[from], &bytes[to]); };
+    graph.Play();
+    EXPECT_EQ(graph.video->Bytes(), part(movie.video, begin.video, end.video));
+    EXPECT_EQ(graph.audio->Bytes(), part(movie.audio, begin.audio, end.audio));
+    EXPECT_EQ(source.ReadPosition(), static_cast<int64_t>(end.filePos) + 7);
+    EXPECT_FALSE(source.WasAborted());
+
+    ASSERT_EQ(graph.graph->Stop(), S_OK);
+    graph.Forget();
+    source.StartAtBeginning();
+    EXPECT_EQ(graph.Position(), 0);
+    graph.Play();
+    EXPECT_EQ(graph.video->Bytes(), part(movie.video, 0, end.video));
+    EXPECT_EQ(graph.video->Times()[0], movie.points[0].time);
+    // Another file has other bounds.
+    ASSERT_EQ(graph.graph->Stop(), S_OK);
+    ASSERT_EQ(graph.Load(Write(movie.stream.bytes(), "b.ts")), S_OK);
+    graph.Forget();
+    graph.Play();
+    EXPECT_EQ(graph.video->Bytes(), movie.video);
+}
+
 TEST_F(FileSource, AnswersItsInterfaces) {
     Movie movie({.pictureSize = 300'000});
     movie.Frames(50).Padding();

@@ -8,6 +8,9 @@ namespace tessel {
 
 namespace {
 
+// Room for a block of the file behind what is left of the last one.
+constexpr int32_t kBufferSize = CStreamFile::kBlockSize + CPacketReader::kReadSize;
+
 constexpr size_t kMostName = 259;
 
 constexpr CLSID kPages[] = {kPageServices, kPageProgramAssociationTable, kPagePidMapping, kPageOutputPins};
@@ -47,7 +50,7 @@ std::optional<std::string> ToNarrow(std::u16string_view text) {
 }  // namespace
 
 CTsSource::CTsSource(IUnknown* outer)
-    : CTsFilterBase("CTsSource", CPacketReader::kReadSize, outer),
+    : CTsFilterBase("CTsSource", kBufferSize, outer),
       m_workEvent(std::make_shared<CEvent>(EventReset::kAuto)),
       m_hurry(std::make_shared<CEvent>(EventReset::kAuto)),
       m_worker(this, m_workEvent) {}

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "platform/media/MediaResult.h"
+#include "source/StreamFile.h"
 #include "source/TsSource.h"
 
 namespace tessel {
@@ -13,7 +14,7 @@ constexpr uint32_t kRetryWait = 10;
 // Milliseconds that a stop waits for the worker.
 constexpr uint32_t kTaskWait = 100;
 // The outputs' threads are woken once for so many reads: waking costs more than parsing.
-constexpr int kReadsOfTask = 12;
+constexpr int kReadsOfTask = 8;
 
 }  // namespace
 
@@ -118,7 +119,9 @@ CTsSource::Input CTsSource::ReadInput() {
         const int64_t left = m_endPosition - m_readPosition;
         if (left <= 0)
             return Input::kEnd;
-        wanted = static_cast<int32_t>(std::min<int64_t>(wanted, left));
+        // Up to the end of a block of the file, so that the next one can be read at once.
+        constexpr int64_t kBlock = CStreamFile::kBlockSize;
+        wanted = static_cast<int32_t>(std::min(kBlock - m_readPosition % kBlock, left));
     }
     const std::span<uint8_t> reserved = ReserveData(wanted);
     if (reserved.empty())

@@ -93,6 +93,9 @@ public:
     HRESULT Active() override;
     HRESULT Inactive() override;
     HRESULT EndOfStream() override;
+    // Moves with every activation, flush and restart. EndActivity is EndOfStream, if it has not moved since.
+    uint32_t Activity() const { return m_epoch; }
+    void EndActivity(uint32_t activity);
     HRESULT DeliverBeginFlush() override;
     HRESULT DeliverEndFlush() override;
     // A new type, also while connected: the receiver is asked, and the next sample carries it. S_FALSE: it is the
@@ -185,6 +188,8 @@ private:
     // What write does at the end of a task, unless the task's epoch is over; then the thread rests.
     template <class Write>
     void Rest(uint32_t epoch, Write write);
+    // The end is pending: through the thread, or by itself.
+    void BringEnd(uint32_t activity);
     void DeliverPendingEnd(uint32_t epoch);
     void WaitForThreadInactive();
     // Ends the waits of the delivery thread, which then looks at the state again.

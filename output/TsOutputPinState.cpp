@@ -292,12 +292,31 @@ void CTsOutputPin::Restart() {
 }
 
 HRESULT CTsOutputPin::EndOfStream() {
-    m_eosPending = true;
+    uint32_t activity = 0;
+    {
+        const std::lock_guard lock(m_taskMutex);
+        activity = m_epoch;
+        m_eosPending = true;
+    }
+    BringEnd(activity);
+    return S_OK;
+}
+
+void CTsOutputPin::EndActivity(uint32_t activity) {
+    {
+        const std::lock_guard lock(m_taskMutex);
+        if (activity != m_epoch)
+            return;
+        m_eosPending = true;
+    }
+    BringEnd(activity);
+}
+
+void CTsOutputPin::BringEnd(uint32_t activity) {
     if (m_threadRunning)
         m_event->Set();
     else
-        DeliverPendingEnd(m_epoch);
-    return S_OK;
+        DeliverPendingEnd(activity);
 }
 
 HRESULT CTsOutputPin::DeliverBeginFlush() {

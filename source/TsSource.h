@@ -123,8 +123,8 @@ private:
     // kWait: it is better to wait a little before the next.
     Step RunTask();
     Step ReadAndParse();
-    bool EndInput(uint32_t epoch);
-    void EndOutputs();
+    std::optional<uint32_t> EndInput(uint32_t epoch);
+    void EndOutputs(uint32_t epoch);
     void AbortPlayback(uint32_t epoch);
     void ApplyOffsets();
 

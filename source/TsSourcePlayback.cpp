@@ -172,8 +172,8 @@ CTsSource::Step CTsSource::ReadAndParse() {
     if (input == Input::kNone)
         return Step::kWait;
     if (input == Input::kEnd) {
-        if (EndInput(epoch))
-            EndOutputs();
+        if (const std::optional<uint32_t> ended = EndInput(epoch))
+            EndOutputs(*ended);
         return Step::kEnd;
     }
     const HRESULT result = ParseData(Wake::kLater);
@@ -186,25 +186,29 @@ CTsSource::Step CTsSource::ReadAndParse() {
     return input == Input::kFull ? Step::kWait : Step::kEnd;
 }
 
-// False when the input has been ended, or begun anew, since epoch.
-bool CTsSource::EndInput(uint32_t epoch) {
+// The epoch that begins with the end; none when the input has been ended, or begun anew, since epoch.
+std::optional<uint32_t> CTsSource::EndInput(uint32_t epoch) {
     CScopedLock lock(&StreamingLock());
     if (epoch != m_inputEpoch)
-        return false;
+        return std::nullopt;
     NoteMasterTime();
-    ++m_inputEpoch;
     CTsFilterBase::StopStreaming();
     m_endOfStream = true;
     m_worker.Pause();
-    return true;
+    return ++m_inputEpoch;
 }
 
-void CTsSource::EndOutputs() {
-    const uint32_t epoch = m_inputEpoch;
-    // A receiver may begin anew from where it is told.
-    for (const OutputPinPtr& pin : Pins().All())
+void CTsSource::EndOutputs(uint32_t epoch) {
+    // Another start may come at any time: it has activities of its own, which this end is not for.
+    std::vector<std::pair<OutputPinPtr, uint32_t>> activities;
+    {
+        CScopedLock lock(&StreamingLock());
         if (epoch == m_inputEpoch)
-            pin->EndOfStream();
+            for (const OutputPinPtr& pin : Pins().All())
+                activities.emplace_back(pin, pin->Activity());
+    }
+    for (const auto& [pin, activity] : activities)
+        pin->EndActivity(activity);
 }
 
 void CTsSource::AbortPlayback(uint32_t epoch) {
@@ -214,12 +218,12 @@ void CTsSource::AbortPlayback(uint32_t epoch) {
     for (const OutputPinPtr& pin : pins)
         pin->DeliverBeginFlush();
     m_aborted = true;
-    const bool ended = EndInput(epoch);
+    const std::optional<uint32_t> ended = EndInput(epoch);
     for (const OutputPinPtr& pin : pins)
         pin->DeliverEndFlush();
     if (!ended)
         return;
-    EndOutputs();
+    EndOutputs(*ended);
     NotifyEvent(EC_ERRORABORT, VFW_E_INVALID_FILE_FORMAT, 0);
 }
 

@@ -25,7 +25,7 @@ need() {
         >/dev/null
 }
 
-build_packages=(cmake g++ ninja-build libcli11-dev nlohmann-json3-dev)
+build_packages=(cmake g++ ninja-build pkg-config libcli11-dev nlohmann-json3-dev libcpp-httplib-dev)
 test_packages=(libgtest-dev libgmock-dev libbenchmark-dev clang clang-format libclang-rt-14-dev ccache ffmpeg python3)
 
 # configure PRESET [cmake argument...]; quiet unless it fails.

@@ -63,6 +63,10 @@ void Sleep(uint32_t milliseconds) {
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
+void NameThread(const char* name) {
+    pthread_setname_np(pthread_self(), name);
+}
+
 // With the mutex held.
 void CThread::State::ApplyPriority() {
     if (id == 0)

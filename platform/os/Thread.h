@@ -25,6 +25,9 @@ inline constexpr int32_t THREAD_PRIORITY_TIME_CRITICAL = 15;
 // Sleeps for at least so long.
 void Sleep(uint32_t milliseconds);
 
+// What the system's tools call the calling thread; at most 15 characters.
+void NameThread(const char* name);
+
 class CThread {
 public:
     // Returns the exit code and throws nothing. What it holds is released before the thread counts as ended.

@@ -25,7 +25,8 @@ constexpr size_t kMostRequest = 64 * 1024;
 // Between two updates of a browser, and without anything to say.
 constexpr auto kBreath = 100ms;
 constexpr auto kSilence = 10s;
-constexpr auto kStopPoll = 500ms;
+constexpr auto kEndPoll = 20ms;
+constexpr int kEndTries = 20;
 constexpr time_t kSocketSeconds = 10;
 
 constexpr const char* kTooLarge = "The stream is too large to be kept here.";
@@ -70,6 +71,8 @@ public:
         server.Post("/api/upload", [this](const httplib::Request& request, httplib::Response& response,
                                           const httplib::ContentReader& read) { TakeUpload(request, response, read); });
     }
+
+    int Listeners() const { return m_listeners; }
 
 private:
     using Action = Json (Session::*)(const Json&);
@@ -225,6 +228,9 @@ void InspectServer::Bind() {
 
 InspectServer::~InspectServer() {
     m_board.Close();
+    // Those that listen hear the end; one that does not read is not waited for.
+    for (int i = 0; i < kEndTries && m_routes->Listeners() != 0; ++i)
+        std::this_thread::sleep_for(kEndPoll);
     m_server->stop();
     if (m_thread.joinable())
         m_thread.join();

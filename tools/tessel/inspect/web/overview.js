@@ -33,14 +33,15 @@ const STATES = { playing: 'playing', waiting: 'waiting for input', ended: 'input
 export function showFacts(overview) {
   const state = document.getElementById('state');
   state.dataset.state = overview.state;
+  const round = overview.rounds && overview.state === 'playing' ? `, round ${overview.rounds + 1}` : '';
   const text = overview.state === 'ended' && !overview.found ? 'no transport stream found'
-    : overview.state === 'failed' ? overview.error : STATES[overview.state];
+    : overview.state === 'failed' ? overview.error : STATES[overview.state] + round;
   if (state.textContent !== text) state.textContent = text;
   const facts = {
     'Bit rate': rateText(overview.rate),
     'Stream time': timeText(overview.seconds),
     'Packets': numbers.format(overview.packets),
-    'Read': sizeText(overview.bytes) + (overview.rounds ? `, round ${overview.rounds + 1}` : ''),
+    'Read': sizeText(overview.bytes),
     'Transport stream': overview.stream ?? '–',
     'Network': overview.network ?? '–',
     'Services': `${overview.services.length}${overview.complete ? '' : ' so far'}`,
@@ -97,11 +98,10 @@ export class OverviewView {
       empty: 'No packets yet',
       columns: [
         { title: 'PID', class: 'code', sort: (row) => row.pid },
-        { title: 'Carries', sort: (row) => row.text },
+        { title: 'Carries', class: 'carries', sort: (row) => row.text },
         { title: 'Bit rate', class: 'number', sort: (row) => row.rate ?? -1 },
         { title: 'Packets', class: 'number wide', sort: (row) => row.packets },
         { title: 'Lost', class: 'number wide', sort: (row) => row.lost },
-        { title: 'State', sort: (row) => (row.scrambled ? 2 : 0) + (row.pcr ? 1 : 0) },
       ],
       fill: (row, cells) => this.fillPid(row, cells),
     });
@@ -117,28 +117,32 @@ export class OverviewView {
   fillPid(row, cells) {
     if (cells[0].childElementCount === 0) {
       cells[0].append(make('b', {}, hex(row.pid)), make('small', {}, String(row.pid)));
-      cells[1].append(make('i', { class: 'dot' }), make('span', {}, isolated('')));
-      const bar = make('span', { class: 'bar' }, make('span'));
-      cells[2].append(make('span'), bar);
-      cells[5].append(...['PCR', 'scrambled', 'lost', ''].map((text) => make('span', { class: `tag ${text}` }, text)));
+      const tags = ['PCR', 'scrambled', 'lost', 'mapped'].map((text) => make('span', { class: `tag ${text}` }, text));
+      cells[1].append(make('div', {}, make('i', { class: 'dot' }), isolated(''), make('span', { class: 'faint' }, isolated('')),
+        make('span', { class: 'tags' }, ...tags)));
+      cells[2].append(make('span', { class: 'bar' }, make('span')), make('span'));
     }
     const set = (node, text) => { if (node.textContent !== text) node.textContent = text; };
-    cells[1].firstChild.className = `dot ${colour(row.service)}`;
-    set(cells[1].lastChild.firstChild, row.text || (row.service < 0 ? 'not announced' : ''));
-    cells[1].classList.toggle('faint', !row.text);
-    set(cells[2].firstChild, rateText(row.rate));
-    cells[2].lastChild.firstChild.className = colour(row.service);
-    cells[2].lastChild.firstChild.style.width = `${(100 * (row.rate ?? 0)) / this.most}%`;
+    const [dot, first, rest, tags] = cells[1].firstChild.children;
+    dot.className = `dot ${colour(row.service)}`;
+    // "ISO11172 Audio, ger, ..." and "PMT of Service(...)": what it is, and what more there is to say.
+    const [, what, more] = row.text.match(/^([^,(]*)(?:, )?(.*)$/s);
+    set(first, what || (row.service < 0 ? 'not announced' : ''));
+    set(rest.firstChild, more);
+    rest.title = more;
+    const [bar, rate] = cells[2].children;
+    bar.firstChild.className = colour(row.service);
+    bar.firstChild.style.width = `${(100 * Math.min(row.rate ?? 0, this.most)) / this.most}%`;
+    set(rate, rateText(row.rate));
     set(cells[3], numbers.format(row.packets));
     set(cells[4], row.lost ? numbers.format(row.lost) : '–');
     cells[4].classList.toggle('bad', row.lost > 0);
-    const [pcr, scrambled, lost, mapped] = cells[5].children;
+    const [pcr, scrambled, lost, mapped] = tags.children;
     pcr.hidden = !row.pcr;
     scrambled.hidden = !row.scrambled;
     lost.hidden = !row.lost;
     set(lost, `${row.lost} lost`);
     mapped.hidden = row.pins.length === 0;
-    mapped.className = 'tag mapped';
     set(mapped, `→ ${row.pins.join(', ')}`);
   }
 

@@ -260,7 +260,27 @@ class Inspect(support.ToolTest):
         answer = inspector.post("/api/act", {"page": "pidmap", "control": 1004, "action": "click"})
         self.assertEqual(answer, (200, {"result": "done", "messages": []}))
         events.wait("samples of the new pin", lambda e: e.output("Mine")["samples"] > 3)
+        events.wait("another round", lambda e: e.topics["overview"]["rounds"] > 1)
+        self.assertFalse(any(row["lost"] for row in events.topics["overview"]["pids"]), "nothing is lost from round to round")
         events.wait("the services again", lambda e: len(e.topics["overview"]["services"]) == 3)
+
+    def test_a_service_is_chosen_and_a_component_mapped(self):
+        inspector = self.inspect(SAMPLE, "--loop")
+        events = self.events(inspector)
+        events.wait("packets of both", lambda e: {0x101, 0x102} <= {row["pid"] for row in e.topics["overview"]["pids"]
+                                                                    if row["packets"]})
+        events.wait("a service to choose", lambda e: e.control("services", 118)["enabled"])
+        answer = inspector.post("/api/act", {"page": "services", "control": 118, "action": "click"})
+        self.assertEqual(answer, (200, {"result": "done", "messages": []}))
+        for pin, pid in (("Video", "0101"), ("Audio", "0102")):
+            events.wait(f"samples of {pin}", lambda e: e.output(pin)["pids"] == [pid] and e.output(pin)["samples"] > 3)
+        rows = events.wait("AC-3 in the PAT's list", lambda e: any(t.startswith("0202") for t in e.texts("pat")) and
+                           e.control("pat", 102))
+        row = [cells[0] for cells in rows["rows"]].index("0202")
+        inspector.post("/api/act", {"page": "pat", "control": 102, "action": "select", "rows": [row], "rev": rows["rev"]})
+        inspector.post("/api/act", {"page": "pat", "control": 118, "action": "click"})
+        events.wait("samples of the free pin", lambda e: e.output("Output2")["pids"] == ["0202"] and
+                    e.output("Output2")["samples"] > 3)
 
     def test_a_row_of_an_older_list_is_not_taken(self):
         inspector = self.inspect(SAMPLE, "--loop")

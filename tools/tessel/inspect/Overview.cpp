@@ -25,14 +25,14 @@ constexpr struct {
     {0x0001, "Conditional Access Table"},
     {0x0002, "Transport Stream Description Table"},
     {0x0010, "NIT"},
-    {0x0011, "SDT, BAT"},
+    {0x0011, "SDT and BAT"},
     {0x0012, "EIT"},
     {0x0013, "RST"},
-    {0x0014, "TDT, TOT"},
+    {0x0014, "TDT and TOT"},
     {0x0015, "Network synchronisation"},
     {0x001E, "DIT"},
     {0x001F, "SIT"},
-    {0x1FFB, "PSIP: MGT, VCT"},
+    {0x1FFB, "PSIP: MGT and VCT"},
     {kNullPid, "Null packets"},
 };
 

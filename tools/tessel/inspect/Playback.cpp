@@ -1,13 +1,15 @@
 #include "tools/tessel/inspect/Playback.h"
 
 #include <algorithm>
+#include <optional>
+#include <vector>
 
-#include "output/OutputMediaTypes.h"
 #include "platform/media/Mpeg2Demultiplexer.h"
 #include "platform/os/Thread.h"
 #include "proppages/PageFilter.h"
 #include "tools/tessel/Failure.h"
 #include "tools/tessel/Interrupt.h"
+#include "tools/tessel/Services.h"
 
 namespace tessel::tool {
 
@@ -24,6 +26,28 @@ constexpr int64_t kUnclockedPiece = 64 * 1024;
 constexpr auto kUnclockedWait = 10ms;
 constexpr auto kInputPoll = 20ms;
 constexpr auto kEndPoll = 200ms;
+// Bytes that come in bursts are no wait.
+constexpr auto kPatience = 500ms;
+
+AM_MEDIA_TYPE MakeType(const GUID& major, const GUID& sub) {
+    AM_MEDIA_TYPE type;
+    type.majortype = major;
+    type.subtype = sub;
+    type.formattype = FORMAT_None;
+    return type;
+}
+
+// Of the elementary stream that is mapped on a pin; none for other pins, and while no table lists it.
+std::optional<AM_MEDIA_TYPE> TypeFor(const page::Filter& filter, const page::OutputPin& pin) {
+    if (pin.Kind() != page::KindOf(MEDIA_ELEMENTARY_STREAM))
+        return std::nullopt;
+    const std::set<ULONG> mapped = pin.Mapped();
+    for (const auto& service : filter.Services())
+        for (const ComponentInfo& component : DescribeService(service.Get(), *filter.tables, false).components)
+            if (component.media != nullptr && mapped.contains(component.pid))
+                return MakeType(component.media->majortype, component.media->subtype);
+    return std::nullopt;
+}
 
 }  // namespace
 
@@ -48,27 +72,26 @@ void Playback::MakeOutputs() {
     // A pin for packets, and those that choosing a service looks for; the tables have one already.
     const auto demultiplexer = m_pipeline.SplitterAs<IMpeg2Demultiplexer>(0);
     const auto create = [&](const GUID& major, const GUID& sub, const OLECHAR* name) {
-        AM_MEDIA_TYPE type;
-        type.majortype = major;
-        type.subtype = sub;
-        type.formattype = FORMAT_None;
+        AM_MEDIA_TYPE type = MakeType(major, sub);
         ComPtr<IPin> pin;
         Check(demultiplexer->CreateOutputPin(&type, name, pin.Put()), "cannot make a pin");
+        if (!Connect(pin.Get(), name, &type))
+            throw Failure("cannot connect a pin");
     };
     create(MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, u"Video");
     create(MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, u"Audio");
     page::Filter filter;
     Check(filter.Connect(Splitter()), "cannot ask the splitter");
     for (const page::OutputPin& pin : filter.OutputPins())
-        if (!Connect(pin.pin.Get(), pin.name))
+        if (!pin.IsConnected() && !Connect(pin.pin.Get(), pin.name, nullptr))
             throw Failure("cannot connect a pin");
 }
 
-bool Playback::Connect(IPin* pin, const std::u16string& name) {
+bool Playback::Connect(IPin* pin, const std::u16string& name, const AM_MEDIA_TYPE* type) {
     auto sink = ComPtr(new CountingSink());
     if (FAILED(m_pipeline.Graph().AddFilter(sink.Get(), nullptr)))
         return false;
-    if (FAILED(m_pipeline.Graph().ConnectDirect(pin, sink->GetPin(0).get(), nullptr))) {
+    if (FAILED(m_pipeline.Graph().ConnectDirect(pin, sink->GetPin(0).get(), type))) {
         m_pipeline.Graph().RemoveFilter(sink.Get());
         return false;
     }
@@ -86,10 +109,20 @@ ComPtr<CountingSink> Playback::SinkOf(const std::u16string& pin) const {
 void Playback::ConnectMapped() {
     page::Filter filter;
     Check(filter.Connect(Splitter()), "cannot ask the splitter");
+    std::vector<page::OutputPin> pins = filter.OutputPins();
+    std::erase_if(pins, [this](const page::OutputPin& pin) {
+        return pin.IsConnected() || pin.Mapped().empty() || m_refused.contains(pin.name);
+    });
+    if (pins.empty())
+        return;
+    // Before the tables go: a connected pin keeps to video, or to audio.
+    std::vector<std::optional<AM_MEDIA_TYPE>> types;
+    for (const page::OutputPin& pin : pins)
+        types.push_back(TypeFor(filter, pin));
     m_pipeline.Stop();
-    for (const page::OutputPin& pin : filter.OutputPins())
-        if (!pin.IsConnected() && !pin.Mapped().empty())
-            Connect(pin.pin.Get(), pin.name);
+    for (size_t i = 0; i < pins.size(); ++i)
+        if (!Connect(pins[i].pin.Get(), pins[i].name, types[i] ? &*types[i] : nullptr))
+            m_refused.insert(pins[i].name);  // once is enough: the graph stops for it
     m_pipeline.Start();
 }
 
@@ -137,10 +170,8 @@ bool Playback::PlaySome() {
     if (m_ended && IsPipe())
         return false;
     // Waits here, and not in a read that nothing but bytes would end.
-    if (!m_input.file->IsReady()) {
-        m_state = PlaybackState::kWaiting;
-        return Wait(kInputPoll);
-    }
+    if (!m_input.file->IsReady())
+        return WaitForBytes();
     const auto bytes = m_pipeline.Read(m_feed, PieceSize());
     if (bytes.empty())
         return false;
@@ -149,6 +180,7 @@ bool Playback::PlaySome() {
                   std::chrono::microseconds(m_pacer.IsKnown() ? m_pacer.DueAt(m_bytes) / 10 : 0);
     m_ended = false;
     m_state = PlaybackState::kPlaying;
+    m_lastBytes = std::chrono::steady_clock::now();
     m_counter.Push(bytes);
     Pace();
     m_pipeline.Push();
@@ -191,15 +223,20 @@ void Playback::Pace() {
         Wait(left);
 }
 
+bool Playback::WaitForBytes() {
+    if (std::chrono::steady_clock::now() - m_lastBytes > kPatience)
+        m_state = PlaybackState::kWaiting;
+    return Wait(kInputPoll);
+}
+
 bool Playback::OnNoBytes() {
     if (Interrupted())
         return false;
-    if (m_input.filling && *m_input.filling) {
-        m_state = PlaybackState::kWaiting;
-        return Wait(kInputPoll);
-    }
+    if (m_input.filling && *m_input.filling)
+        return WaitForBytes();
     if (m_input.loop && !IsPipe() && m_counter.Packets() != 0) {
         ++m_rounds;
+        m_counter.Break();
         m_feed.Restart();
         return true;
     }

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -61,10 +62,12 @@ public:
 
 private:
     void MakeOutputs();
-    bool Connect(IPin* pin, const std::u16string& name);
+    // type: null for any.
+    bool Connect(IPin* pin, const std::u16string& name, const AM_MEDIA_TYPE* type);
     void ConnectMapped();
     void Run();
     bool PlaySome();
+    bool WaitForBytes();
     // At the end of what there is: true to try again.
     bool OnNoBytes();
     size_t PieceSize() const;
@@ -80,7 +83,9 @@ private:
     int64_t m_pcrPosition = -1;
     int64_t m_clockedBytes = 0;  // before the first clock reference
     std::chrono::steady_clock::time_point m_start;
+    std::chrono::steady_clock::time_point m_lastBytes = std::chrono::steady_clock::now();
     bool m_ended = false;
+    std::set<std::u16string> m_refused;  // pins that take no sink
     std::atomic<PlaybackState> m_state{PlaybackState::kPlaying};
     std::atomic<int64_t> m_bytes{0};
     std::atomic<REFERENCE_TIME> m_streamTime{0};

@@ -30,6 +30,7 @@ constexpr int kEndTries = 20;
 constexpr time_t kSocketSeconds = 10;
 
 constexpr const char* kTooLarge = "The stream is too large to be kept here.";
+constexpr std::string_view kPage = "/index.html";
 constexpr const char* kTokenPlace = "{{token}}";
 constexpr const char* kPolicy =
     "default-src 'self'; img-src 'self' data:; object-src 'none'; base-uri 'none'; form-action 'none'; "
@@ -59,11 +60,14 @@ public:
             Refuse(response, 500, "This could not be done.");
         });
         for (const WebFile& file : WebFiles())
-            server.Get(std::string(file.path), [&file](const httplib::Request&, httplib::Response& response) {
-                response.set_content(file.content.data(), file.content.size(), std::string(file.type));
-            });
-        // After the files, so that the page's own path cannot give it away without its token.
-        server.Get("/", [this](const httplib::Request&, httplib::Response& response) { SendPage(response); });
+            if (file.path == kPage)
+                server.Get("/", [this, &file](const httplib::Request&, httplib::Response& response) {
+                    SendPage(file, response);
+                });
+            else
+                server.Get(std::string(file.path), [&file](const httplib::Request&, httplib::Response& response) {
+                    response.set_content(file.content.data(), file.content.size(), std::string(file.type));
+                });
         server.Get("/events", [this](const httplib::Request&, httplib::Response& response) { SendEvents(response); });
         AddAction(server, "/api/act", &Session::Act);
         AddAction(server, "/api/map", &Session::Map);
@@ -89,14 +93,10 @@ private:
         return true;
     }
 
-    void SendPage(httplib::Response& response) const {
-        for (const WebFile& file : WebFiles()) {
-            if (file.path != "/index.html")
-                continue;
-            std::string page(file.content);
-            page.replace(page.find(kTokenPlace), std::strlen(kTokenPlace), m_owner.m_guard->Token());
-            response.set_content(page, std::string(file.type));
-        }
+    void SendPage(const WebFile& file, httplib::Response& response) const {
+        std::string page(file.content);
+        page.replace(page.find(kTokenPlace), std::strlen(kTokenPlace), m_owner.m_guard->Token());
+        response.set_content(page, std::string(file.type));
     }
 
     void SendEvents(httplib::Response& response) {
@@ -165,7 +165,7 @@ private:
                 fits = upload.Write({data, length});
                 if (fits && !std::exchange(begun, true))
                     m_owner.Replace(upload.Input());
-                return fits;
+                return fits && !m_owner.m_board.IsClosed();
             });
             if (!fits)
                 Refuse(response, 413, kTooLarge);
@@ -254,10 +254,12 @@ std::shared_ptr<Session> InspectServer::Current() {
 
 void InspectServer::Replace(PlaybackInput input) {
     const std::lock_guard replacing(m_replacing);
+    std::shared_ptr<Session> old;
     {
         const std::lock_guard lock(m_mutex);
-        m_session.reset();
+        old.swap(m_session);
     }
+    old.reset();
     auto session = std::make_shared<Session>(m_board, std::move(input));
     const std::lock_guard lock(m_mutex);
     m_session = std::move(session);

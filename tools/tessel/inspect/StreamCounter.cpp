@@ -42,6 +42,11 @@ StreamCounter::Counts StreamCounter::Of(uint32_t pid) const {
 
 void StreamCounter::Note(const uint8_t* packet) {
     const TsHeader header = DecodeTsHeader(packet);
+    if (m_parser.StreamPosition() >= m_break) {
+        m_break = INT64_MAX;
+        for (uint32_t pid = 0; pid < kPidCount; ++pid)
+            m_pids[pid].lastCounter = -1;
+    }
     Add(m_packets);
     if (header.TransportErrorIndicator())
         return Add(m_damaged);

@@ -18,6 +18,8 @@ public:
     // The one thread that plays.
     void Push(std::span<const uint8_t> bytes);
     void Finish();
+    // What comes next does not go on from what came.
+    void Break() { m_break = m_parser.BytesReceived(); }
     // See PacketMeter.
     const std::optional<PacketMeter::Pcr>& LastPcr() const { return m_lastPcr; }
 
@@ -53,6 +55,7 @@ private:
     bool m_resyncPending = true;
     std::optional<uint32_t> m_pcrPid;
     std::optional<PacketMeter::Pcr> m_lastPcr;
+    int64_t m_break = INT64_MAX;  // position
     std::unique_ptr<Pid[]> m_pids;
     Number m_packets{0}, m_damaged{0};
 

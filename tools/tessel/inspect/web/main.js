@@ -43,6 +43,10 @@ tabs.addEventListener('keydown', (event) => {
   choose(all.at(to % all.length).id.slice('tab-'.length), true);
 });
 
+new ResizeObserver(() => {
+  tabs.querySelector('[aria-selected=true]')?.scrollIntoView({ block: 'nearest', inline: 'nearest' });
+}).observe(tabs);
+
 addTab('overview', 'Overview', overview.element, log.element);
 
 listen({

@@ -246,6 +246,8 @@ class Inspect(support.ToolTest):
             self.assertIn(f"'{pid}' is not a PID. A PID is a hexadecimal number up to 1fff", answer["messages"][0])
         self.assertEqual(inspector.post("/api/unmap", {"pin": "Output1", "pid": "0101"})[0], 200)
         events.wait("no PID on the pin", lambda e: e.output("Output1")["pids"] == [])
+        events.wait("lines about it", lambda e: {"0101 is mapped on Output1", "0101 is taken off Output1"} <=
+                    {line["text"] for line in e.log})
         self.assertEqual(inspector.post("/api/unmap", {"pin": "Output1", "pid": "0101"})[0], 409)
 
     def test_a_new_pin_is_connected(self):

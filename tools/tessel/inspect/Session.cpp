@@ -146,7 +146,9 @@ void Session::Loop() {
         UpdatePages();
         if (!commands.empty() || Clock::now() - counted >= kOverviewTime) {
             counted = Clock::now();
-            m_board.Publish(m_number, "overview", m_overview->Make().dump());
+            const Json overview = m_overview->Make();
+            TellMaps(overview.at("outputs"));
+            m_board.Publish(m_number, "overview", overview.dump());
             if (m_overview->NeedsOutputs())
                 m_playback.ConnectOutputs();
         }
@@ -175,6 +177,22 @@ void Session::TellEvents() {
         m_board.AddLine(m_number, "input", "The input has ended");
     else if (state == PlaybackState::kFailed)
         m_board.AddLine(m_number, "error", m_playback.Error());
+}
+
+void Session::TellMaps(const Json& outputs) {
+    std::map<std::string, std::set<std::string>> maps;
+    for (const Json& output : outputs)
+        for (const Json& pid : output.at("pids"))
+            maps[output.at("name")].insert(pid.get<std::string>());
+    const auto tell = [this](const auto& now, const auto& before, const char* what) {
+        for (const auto& [pin, pids] : now)
+            for (const std::string& pid : pids)
+                if (const auto old = before.find(pin); old == before.end() || !old->second.contains(pid))
+                    m_board.AddLine(m_number, "map", pid + what + pin);
+    };
+    tell(maps, m_maps, " is mapped on ");
+    tell(m_maps, maps, " is taken off ");
+    m_maps = std::move(maps);
 }
 
 // Presses "Update" for pages that do not look by themselves.

@@ -5,8 +5,10 @@
 #include <functional>
 #include <future>
 #include <list>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include "tools/tessel/inspect/Board.h"
@@ -44,6 +46,7 @@ private:
     // False when the page has no such pin; its message then stands.
     bool ChoosePin(const std::string& name);
     void TellEvents();
+    void TellMaps(const Json& outputs);
     void UpdatePages();
     void Publish();
 
@@ -57,6 +60,7 @@ private:
     // Of the pages' thread.
     std::list<PageHost> m_pages;
     std::unique_ptr<Overview> m_overview;
+    std::map<std::string, std::set<std::string>> m_maps;  // PIDs by output pin
     bool m_tablesChanged = false;
     bool m_pidsChanged = false;
     size_t m_pidCount = 0;

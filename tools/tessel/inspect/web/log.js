@@ -10,6 +10,17 @@ export class LogView {
     this.list = make('ol', { class: 'log', tabindex: 0, role: 'log', 'aria-label': 'Events' });
     this.element = make('section', { class: 'card events' }, make('h2', {}, 'Events'), this.list);
     this.last = 0;
+    // Keeps to the end for those who read there, also when the list was out of sight meanwhile.
+    this.follows = true;
+    this.list.addEventListener('scroll', () => {
+      const { scrollHeight, scrollTop, clientHeight } = this.list;
+      if (clientHeight) this.follows = scrollHeight - scrollTop - clientHeight < 30;
+    });
+    new ResizeObserver(() => this.follow()).observe(this.list);
+  }
+
+  follow() {
+    if (this.follows) this.list.scrollTop = this.list.scrollHeight;
   }
 
   clear() {
@@ -18,14 +29,12 @@ export class LogView {
   }
 
   add(lines) {
-    // Keeps to the end for those who read there.
-    const atEnd = this.list.scrollHeight - this.list.scrollTop - this.list.clientHeight < 30;
     for (const { line, time, kind, text } of lines) {
       if (line <= this.last) continue;
       this.last = line;
       this.list.append(make('li', { 'data-kind': kind }, make('time', {}, clock.format(time)), make('bdi', {}, text)));
     }
     while (this.list.childElementCount > MOST) this.list.firstChild.remove();
-    if (atEnd) this.list.scrollTop = this.list.scrollHeight;
+    this.follow();
   }
 }

@@ -28,6 +28,9 @@ void Sleep(uint32_t milliseconds);
 // What the system's tools call the calling thread; at most 15 characters.
 void NameThread(const char* name);
 
+// Work of the calling thread, and of threads that it makes, that may wait when the processors are busy.
+void YieldToOthers();
+
 class CThread {
 public:
     // Returns the exit code and throws nothing. What it holds is released before the thread counts as ended.

@@ -239,6 +239,7 @@ InspectServer::~InspectServer() {
 void InspectServer::Start() {
     m_thread = std::thread([this] {
         NameThread("inspect-http");
+        YieldToOthers();
         m_server->listen_after_bind();
     });
 }

@@ -112,6 +112,7 @@ void Session::MakePages() {
 
 void Session::Run() {
     NameThread("inspect-pages");
+    YieldToOthers();
     try {
         MakePages();
         m_playback.Start();

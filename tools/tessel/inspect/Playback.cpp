@@ -20,10 +20,9 @@ using namespace std::chrono_literals;
 // A file goes out in pieces of so long, so that what is shown moves on evenly.
 constexpr REFERENCE_TIME kPieceTime = 20 * kUnitsPerMillisecond;
 constexpr int64_t kLeastPiece = 28 * kTransportPacketSize;
-// A stream that shows no clock reference in so many bytes has no speed to keep to.
-constexpr int64_t kUnclocked = 2'000'000;
-constexpr int64_t kUnclockedPiece = 64 * 1024;
-constexpr auto kUnclockedWait = 10ms;
+// Bytes a second: no stream of a clock that can be believed is faster, and of one without a clock nothing is known.
+constexpr double kFastest = 25e6;
+constexpr double kUnclocked = 1e6;
 constexpr auto kInputPoll = 20ms;
 constexpr auto kEndPoll = 200ms;
 // Bytes that come in bursts are no wait.
@@ -175,9 +174,8 @@ bool Playback::PlaySome() {
     const auto bytes = m_pipeline.Read(m_feed, PieceSize());
     if (bytes.empty())
         return false;
-    if (m_state != PlaybackState::kPlaying)
-        m_start = std::chrono::steady_clock::now() -
-                  std::chrono::microseconds(m_pacer.IsKnown() ? m_pacer.DueAt(m_bytes) / 10 : 0);
+    if (m_bytes == 0 || m_state != PlaybackState::kPlaying)
+        m_start = std::chrono::steady_clock::now() - DueTime();
     m_ended = false;
     m_state = PlaybackState::kPlaying;
     m_lastBytes = std::chrono::steady_clock::now();
@@ -191,8 +189,6 @@ bool Playback::PlaySome() {
 size_t Playback::PieceSize() const {
     if (IsPipe())
         return PushSource::kSampleSize;
-    if (!m_pacer.IsKnown())
-        return static_cast<size_t>(m_bytes < kUnclocked ? kLeastPiece : kUnclockedPiece);
     const REFERENCE_TIME time = m_streamTime;
     if (time < 10 * kPieceTime)
         return static_cast<size_t>(kLeastPiece);
@@ -200,25 +196,26 @@ size_t Playback::PieceSize() const {
     return static_cast<size_t>(std::clamp<double>(perPiece, kLeastPiece, PushSource::kSampleSize));
 }
 
+// Since the beginning, or as if it had played on all the time.
+std::chrono::microseconds Playback::DueTime() const {
+    const double slowest = static_cast<double>(m_bytes) / (m_streamTime > 0 ? kFastest : kUnclocked);
+    const auto least = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::duration<double>(slowest));
+    return std::max(least, std::chrono::microseconds(m_streamTime / 10));
+}
+
 void Playback::Pace() {
     if (const auto& pcr = m_counter.LastPcr(); pcr && pcr->position != m_pcrPosition) {
         m_pcrPosition = pcr->position;
-        if (!m_pacer.IsKnown()) {
-            m_start = std::chrono::steady_clock::now();
+        if (!m_pacer.IsKnown())
             m_clockedBytes = pcr->position;
-        }
         m_pacer.OnPcr(pcr->value, pcr->position);
     }
-    if (!m_pacer.IsKnown()) {
-        if (!IsPipe() && m_bytes >= kUnclocked)
-            Wait(kUnclockedWait);
-        return;
-    }
-    m_streamTime = std::max<REFERENCE_TIME>(m_pacer.DueAt(m_bytes), 0);
+    if (m_pacer.IsKnown())
+        m_streamTime = std::max<REFERENCE_TIME>(m_pacer.DueAt(m_bytes), 0);
     if (IsPipe())
         return;
-    const auto due = m_start + std::chrono::microseconds(m_streamTime / 10);
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - std::chrono::steady_clock::now());
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(m_start + DueTime() - std::chrono::steady_clock::now());
     if (left > 0ms)
         Wait(left);
 }

@@ -71,6 +71,7 @@ private:
     // At the end of what there is: true to try again.
     bool OnNoBytes();
     size_t PieceSize() const;
+    std::chrono::microseconds DueTime() const;
     void Pace();
     // False once the playback is to end.
     bool Wait(std::chrono::milliseconds time);

@@ -185,6 +185,9 @@ void Session::TellMaps(const Json& outputs) {
     for (const Json& output : outputs)
         for (const Json& pid : output.at("pids"))
             maps[output.at("name")].insert(pid.get<std::string>());
+    if (!m_mapsKnown)
+        m_maps = maps;
+    m_mapsKnown = true;
     const auto tell = [this](const auto& now, const auto& before, const char* what) {
         for (const auto& [pin, pids] : now)
             for (const std::string& pid : pids)

@@ -61,6 +61,7 @@ private:
     std::list<PageHost> m_pages;
     std::unique_ptr<Overview> m_overview;
     std::map<std::string, std::set<std::string>> m_maps;  // PIDs by output pin
+    bool m_mapsKnown = false;
     bool m_tablesChanged = false;
     bool m_pidsChanged = false;
     size_t m_pidCount = 0;

@@ -44,7 +44,7 @@ export function showFacts(overview) {
     'Read': sizeText(overview.bytes),
     'Transport stream': overview.stream ?? '–',
     'Network': overview.network ?? '–',
-    'Services': `${overview.services.length}${overview.complete ? '' : ' so far'}`,
+    'Services': overview.complete ? String(overview.services.length) : `${overview.services.length}, incomplete`,
     'Damaged': numbers.format(overview.damaged),
   };
   const place = document.getElementById('facts');

@@ -294,6 +294,25 @@ class Inspect(support.ToolTest):
         self.assertEqual(inspector.post("/api/act", {**act, "rev": rev})[0], 200)
         events.wait("the row", lambda e: e.control("pat", 102)["selected"] == [1])
 
+    def test_lost_repeated_and_damaged_packets(self):
+        packets = [SAMPLE.read_bytes()[at:at + 188] for at in range(0, SAMPLE.stat().st_size, 188)]
+
+        def nth(pid, number):
+            return [at for at, packet in enumerate(packets) if int.from_bytes(packet[1:3], "big") & 0x1FFF == pid and
+                    packet[3] & 0x10][number]
+        del packets[nth(0x101, 20)]
+        packets.insert(nth(0x102, 20), packets[nth(0x102, 20)])
+        damaged = nth(0x103, 20)
+        packets[damaged] = bytes([0x47, packets[damaged][1] | 0x80]) + packets[damaged][2:]
+        inspector = self.inspect("-", stdin=subprocess.PIPE)
+        events = self.events(inspector)
+        inspector.process.stdin.write(b"".join(packets))
+        inspector.process.stdin.close()
+        inspector.process.stdin = None
+        overview = events.wait("the end", lambda e: e.topics["overview"]["state"] == "ended" and e.topics["overview"])
+        lost = {row["pid"]: row["lost"] for row in overview["pids"] if row["lost"]}
+        self.assertEqual((lost, overview["damaged"]), ({0x101: 1, 0x103: 1}, 1))
+
     def test_a_pipe_that_ends(self):
         read, write = subprocess.PIPE, SAMPLE.read_bytes()
         inspector = self.inspect("-", stdin=read)

@@ -25,6 +25,10 @@ public:
         ++m_depth;
         return true;
     }
+    // False when another thread has it.
+    bool TryTake() {
+        return Take([] { return true; });
+    }
     void Release() {
         const std::lock_guard lock(m_mutex);
         if (--m_depth != 0)

@@ -29,7 +29,8 @@ bool Consider(const CTsOutputPin& pin, int32_t pcrPid, int32_t queuedJumps, Cand
     const int32_t itsPid = content ? content->GetPcrPid() : static_cast<int32_t>(kNullPid);
     if (pin.IsConnected() && (itsPid == kProgramUnknown || (itsPid == kNoStream && !pin.Map().IsEmpty())))
         return false;
-    if (!content || itsPid != pcrPid)
+    // In a file, one that is not played keeps the clock that it would have.
+    if (!content || itsPid != pcrPid || !content->IsActive())
         return true;
     // What an output has queued from before a jump says nothing of the start behind it, and the other way round.
     if (const int32_t jumps = content->QueuedJumps(); jumps != queuedJumps)

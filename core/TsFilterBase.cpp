@@ -121,28 +121,48 @@ void CTsFilterBase::NoteArrival() {
         m_parser.NoteArrival(CurrentStreamTime());
 }
 
-HRESULT CTsFilterBase::ParseData() {
+HRESULT CTsFilterBase::ParseData(Wake wake) {
     if (!TakeParseTurn())
         return S_FALSE;
-    HRESULT result = kParsePaused;
-    while (result == kParsePaused) {
-        {
-            CScopedLock lock(&m_streamingLock);
-            result = m_parser.ParseData(*this);
-            // The bytes that the outputs noted may move when the lock is released.
-            m_router.FlushPackets();
-            if (result != kParsePaused)
-                m_router.SignalDelivery();
-        }
+    HRESULT result = S_OK;
+    do {
         RunDeferred();
+        CScopedLock lock(&m_streamingLock);
+        result = m_parser.ParseData(*this);
+        // The bytes that the outputs noted may move when the lock is released.
+        m_router.FlushPackets();
+        if (result != kParsePaused && wake == Wake::kNow)
+            m_router.SignalDelivery();
+    } while (result == kParsePaused);
+    RunDeferred();
+    m_parseTurn.Release();
+    return result;
+}
+
+HRESULT CTsFilterBase::ParseInPlace(const uint8_t** data, int32_t* length) {
+    if (!m_parseTurn.TryTake())
+        return S_FALSE;
+    HRESULT result = S_FALSE;
+    {
+        CScopedLock lock(&m_streamingLock);
+        if (IsStreaming() && !m_hasDeferred) {
+            result = m_parser.ParseInPlace(*this, data, length);
+            m_router.FlushPackets();
+            m_router.SignalDelivery();
+        }
     }
     m_parseTurn.Release();
     return result;
 }
 
+void CTsFilterBase::WakeOutputs() {
+    CScopedLock lock(&m_streamingLock);
+    m_router.SignalDelivery();
+}
+
 inline ParserStep CTsFilterBase::ParsePacket(const uint8_t* packet) {
     const TsHeader header = DecodeTsHeader(packet);
-    if (m_announcement.position == m_parser.StreamPosition()) [[unlikely]]
+    if (m_announcement.position >= 0 && m_announcement.position == m_parser.StreamPosition()) [[unlikely]]
         return OfferAnnouncement(packet, header);
     const uint32_t pid = header.Pid();
     const bool scrambled = header.TransportScramblingControl() != 0;

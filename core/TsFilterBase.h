@@ -117,7 +117,11 @@ public:
     HRESULT DetectPacketSize() { return m_parser.DetectPacketSize(); }
     // S_OK out of data, S_FALSE stopped by the outputs (file mode) or by a stop, E_UNEXPECTED without a buffer.
     // Takes the streaming lock for the parsing and calls receivers and sinks without it.
-    HRESULT ParseData();
+    HRESULT ParseData() { return ParseData(Wake::kNow); }
+    // As ParseData, on the caller's bytes where they lie, when nothing waits and nobody else parses; moves the pointer
+    // on and the length down by what it took. S_OK when no packet is left to parse; S_FALSE when it could do nothing;
+    // kParsePaused where receivers or sinks are to be called: the rest is for AddData and ParseData.
+    HRESULT ParseInPlace(const uint8_t** data, int32_t* length);
 
     const PacketParser& Parser() const { return m_parser; }
     const PidStatusBits& PidStatus() const { return m_pidStatus; }
@@ -165,6 +169,11 @@ protected:
         uint32_t tableId = 0;
         uint32_t pid = 0;
     };
+
+    // Whether the outputs are woken for what they got, or by a later WakeOutputs. A wait for room wakes its own.
+    enum class Wake { kNow, kLater };
+    HRESULT ParseData(Wake wake);
+    void WakeOutputs();
 
     explicit CTsFilterBase(const char* name, int32_t requestedCapacity = PacketParser::kDefaultCapacity,
                            IUnknown* outer = nullptr);

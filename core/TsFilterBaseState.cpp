@@ -141,6 +141,7 @@ HRESULT CTsFilterBase::CreateOutputPin(AM_MEDIA_TYPE* type, const OLECHAR* name,
             return result;
         }
     }
+    SetDirty(true);
     *out = ComPtr<IPin>(pin.get()).Detach();
     return S_OK;
 }
@@ -187,18 +188,21 @@ HRESULT CTsFilterBase::SelectService(uint32_t index) {
     const HRESULT result = m_services->GetServices(services.Put());
     if (FAILED(result))
         return result;
-    std::optional<CServiceSelection::FileOperations> file;
-    if (m_mode == StreamingMode::kFile) {
-        const auto rewind = [this] {
-            ComPtr<IMediaSeeking> seeking;
-            int64_t start = 0;
-            if (SUCCEEDED(QueryInterface(IMediaSeeking::kIid, reinterpret_cast<void**>(seeking.Put()))))
-                seeking->SetPositions(&start, AM_SEEKING_AbsolutePositioning | AM_SEEKING_SeekToKeyFrame, nullptr,
-                                      AM_SEEKING_NoPositioning);
-        };
-        file = {[this](const OLECHAR* name) { return CreatePin(name); }, rewind};
-    }
-    return CServiceSelection(m_pins.All(), m_pidStatus, std::move(file)).Select(*services.Get(), index);
+    if (m_mode != StreamingMode::kFile)
+        return CServiceSelection(m_pins.All(), m_pidStatus, std::nullopt).Select(*services.Get(), index);
+    const auto rewind = [this] {
+        ComPtr<IMediaSeeking> seeking;
+        int64_t start = 0;
+        if (SUCCEEDED(QueryInterface(IMediaSeeking::kIid, reinterpret_cast<void**>(seeking.Put()))))
+            seeking->SetPositions(&start, AM_SEEKING_AbsolutePositioning | AM_SEEKING_SeekToKeyFrame, nullptr,
+                                  AM_SEEKING_NoPositioning);
+    };
+    // Nobody else makes pins, or starts, meanwhile.
+    CScopedLock lock(&StateLock());
+    return CServiceSelection(
+               m_pins.All(), m_pidStatus,
+               CServiceSelection::FileOperations{[this](const OLECHAR* name) { return CreatePin(name); }, rewind})
+        .Select(*services.Get(), index);
 }
 
 HRESULT CTsFilterBase::GetPidParam(int32_t pid, int32_t parameter, uint32_t* out) {

@@ -10,9 +10,10 @@ namespace tessel {
 
 namespace {
 
-constexpr size_t kWorkerStack = 65'536;
 // Milliseconds after which Receive looks for room again.
 constexpr uint32_t kRoomWait = 1;
+// How often it does so before it leaves its bytes to the worker, which may be in a client's callback.
+constexpr int kTurnTries = 5;
 // Milliseconds that a stop waits for the worker, which may be in a client's callback.
 constexpr uint32_t kTaskWait = 100;
 
@@ -34,23 +35,12 @@ CTsSplitter::CTsSplitter(IUnknown* outer)
       m_wallClock(GetOwner(), &m_clockResult),
       m_events([this] { return IsServiceInformationComplete() == S_OK; }),
       m_dataEvent(std::make_shared<CEvent>(EventReset::kAuto)),
-      m_workerLife(this, [](IRALThreadExecutor*) {}) {}
+      m_worker(this, m_dataEvent) {}
 
 CTsSplitter::~CTsSplitter() {
     Stop();
     m_pidSinks.Clear();
-    m_workerLife = nullptr;
-    RALThreadPtr<CRALExecutorThread> worker;
-    {
-        CScopedLock lock(&m_workerLock);
-        worker = std::move(m_worker);
-    }
-    if (!worker)
-        return;
-    const std::shared_ptr<CRALThread> thread = worker.get_deleter().thread;
-    worker = nullptr;
-    // A task that began just before it was stopped uses what is about to go.
-    thread->WaitForEnd(INFINITE);
+    m_worker.End();
 }
 
 HRESULT CTsSplitter::NonDelegatingQueryInterface(const IID& iid, void** out) {
@@ -134,18 +124,6 @@ HRESULT CTsSplitter::Reset() {
     return S_OK;
 }
 
-void CTsSplitter::PauseWorker() {
-    CScopedLock lock(&m_workerLock);
-    if (m_worker)
-        m_worker->Pause();
-}
-
-void CTsSplitter::ResumeWorker() {
-    CScopedLock lock(&m_workerLock);
-    if (m_worker)
-        m_worker->Resume(WorkerPriority());
-}
-
 uint32_t CTsSplitter::DoOneThreadTask() {
     // What is called from here may let go of the filter.
     const ComPtr<IBaseFilter> self(this);
@@ -175,7 +153,7 @@ void CTsSplitter::ParseRest() {
 }
 
 HRESULT CTsSplitter::TakeDiscontinuity() {
-    PauseWorker();
+    m_worker.Pause();
     if (!TakeParseTurn())
         return S_FALSE;
     ParseRest();
@@ -187,7 +165,7 @@ HRESULT CTsSplitter::TakeDiscontinuity() {
         m_resyncPending = true;
     }
     ParseTurn().Release();
-    ResumeWorker();
+    m_worker.Resume(WorkerPriority());
     return S_OK;
 }
 
@@ -206,7 +184,21 @@ HRESULT CTsSplitter::Receive(IMediaSample* sample) {
     return AddBytes(data, std::min(length, static_cast<int32_t>(sample->GetSize())));
 }
 
+bool CTsSplitter::ParseWhereTheyLie(const uint8_t** data, int32_t* length) {
+    // A live sender is not held up.
+    if (Mode() == StreamingMode::kLive)
+        return false;
+    for (int i = 0; i < kTurnTries && !m_resyncPending && IsStreaming() && !m_input->IsFlushing(); ++i) {
+        const HRESULT result = ParseInPlace(data, length);
+        if (result != S_FALSE)
+            return result == S_OK;
+        m_roomEvent.Wait(kRoomWait);
+    }
+    return false;
+}
+
 HRESULT CTsSplitter::AddBytes(const uint8_t* data, int32_t length) {
+    const bool parsed = ParseWhereTheyLie(&data, &length);
     bool noted = false;
     while (length > 0) {
         HRESULT result = S_OK;
@@ -221,7 +213,9 @@ HRESULT CTsSplitter::AddBytes(const uint8_t* data, int32_t length) {
             return result;
         if (FAILED(result) && result != E_OUTOFMEMORY)
             return result;
-        m_dataEvent->Set();
+        // Bytes too few for a packet wait for more.
+        if (!parsed)
+            m_dataEvent->Set();
         if (result == S_OK)
             continue;
         if (IsEnding() || !IsStreaming() || m_input->IsFlushing())
@@ -232,7 +226,7 @@ HRESULT CTsSplitter::AddBytes(const uint8_t* data, int32_t length) {
 }
 
 void CTsSplitter::EndOfStream() {
-    PauseWorker();
+    m_worker.Pause();
     const bool hasTurn = TakeParseTurn();
     if (IsStreaming()) {
         if (hasTurn)
@@ -247,7 +241,7 @@ void CTsSplitter::EndOfStream() {
 }
 
 HRESULT CTsSplitter::BeginFlush() {
-    PauseWorker();
+    m_worker.Pause();
     for (const OutputPinPtr& pin : Pins().All())
         pin->DeliverBeginFlush();
     CScopedLock receive(&m_input->ReceiveLock());
@@ -284,18 +278,8 @@ HRESULT CTsSplitter::Stop() {
     }
     const HRESULT result = CTsFilterBase::Stop();
     // The worker's task holds the filter. A client that lets go of a stopped filter wants it gone.
-    WaitForWorker();
+    m_worker.WaitForTask(kTaskWait);
     return result;
-}
-
-void CTsSplitter::WaitForWorker() {
-    std::shared_ptr<CRALThread> thread;
-    {
-        CScopedLock lock(&m_workerLock);
-        thread = m_worker.get_deleter().thread;
-    }
-    if (thread)
-        thread->WaitForTask(kTaskWait);
 }
 
 HRESULT CTsSplitter::StartStreaming() {
@@ -304,24 +288,11 @@ HRESULT CTsSplitter::StartStreaming() {
         return result;
     m_endOfStream = false;
     m_events.Start();
-    {
-        CScopedLock lock(&m_workerLock);
-        if (!m_worker) {
-            auto worker = MakeRALThread<CRALExecutorThread>(m_workerLife);
-            if (!worker)
-                return E_FAIL;
-            m_dataEvent->Reset();
-            worker->SetWake(m_dataEvent);
-            worker->Start(nullptr, kWorkerStack);
-            m_worker = std::move(worker);
-        }
-    }
-    ResumeWorker();
-    return result;
+    return m_worker.Start(WorkerPriority());
 }
 
 HRESULT CTsSplitter::StopStreaming() {
-    PauseWorker();
+    m_worker.Pause();
     m_events.Stop();
     return CTsFilterBase::StopStreaming();
 }

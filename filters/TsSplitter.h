@@ -5,7 +5,7 @@
 #include "filters/TableEventThread.h"
 #include "filters/TsInputPin.h"
 #include "filters/WallClock.h"
-#include "filters/threads/RALExecutorThread.h"
+#include "filters/threads/FilterWorker.h"
 #include "platform/com/PropertyPages.h"
 
 namespace tessel {
@@ -75,10 +75,9 @@ private:
     // Parses what there is, however little came since the last break in the stream.
     void ParseRest();
     HRESULT TakeDiscontinuity();
+    // Parses on the caller's thread what needs no copy for it; true when no packet is left to parse.
+    bool ParseWhereTheyLie(const uint8_t** data, int32_t* length);
     HRESULT AddBytes(const uint8_t* data, int32_t length);
-    void PauseWorker();
-    void ResumeWorker();
-    void WaitForWorker();
 
     HRESULT m_clockResult = S_OK;
     CWallClock m_wallClock;
@@ -91,12 +90,9 @@ private:
     // All that came has been parsed, and the outputs were told.
     std::atomic<bool> m_endOfStream{false};
 
-    CCritSec m_workerLock{"splitter's worker", kRankPin};
-    RALThreadPtr<CRALExecutorThread> m_worker OS_GUARDED_BY(m_workerLock);
     const std::shared_ptr<CEvent> m_dataEvent;
     CEvent m_roomEvent{EventReset::kAuto};
-    // What the worker's thread knows of the splitter; gone before the splitter goes.
-    std::shared_ptr<IRALThreadExecutor> m_workerLife;
+    CFilterWorker m_worker;
 };
 
 // A splitter with its pins "Input", "PSIOut" (the sections of all tables) and "Output1". mode: live, stream or

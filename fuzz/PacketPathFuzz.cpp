@@ -47,7 +47,7 @@ public:
 
     int DeliverPacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
                       bool) override {
-        Require(packet[0] == kSyncByte && header.sync == kSyncByte && header.Pid() < kPidCount);
+        Require(packet[0] == kSyncByte && header.SyncByte() == kSyncByte && header.Pid() < kPidCount);
         Require(!header.TransportErrorIndicator() && header.TransportScramblingControl() == 0);
         Require(adaptation.length <= kMaxAdaptationFieldLength);
         ReadBytes({packet, kTransportPacketSize});
@@ -128,6 +128,9 @@ private:
         const auto wanted = static_cast<int32_t>(1 + (step >> 3) * 37);
         const auto length = std::min(wanted, static_cast<int32_t>(m_rest.size()));
         switch (step & 7) {
+        case 2:
+            ParseInPlace(length);
+            break;
         case 3:
             OpenWrite(length);
             CloseWrite();
@@ -162,6 +165,15 @@ private:
         Require(length >= 0 && data == m_rest.data() + (before - length));
         Require(result == S_OK || (length == before && result == E_OUTOFMEMORY));
         m_rest = m_rest.subspan(static_cast<size_t>(before - length));
+    }
+
+    void ParseInPlace(int32_t length) {
+        const uint8_t* data = m_rest.data();
+        const int32_t before = length;
+        m_filter->ParseInPlace(&data, &length);
+        Require(length >= 0 && data == m_rest.data() + (before - length));
+        m_rest = m_rest.subspan(static_cast<size_t>(before - length));
+        Add(length);
     }
 
     void OpenWrite(int32_t length) {

@@ -1,6 +1,7 @@
 // The content that delivers one elementary stream: the payload of the PES packets of one PID.
 #pragma once
 
+#include "output/PayloadCache.h"
 #include "output/PesHeader.h"
 #include "output/StreamExecutor.h"
 
@@ -32,6 +33,8 @@ private:
     bool UpdateMapping(IEnumPIDMap* mapping) override OS_REQUIRES(m_lock);
     int32_t TakeDataFromCache(IMediaSample* sample, int32_t bytes, bool startPending) override OS_REQUIRES(m_lock);
 
+    // How many packets at the beginning were as most are, with room at the cache's end. The next is for Add.
+    size_t AddWholePayloads(std::span<const OfferedPacket> packets) OS_REQUIRES(m_lock);
     HRESULT Add(const OfferedPacket& packet) OS_REQUIRES(m_lock);
     HRESULT MakeRoom(int32_t bytes) OS_REQUIRES(m_lock);
     void OnContinuityError() OS_REQUIRES(m_lock);
@@ -48,10 +51,11 @@ private:
     static constexpr uint32_t kNoPid = 0xFFFF;
 
     // Null while inactive.
-    std::unique_ptr<ByteBuffer> m_cache OS_GUARDED_BY(m_lock);
-    int32_t m_capacity OS_GUARDED_BY(m_lock) = 0;
+    std::unique_ptr<CPayloadCache> m_cache OS_GUARDED_BY(m_lock);
+    int32_t m_capacity OS_GUARDED_BY(m_lock) = 0;  // the most bytes that the cache may hold
     int32_t m_patience OS_GUARDED_BY(m_lock) = 0;
     int32_t m_lastContinuityCounter OS_GUARDED_BY(m_lock) = -1;  // -1: the next one is right
+    int32_t m_headerLeft OS_GUARDED_BY(m_lock) = 0;              // bytes of a PES header that are still to come
     int32_t m_pmtVersion OS_GUARDED_BY(m_lock) = -1;
     uint32_t m_programNumber OS_GUARDED_BY(m_lock) = 0;  // 0: none
     uint32_t m_streamPid OS_GUARDED_BY(m_lock) = kNoPid;

@@ -6,13 +6,14 @@
 
 #include "Classes/MultiPlatform/GenUtilMP.h"
 #include "Classes/MultiPlatform/LockRanks.h"
+#include "output/PayloadCache.h"
 #include "output/TsOutputPin.h"
 
 namespace tessel {
 
 namespace {
 
-constexpr LONG kSampleSize = 75'200;  // 400 packets
+constexpr LONG kSampleSize = CBlockPool::kBlockSize;  // 400 packets
 
 // 100 ns.
 constexpr REFERENCE_TIME kFarApart = 30'000'000;

@@ -149,10 +149,14 @@ bool CTsOutputPin::NoteMapping() {
         return false;
     if (!content->IsActive())
         return m_mode == StreamingMode::kFile;
+    TellOfMapping(*content);
+    return false;
+}
+
+void CTsOutputPin::TellOfMapping(CStreamExecutor& content) {
     ComPtr<IEnumPIDMap> mapping;
     if (SUCCEEDED(EnumPIDMap(mapping.Put())))
-        content->NotifyDiscontinuity(CStreamExecutor::kMappingChanged, mapping.Get());
-    return false;
+        content.NotifyDiscontinuity(CStreamExecutor::kMappingChanged, mapping.Get());
 }
 
 void CTsOutputPin::OfferPrograms(CStreamExecutor& content) {
@@ -193,7 +197,17 @@ HRESULT CTsOutputPin::MapPID(ULONG count, const ULONG* pids, MEDIA_SAMPLE_CONTEN
     return S_OK;
 }
 
+HRESULT CTsOutputPin::Activate(CStreamExecutor& content) {
+    CScopedLock lock(&m_activationLock);
+    return content.Active();
+}
+
 void CTsOutputPin::Bind(CStreamExecutor& content) {
+    CScopedLock lock(&m_activationLock);
+    if (content.IsActive()) {
+        TellOfMapping(content);
+        return;
+    }
     if (FAILED(content.Active()))
         return;
     OfferPrograms(content);

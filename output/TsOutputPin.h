@@ -161,7 +161,10 @@ private:
     HRESULT InsertPids(ULONG count, const ULONG* pids) OS_REQUIRES(m_mapMutex);
     // Tells an active content; brings one in file mode to its program while the filter is stopped.
     bool NoteMapping() OS_REQUIRES(m_mapMutex);
+    void TellOfMapping(CStreamExecutor& content);
+    HRESULT Activate(CStreamExecutor& content);
     void OfferPrograms(CStreamExecutor& content);
+    // Looks for the program without playing; one that has come to play meanwhile is told that the map has changed.
     void Bind(CStreamExecutor& content);
 
     // S_OK when the pin takes data.
@@ -193,6 +196,8 @@ private:
     const bool m_liveClock;
     std::weak_ptr<CTsOutputPin> m_self;
 
+    // So that no activation falls between those two of Bind.
+    CCritSec m_activationLock{"content's activation", kRankActivation};
     CPidMap m_map;
     CCritSec m_mapMutex{"pin's map", kRankPinMap};
     // Innermost: guards the pointer alone.
@@ -213,6 +218,7 @@ private:
     std::atomic<bool> m_eosPending{false};
     std::atomic<bool> m_eosDelivered{false};
     std::atomic<bool> m_flushing{false};
+    std::atomic<bool> m_refused{false};  // the receiver wants no more but the end
     RALThreadPtr<CRALExecutorThread> m_thread OS_GUARDED_BY(m_pinLock);
     const std::shared_ptr<CEvent> m_event;
     const std::shared_ptr<CEvent> m_interrupt;

@@ -18,7 +18,7 @@ HRESULT CTsOutputPin::CheckDeliveryState() const {
     const auto content = Content();
     if (!content || !content->IsActive())
         return VFW_E_WRONG_STATE;
-    if (m_flushing)
+    if (m_flushing || m_refused)
         return S_FALSE;
     return m_runTimeError ? VFW_E_RUNTIME_ERROR : S_OK;
 }
@@ -223,7 +223,7 @@ bool CTsOutputPin::SendSome(CStreamExecutor& content, int32_t budget, uint32_t e
     if (result != S_OK) {
         Rest(epoch, [this, result] {
             if (result == S_FALSE)
-                m_flushing = true;
+                m_refused = true;
             else
                 m_runTimeError = true;
         });

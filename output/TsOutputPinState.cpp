@@ -222,6 +222,7 @@ HRESULT CTsOutputPin::Active() {
     m_eosDelivered = false;
     m_eosPending = false;
     m_flushing = false;
+    m_refused = false;
     m_runTimeError = false;
     m_startPending = true;
     m_event->Reset();
@@ -230,7 +231,7 @@ HRESULT CTsOutputPin::Active() {
         content->Inactive();
         return E_FAIL;
     }
-    result = content->Active();
+    result = Activate(*content);
     if (FAILED(result))
         return result;
     result = CBaseOutputPin::Active();
@@ -319,6 +320,7 @@ HRESULT CTsOutputPin::DeliverEndFlush() {
     if (!IsConnected())
         return S_OK;
     m_startPending = true;
+    m_refused = false;
     m_runTimeError = false;
     m_eosDelivered = false;
     m_eosPending = false;
@@ -326,7 +328,7 @@ HRESULT CTsOutputPin::DeliverEndFlush() {
     BeginEpoch();
     m_flushing = false;
     const auto content = Content();
-    if (!m_host.IsHostStopped() && IsConnected() && content && Thread() && SUCCEEDED(content->Active())) {
+    if (!m_host.IsHostStopped() && IsConnected() && content && Thread() && SUCCEEDED(Activate(*content))) {
         m_event->Reset();
         NoteDeliverable();
         if (m_mode == StreamingMode::kFile)

@@ -181,7 +181,10 @@ HRESULT CDvbServices::OnPat(uint32_t key) {
         association->GetProgramNumber(&programNumber);
         if (programNumber == 0)
             continue;  // the network PID
-        m_pendingPmts.insert(programNumber);
+        // One that is known raises no event when it comes again.
+        ComPtr<IDvbTable> known;
+        if (FAILED(m_owner.GetTable(kProgramMapTable, programNumber, known.Put())))
+            m_pendingPmts.insert(programNumber);
         const auto service = FindService(programNumber).As<IGetSetParam>();
         if (!service)
             continue;

@@ -65,8 +65,13 @@ int64_t OpenFiles::GetSize(File& file) {
 
 OpenFiles::Block OpenFiles::ReadBlock(const File& file, uint64_t offset, uint32_t length, uint32_t skip,
                                       std::span<uint8_t> buffer) {
-    const CScopedLock lock(&m_lock);
+    CScopedLock lock(&m_lock);
     BUFFERHDR record;
+    if (skip == 0 && buffer.size() >= length && length == CMemoryCache::kFrameSize) {
+        BHDR_SetFile(&record, file.file.get(), offset, length);
+        if (m_cache->CheckPreload(record) == kNotCached)
+            return ReadPast(*file.file, offset, buffer.first(length));
+    }
     const HRESULT result = GetBlock(file.file.get(), offset, length, &record);
     if (FAILED(result))
         return {result, 0, 0};
@@ -76,6 +81,13 @@ OpenFiles::Block OpenFiles::ReadBlock(const File& file, uint64_t offset, uint32_
     if (copied > 0)
         std::memcpy(buffer.data(), record.Data() + skip, copied);
     return {S_OK, record.valid, copied};
+}
+
+OpenFiles::Block OpenFiles::ReadPast(const CFile& file, uint64_t offset, std::span<uint8_t> buffer) {
+    const int64_t read = file.ReadAt(offset, buffer);
+    if (read < 0)
+        return {E_FAIL, 0, 0};
+    return {S_OK, static_cast<uint32_t>(read), static_cast<uint32_t>(read)};
 }
 
 HRESULT OpenFiles::GetBlock(const CFile* file, uint64_t offset, uint32_t length, BUFFERHDR* record) {
@@ -95,7 +107,6 @@ HRESULT OpenFiles::GetBlock(const CFile* file, uint64_t offset, uint32_t length,
     BHDR_Lock(&slot);
     if (m_cache->LockRead(&slot) != S_OK)
         return E_FAIL;
-    file->ReadAhead(offset + length, length);
     *record = slot;
     return S_OK;
 }

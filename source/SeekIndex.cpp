@@ -13,6 +13,7 @@ constexpr int64_t kLeastStep = 10;          // bytes between two points
 constexpr int64_t kSlack = 10'240;
 constexpr REFERENCE_TIME kLeastBiasStep = 10'000;
 constexpr int kMostRounds = 64;
+constexpr int kMostSlowRounds = 2;
 
 constexpr int64_t kWrap = int64_t{1} << 33;
 constexpr int64_t kHalfWrap = int64_t{1} << 32;
@@ -117,7 +118,7 @@ HRESULT CSeekIndex::MoveTo(REFERENCE_TIME* target) {
     if (isSet && IsAtOrBelow(m_current, *target) && *target < m_current.endTime - kTolerance)
         return S_OK;
     const bool near = isSet && IsAtOrBelow(m_current, *target) && *target < m_current.time + kTwoSeconds;
-    SeekPoint point = WalkUp(near ? m_current : SearchBelow(*target), *target);
+    SeekPoint point = WalkUp(near ? Bracket{m_current, m_last.filePos} : SearchBelow(*target), *target);
     // The file is another one than it was.
     SeekPoint found;
     if (!Find(point.filePos, point.filePos + kSearchLimit, &found) || found.filePos != point.filePos)
@@ -130,44 +131,72 @@ HRESULT CSeekIndex::MoveTo(REFERENCE_TIME* target) {
     return S_OK;
 }
 
-SeekPoint CSeekIndex::SearchBelow(REFERENCE_TIME target) {
+CSeekIndex::Bracket CSeekIndex::SearchBelow(REFERENCE_TIME target) {
     SeekPoint lower = m_first;
     SeekPoint upper = m_last;
     if (m_current.time != kUnknown)
         (IsAtOrBelow(m_current, target) ? lower : upper) = m_current;
+    // No point begins between end and upper. Guesses stay below high.
+    int64_t end = upper.filePos;
+    int64_t high = end;
     REFERENCE_TIME bias = std::max<REFERENCE_TIME>(lower.endTime - lower.time, 0);
+    int64_t width = high - lower.filePos;
+    int slow = 0;  // rounds that have not halved it
     for (int round = 0; round < kMostRounds && upper.time > lower.time; ++round) {
         const double rate =
             static_cast<double>(upper.filePos - lower.filePos) / static_cast<double>(upper.time - lower.time);
         const double ahead = static_cast<double>(target - lower.time) - static_cast<double>(bias);
         const double most = static_cast<double>(std::max<int64_t>(upper.filePos - lower.filePos, 0));
-        const int64_t guess = lower.filePos + std::llround(std::clamp(ahead * rate, 0.0, most));
+        // A time stamp that is far off leads every guess astray; halves find the place all the same.
+        const int64_t guess = slow >= kMostSlowRounds
+                                  ? lower.filePos + (high - lower.filePos) / 2
+                                  : lower.filePos + std::llround(std::clamp(ahead * rate, 0.0, most));
         // Packets stand one behind the other, so most guesses can be made to hit one.
         const int64_t start = std::max(guess - (guess - m_dataStart) % m_packetSize, lower.filePos);
+        const REFERENCE_TIME nextBias = std::max(bias + bias / 2, bias + kLeastBiasStep);
+        if (start >= high) {
+            bias = nextBias;  // nothing new is to be read there
+            continue;
+        }
+        const int64_t limit = std::min(start + kSearchLimit, end);
         SeekPoint point;
-        const bool found = Find(start, std::min(start + kSearchLimit, upper.filePos), &point);
-        if (found && IsAtOrBelow(point, target)) {
-            if (point.filePos == lower.filePos)
+        if (!Find(start, limit, &point)) {
+            if (start == lower.filePos)
                 break;
+            high = start;
+            if (limit == end)
+                end = start;
+            bias = nextBias;
+        } else if (IsAtOrBelow(point, target)) {
+            if (point.filePos >= high)
+                high = end;
+            const bool again = point.filePos == lower.filePos;
             lower = point;
-            if (point.time > target - kTwoSeconds)
+            if (point.time > target - kTwoSeconds || (again && slow >= kMostSlowRounds))
                 break;
-        } else if (found) {
-            upper = point;
-        } else if (start == lower.filePos) {
-            break;
+            if (again)
+                slow = kMostSlowRounds;
         } else {
-            bias = std::max(bias + bias / 2, bias + kLeastBiasStep);
+            upper = point;
+            high = end = start;
+            if (start == lower.filePos)
+                break;
+        }
+        if (high - lower.filePos > width / 2) {
+            ++slow;
+        } else {
+            width = high - lower.filePos;
+            slow = 0;
         }
     }
-    return lower;
+    return {lower, end};
 }
 
-SeekPoint CSeekIndex::WalkUp(const SeekPoint& from, REFERENCE_TIME target) {
-    SeekPoint kept = from;
+SeekPoint CSeekIndex::WalkUp(const Bracket& bracket, REFERENCE_TIME target) {
+    SeekPoint kept = bracket.lower;
     SeekPoint point;
-    for (bool more = Find(from.filePos + m_packetSize, m_last.filePos, &point); more;
-         more = FindNext(m_last.filePos, &point)) {
+    for (bool more = Find(kept.filePos + m_packetSize, bracket.end, &point); more;
+         more = FindNext(bracket.end, &point)) {
         if (!IsAtOrBelow(point, target))
             break;
         kept = point;

@@ -48,6 +48,12 @@ public:
     const SeekPoint& Current() const { return m_current; }
 
 private:
+    // A point at or below a time, and a place before which the last such point stands.
+    struct Bracket {
+        SeekPoint lower;
+        int64_t end;
+    };
+
     static AccessRule RuleOf(const SeekMaster& master);
 
     REFERENCE_TIME TimeOf(int64_t pts) const;
@@ -62,8 +68,8 @@ private:
     void RefineAudio(SeekPoint* point, REFERENCE_TIME previous);
     // The time at which the audio from that point to the end of the file is over; kUnknown when that cannot be told.
     REFERENCE_TIME WalkAudio(const SeekPoint& point);
-    SeekPoint SearchBelow(REFERENCE_TIME target);
-    SeekPoint WalkUp(const SeekPoint& from, REFERENCE_TIME target);
+    Bracket SearchBelow(REFERENCE_TIME target);
+    SeekPoint WalkUp(const Bracket& bracket, REFERENCE_TIME target);
     bool IsAtOrBelow(const SeekPoint& point, REFERENCE_TIME target) const;
 
     IStream& m_file;

@@ -8,6 +8,9 @@ namespace tessel {
 
 namespace {
 
+// Room for a block of the file behind what is left of the last one.
+constexpr int32_t kBufferSize = CStreamFile::kBlockSize + CPacketReader::kReadSize;
+
 constexpr size_t kMostName = 259;
 
 constexpr CLSID kPages[] = {kPageServices, kPageProgramAssociationTable, kPagePidMapping, kPageOutputPins};
@@ -47,25 +50,14 @@ std::optional<std::string> ToNarrow(std::u16string_view text) {
 }  // namespace
 
 CTsSource::CTsSource(IUnknown* outer)
-    : CTsFilterBase("CTsSource", CPacketReader::kReadSize, outer),
+    : CTsFilterBase("CTsSource", kBufferSize, outer),
       m_workEvent(std::make_shared<CEvent>(EventReset::kAuto)),
-      m_gate(std::make_shared<TaskGate>()),
-      m_workerLife(this, [](IRALThreadExecutor*) {}) {}
+      m_hurry(std::make_shared<CEvent>(EventReset::kAuto)),
+      m_worker(this, m_workEvent) {}
 
 CTsSource::~CTsSource() {
     Stop();
-    m_workerLife = nullptr;
-    RALThreadPtr<CRALExecutorThread> worker;
-    {
-        CScopedLock lock(&m_workerLock);
-        worker = std::move(m_worker);
-    }
-    if (!worker)
-        return;
-    const std::shared_ptr<CRALThread> thread = worker.get_deleter().thread;
-    worker = nullptr;
-    // A task that began just before it was stopped uses what is about to go.
-    thread->WaitForEnd(INFINITE);
+    m_worker.End();
 }
 
 HRESULT CTsSource::NonDelegatingQueryInterface(const IID& iid, void** out) {
@@ -154,17 +146,18 @@ HRESULT CTsSource::GetCurFile(OLECHAR** name, AM_MEDIA_TYPE* type) {
     return S_OK;
 }
 
+ComPtr<CTsSource> MakeTsSource() {
+    auto source = MakeObject<CTsSource>();
+    if (source && FAILED(source->SetMode(StreamingMode::kFile, 0)))
+        source.Reset();
+    return source;
+}
+
 HRESULT CreateTsSource(IBaseFilter** out) {
     if (out == nullptr)
         return E_POINTER;
-    *out = nullptr;
-    const auto source = MakeObject<CTsSource>();
-    if (!source)
-        return E_OUTOFMEMORY;
-    const HRESULT result = source->SetMode(StreamingMode::kFile, 0);
-    if (SUCCEEDED(result))
-        *out = ComPtr<IBaseFilter>(source.Get()).Detach();
-    return result;
+    *out = ComPtr<IBaseFilter>(MakeTsSource().Get()).Detach();
+    return *out != nullptr ? S_OK : E_OUTOFMEMORY;
 }
 
 }  // namespace tessel

@@ -2,14 +2,13 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 
 #include "core/TsFilterBase.h"
-#include "filters/threads/RALExecutorThread.h"
+#include "filters/threads/FilterWorker.h"
 #include "platform/com/PropertyPages.h"
 #include "source/SeekIndex.h"
 
@@ -76,6 +75,18 @@ public:
     HRESULT StopStreaming() override;
     void InternalReset() override;
 
+    // Beyond the interfaces. Playback ends in front of this byte of the file, as at its end; while it plays too.
+    void SetEndPosition(int64_t filePos) { m_endPosition = filePos; }
+    // Where playback begins: what the last seek has chosen.
+    int64_t StartPosition();
+    // Stopped: forgets the last seek. The first byte of the file is not where a seek to its beginning arrives.
+    void StartAtBeginning();
+    // How far the file has been read since playback began there.
+    int64_t ReadPosition() const { return m_readPosition; }
+    // A clock jumped, or the transport stream became another one: in the scan, or in playback, which that has ended.
+    bool MetDiscontinuity() const { return m_discontinuity; }
+    bool WasAborted() const { return m_aborted; }
+
     HRESULT SetPcrDiscont(PcrClock& clock) override;
     HRESULT BeginPcrUpdate() override;
     HRESULT EndPcrUpdate() override;
@@ -108,13 +119,13 @@ private:
 
     // Playback
     Input ReadInput() OS_REQUIRES(StreamingLock());
-    // True when it is better to wait a little before the next.
-    bool RunTask();
+    enum class Step { kGoOn, kEnd, kWait };
+    // kWait: it is better to wait a little before the next.
+    Step RunTask();
+    Step ReadAndParse();
     bool EndInput(uint32_t epoch);
     void EndOutputs();
     void AbortPlayback(uint32_t epoch);
-    void PauseWorker();
-    HRESULT ResumeWorker();
     void ApplyOffsets();
 
     // Seeking
@@ -166,24 +177,19 @@ private:
         int32_t frameDuration = 0;
     };
     Start m_start OS_GUARDED_BY(StreamingLock());
+    std::atomic<int64_t> m_endPosition{INT64_MAX};
+    std::atomic<int64_t> m_readPosition{0};  // written with the streaming lock
 
-    CCritSec m_workerLock{"file source's worker", kRankPin};
-    RALThreadPtr<CRALExecutorThread> m_worker OS_GUARDED_BY(m_workerLock);
     const std::shared_ptr<CEvent> m_workEvent;
-    // What the worker still uses when its task has let go of the filter.
-    struct TaskGate {
-        std::mutex mutex;
-        std::condition_variable changed;
-        bool inTask = false;
-        CEvent hurry{EventReset::kAuto};  // ends the worker's short waits
-    };
-    const std::shared_ptr<TaskGate> m_gate;
+    // Ends the worker's short waits. Shared, as it is used when the task has let go of the filter.
+    const std::shared_ptr<CEvent> m_hurry;
+    CFilterWorker m_worker;
     std::atomic<std::thread::id> m_workerId{};
-    // What the worker's thread knows of the filter; gone before the filter goes.
-    std::shared_ptr<IRALThreadExecutor> m_workerLife;
 };
 
-// A file source without a file. E_OUTOFMEMORY, E_FAIL.
+// A file source without a file; null when there is no memory.
+ComPtr<CTsSource> MakeTsSource();
+// The same. E_OUTOFMEMORY.
 HRESULT CreateTsSource(IBaseFilter** out);
 
 }  // namespace tessel

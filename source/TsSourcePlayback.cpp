@@ -1,17 +1,20 @@
 // The file source's worker, and what starts and ends it.
-#include <chrono>
+#include <algorithm>
 
 #include "platform/media/MediaResult.h"
+#include "source/StreamFile.h"
 #include "source/TsSource.h"
 
 namespace tessel {
 
 namespace {
 
-constexpr size_t kWorkerStack = 65'536;
 // Milliseconds after which the worker looks again.
 constexpr uint32_t kRetryWait = 10;
-constexpr std::chrono::milliseconds kTaskWait{100};
+// Milliseconds that a stop waits for the worker.
+constexpr uint32_t kTaskWait = 100;
+// The outputs' threads are woken once for so many reads: waking costs more than parsing.
+constexpr int kReadsOfTask = 8;
 
 }  // namespace
 
@@ -21,16 +24,14 @@ HRESULT CTsSource::Pause() {
     if (IsStopped())
         IsSeekable();
     const HRESULT result = CTsFilterBase::Pause();
-    m_gate->hurry.Set();
+    m_hurry->Set();
     return result;
 }
 
 HRESULT CTsSource::Stop() {
     const HRESULT result = CTsFilterBase::Stop();
     // So that the filter is its clients' alone again. A task that waits for a receiver is left to it.
-    std::unique_lock lock(m_gate->mutex);
-    if (!IsOnWorker())
-        m_gate->changed.wait_for(lock, kTaskWait, [this] { return !m_gate->inTask; });
+    m_worker.WaitForTask(kTaskWait);
     return result;
 }
 
@@ -47,6 +48,7 @@ HRESULT CTsSource::StartStreaming() {
         SetInputPosition(m_start.filePos);
         if (FAILED(m_stream->Seek(m_start.filePos, STREAM_SEEK_SET, nullptr)))
             return E_FAIL;
+        m_readPosition = m_start.filePos;
         m_position = m_start.time;
         m_endOfStream = m_aborted = false;
         ++m_inputEpoch;
@@ -54,12 +56,14 @@ HRESULT CTsSource::StartStreaming() {
     }
     RunDeferred();
     ApplyOffsets();
-    return ResumeWorker();
+    const HRESULT result = m_worker.Start(WorkerPriority());
+    m_workEvent->Set();
+    return result;
 }
 
 HRESULT CTsSource::StopStreaming() {
-    PauseWorker();
-    m_gate->hurry.Set();
+    m_worker.Pause();
+    m_hurry->Set();
     // A task that is under way comes to its end, unless the filter stops: then it may be waiting for a receiver that
     // waits for this thread. It finds the epoch moved on.
     const bool hasTurn = TakeParseTurn();
@@ -85,25 +89,23 @@ void CTsSource::ApplyOffsets() {
         pin->SetStreamOffset(pin->Media() == MediaClass::kVideo ? start.frameDuration - start.origin : -start.origin);
 }
 
-void CTsSource::PauseWorker() {
-    CScopedLock lock(&m_workerLock);
-    if (m_worker)
-        m_worker->Pause();
+int64_t CTsSource::StartPosition() {
+    CScopedLock lock(&StreamingLock());
+    return m_start.filePos;
 }
 
-HRESULT CTsSource::ResumeWorker() {
-    CScopedLock lock(&m_workerLock);
-    if (!m_worker) {
-        auto worker = MakeRALThread<CRALExecutorThread>(m_workerLife);
-        if (!worker)
-            return E_FAIL;
-        worker->SetWake(m_workEvent);
-        worker->Start(nullptr, kWorkerStack);
-        m_worker = std::move(worker);
+void CTsSource::StartAtBeginning() {
+    CScopedLock state(&StateLock());
+    if (!IsStopped())
+        return;
+    {
+        CScopedLock lock(&StreamingLock());
+        m_start = {};
+        m_start.filePos = m_dataStart;
     }
-    m_worker->Resume(WorkerPriority());
-    m_workEvent->Set();
-    return S_OK;
+    m_position = 0;
+    m_endOfStream = m_aborted = false;
+    ApplyOffsets();
 }
 
 HRESULT CTsSource::OnThreadStart() {
@@ -112,42 +114,52 @@ HRESULT CTsSource::OnThreadStart() {
 }
 
 CTsSource::Input CTsSource::ReadInput() {
-    const std::span<uint8_t> reserved = ReserveData(CPacketReader::kReadSize);
+    int32_t wanted = CPacketReader::kReadSize;
+    if (!IsScanning()) {
+        const int64_t left = m_endPosition - m_readPosition;
+        if (left <= 0)
+            return Input::kEnd;
+        // Up to the end of a block of the file, so that the next one can be read at once.
+        constexpr int64_t kBlock = CStreamFile::kBlockSize;
+        wanted = static_cast<int32_t>(std::min(kBlock - m_readPosition % kBlock, left));
+    }
+    const std::span<uint8_t> reserved = ReserveData(wanted);
     if (reserved.empty())
         return Input::kFull;
     const int32_t read = ReadFile(*m_stream.Get(), reserved);
     CommitData(read);
+    m_readPosition += read;
     return read > 0 ? Input::kRead : Input::kEnd;
 }
 
 uint32_t CTsSource::DoOneThreadTask() {
     const std::shared_ptr<CEvent> work = m_workEvent;
-    const std::shared_ptr<TaskGate> gate = m_gate;
-    {
-        const std::lock_guard lock(gate->mutex);
-        gate->inTask = true;
-    }
-    bool waits = false;
+    const std::shared_ptr<CEvent> hurry = m_hurry;
+    Step step = Step::kEnd;
     {
         // What is called from here may let go of the filter.
         const ComPtr<IBaseFilter> self(this);
-        waits = RunTask();
+        step = RunTask();
     }
-    {
-        const std::lock_guard lock(gate->mutex);
-        gate->inTask = false;
-        gate->changed.notify_all();
-    }
-    if (waits)
-        gate->hurry.Wait(kRetryWait);
+    if (step == Step::kWait)
+        hurry->Wait(kRetryWait);
     work->Set();
     return INFINITE;
 }
 
-bool CTsSource::RunTask() {
+CTsSource::Step CTsSource::RunTask() {
     // Whoever ends the input waits for the turn, so it is held for the whole task.
     if (!TakeParseTurn())
-        return true;
+        return Step::kWait;
+    Step step = Step::kGoOn;
+    for (int reads = 0; step == Step::kGoOn && reads < kReadsOfTask; ++reads)
+        step = ReadAndParse();
+    WakeOutputs();
+    ParseTurn().Release();
+    return step;
+}
+
+CTsSource::Step CTsSource::ReadAndParse() {
     Input input = Input::kNone;
     uint32_t epoch = 0;
     {
@@ -157,20 +169,21 @@ bool CTsSource::RunTask() {
         if (IsStreaming() && IsActive())
             input = ReadInput();
     }
-    bool waits = input == Input::kNone;
+    if (input == Input::kNone)
+        return Step::kWait;
     if (input == Input::kEnd) {
         if (EndInput(epoch))
             EndOutputs();
-    } else if (input != Input::kNone) {
-        const HRESULT result = ParseData();
-        if (result == S_OK && m_discontinuity)
-            AbortPlayback(epoch);
-        else if (FAILED(result))
-            EndInput(epoch);
-        waits = input == Input::kFull && result != S_OK;
+        return Step::kEnd;
     }
-    ParseTurn().Release();
-    return waits;
+    const HRESULT result = ParseData(Wake::kLater);
+    if (result == S_OK && m_discontinuity)
+        AbortPlayback(epoch);
+    else if (FAILED(result))
+        EndInput(epoch);
+    else if (result == S_OK)
+        return Step::kGoOn;
+    return input == Input::kFull ? Step::kWait : Step::kEnd;
 }
 
 // False when the input has been ended, or begun anew, since epoch.
@@ -182,7 +195,7 @@ bool CTsSource::EndInput(uint32_t epoch) {
     ++m_inputEpoch;
     CTsFilterBase::StopStreaming();
     m_endOfStream = true;
-    PauseWorker();
+    m_worker.Pause();
     return true;
 }
 

@@ -30,6 +30,7 @@ void CTsSource::ForgetFile() {
         std::swap(last, m_stream);
         m_start = {};
         m_dataStart = 0;
+        m_endPosition = INT64_MAX;
     }
     ApplyOffsets();
     const std::lock_guard lock(m_nameMutex);

@@ -1,9 +1,7 @@
 // The contents of output pins: what they keep, what they drop, when they send, and with what times.
 #include <gmock/gmock.h>
 
-#include <algorithm>
-#include <thread>
-
+#include "core/StartSync.h"
 #include "output/PesHeader.h"
 #include "output/SampleClock.h"
 #include "tests/support/FilterFixture.h"
@@ -19,18 +17,9 @@ using build::kPacketSize;
 using build::ProgrammeBuilder;
 using build::StreamBuilder;
 using build::Video;
-using testing::ElementsAre;
 
 constexpr uint16_t kPid = 0x111;
 constexpr uint16_t kOtherPid = 0x112;
-
-build::ElementaryStream Subtitles(uint16_t pid, size_t pesSize) {
-    return {.pid = pid,
-            .streamType = 0x06,
-            .streamId = 0xBD,
-            .pesSize = pesSize,
-            .descriptors = {build::Subtitling({{"eng", 0x10, 1, 1}})}};
-}
 
 TEST(PesHeader, StartAndTimes) {
     constexpr int64_t kPts = 0x1'2345'6789;
@@ -193,6 +182,22 @@ TEST(ElementaryStream, MarksWhatCarriesATime) {
     EXPECT_EQ(at.content->GetFirstTimestamp(), 77);
 }
 
+// ISO/IEC 13818-1, 2.4.3.7: up to 255 bytes of header data, and a packet holds 184.
+TEST(ElementaryStream, SkipsAHeaderLongerThanAPacket) {
+    for (const bool cut : {false, true}) {
+        LooseContent at(2, {kPid});
+        at.stream.Pes(kPid, 0xE0, Bytes(100, 0x11), {.pts = 5, .unbounded = true, .headerStuffing = 250});
+        if (cut)
+            at.stream.bytes().resize(188);
+        EXPECT_EQ(at.Add(std::exchange(at.stream.bytes(), {})), S_OK);
+        EXPECT_EQ(at.content->QueuedBytes(), cut ? 0 : 100);
+        EXPECT_EQ(at.content->GetFirstTimestamp(), 5);
+        // The next one begins whatever has come of the last one's header.
+        EXPECT_EQ(at.AddPes(7, 10), S_OK);
+        EXPECT_EQ(at.content->QueuedBytes(), cut ? 10 : 110);
+    }
+}
+
 TEST(ElementaryStream, GrowsUntilTheParserWaitsOrTheOldestGoes) {
     LooseContent streaming(2, {kPid});
     streaming.Bind(0x02);
@@ -274,373 +279,37 @@ TEST(TransportStream, SendsWhatIsWorthAWakeUp) {
     EXPECT_EQ(many.Add(packet), E_UNEXPECTED);
 }
 
-enum class Fault { kTwice, kLost, kBrokenStart };
+// In a file the program of a mapped stream is known without a connection.
+TEST(StartSync, WaitsForNoStreamThatIsNotPlayed) {
+    LooseContent donor(2, {kPid});
+    donor.tables.programmes()[0].streams = {Video(kPid), Audio(kOtherPid)};
+    donor.filter->Feed(donor.tables.Tables().Padding().Take());
+    ComPtr<IDvbTable> table;
+    ASSERT_EQ(donor.filter->GetTable(0x02, 1, table.Put()), S_OK);
+    const auto pmt = table.As<IDvbProgramMapTable>();
 
-struct Damage {
-    const char* what;
-    MediaClass media;
-    Fault fault;
-    std::vector<size_t> lostPes;          // whole, counted from 0
-    std::pair<size_t, size_t> lostBytes;  // of the damaged one, from and to
-    bool discontinuity;
-};
-
-class Damages : public testing::TestWithParam<Damage> {};
-
-// PES number 40 of 60 is damaged: its fourth packet, or its start.
-TEST_P(Damages, CostNoMoreThanTheyMust) {
-    constexpr size_t kPes = 40;
-    constexpr size_t kSize = 2'000;
-    const Damage& damage = GetParam();
-    const bool isVideo = damage.media == MediaClass::kVideo;
-    const bool isAudio = damage.media == MediaClass::kAudio;
-    const build::ElementaryStream damaged = isVideo   ? Video(kPid, kSize)
-                                            : isAudio ? Audio(kPid, kSize)
-                                                      : Subtitles(kPid, kSize);
-    // Something else for the start to wait for: it needs a time stamp and 64 KiB.
-    ProgrammeBuilder builder({{.streams = {damaged, Audio(kOtherPid)}}});
-    SplitterGraph graph;
-    TestSink& sink = isVideo   ? graph.AddStream(u"s", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kPid)
-                     : isAudio ? graph.AddStream(u"s", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kPid)
-                               : graph.AddStream(u"s", MEDIATYPE_Stream, MEDIASUBTYPE_DVB_SUBTITLE, kPid);
-    graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kOtherPid);
-    ASSERT_EQ(graph.Run(), S_OK);
-
-    const Bytes sent = builder.Tables().Frames(60).Padding().Take();
-    Bytes stream;
-    size_t starts = 0;
-    size_t inPes = 0;
-    for (size_t at = 0; at < sent.size(); at += kPacketSize) {
-        Bytes packet(sent.begin() + static_cast<ptrdiff_t>(at),
-                     sent.begin() + static_cast<ptrdiff_t>(at + kPacketSize));
-        const TsHeader header = DecodeTsHeader(packet.data());
-        bool hit = false;
-        if (header.Pid() == kPid && header.HasPayload()) {
-            inPes = header.PayloadUnitStartIndicator() ? 0 : inPes + 1;
-            starts += inPes == 0;
-            hit = starts == kPes + 1 && inPes == (damage.fault == Fault::kBrokenStart ? 0 : 3);
-        }
-        if (hit && damage.fault == Fault::kLost)
-            continue;
-        if (hit && damage.fault == Fault::kBrokenStart)
-            packet[6] = 0x77;  // in the packet_start_code_prefix
-        stream.insert(stream.end(), packet.begin(), packet.end());
-        if (hit && damage.fault == Fault::kTwice)
-            stream.insert(stream.end(), packet.begin(), packet.end());
-    }
-    ASSERT_EQ(graph.source->Push(stream), S_OK);
-    ASSERT_EQ(graph.End(), S_OK);
-    ASSERT_TRUE(sink.WaitForEnd());
-
-    const Bytes& payload = builder.Payload(kPid);
-    Bytes expected;
-    for (size_t pes = 0; pes < 60; ++pes) {
-        if (std::count(damage.lostPes.begin(), damage.lostPes.end(), pes) != 0)
-            continue;
-        const auto [from, to] = pes == kPes ? damage.lostBytes : std::pair<size_t, size_t>();
-        const uint8_t* bytes = payload.data() + pes * kSize;
-        expected.insert(expected.end(), bytes, bytes + from);
-        expected.insert(expected.end(), bytes + to, bytes + kSize);
-    }
-    EXPECT_EQ(sink.Bytes().size(), expected.size());
-    EXPECT_TRUE(sink.Bytes() == expected);
-    std::vector<size_t> discontinuities;
-    size_t position = 0;
-    for (const ReceivedSample& sample : sink.Samples()) {
-        if (sample.discontinuity)
-            discontinuities.push_back(position);
-        position += sample.bytes.size();
-    }
-    const std::vector<size_t> at = {0, kPes * kSize + damage.lostBytes.first};
-    EXPECT_EQ(discontinuities, damage.discontinuity ? at : std::vector<size_t>{0});
-    // The wrong time would be worse than none.
-    const size_t times = damage.fault == Fault::kBrokenStart && !isVideo ? 59 : 60 - damage.lostPes.size();
-    EXPECT_EQ(sink.Times().size(), times);
-}
-
-// A first packet holds 170 bytes behind its PES header, the others 184.
-INSTANTIATE_TEST_SUITE_P(
-    All, Damages,
-    testing::Values(Damage{"VideoTwice", MediaClass::kVideo, Fault::kTwice, {}, {}, false},
-                    Damage{"VideoLost", MediaClass::kVideo, Fault::kLost, {40}, {}, false},
-                    Damage{"VideoStart", MediaClass::kVideo, Fault::kBrokenStart, {39, 40}, {}, false},
-                    Damage{"AudioTwice", MediaClass::kAudio, Fault::kTwice, {}, {}, false},
-                    Damage{"AudioLost", MediaClass::kAudio, Fault::kLost, {}, {538, 722}, false},
-                    Damage{"AudioStart", MediaClass::kAudio, Fault::kBrokenStart, {}, {0, 170}, false},
-                    Damage{"SubtitleTwice", MediaClass::kSubtitle, Fault::kTwice, {}, {}, false},
-                    Damage{"SubtitleLost", MediaClass::kSubtitle, Fault::kLost, {}, {538, 722}, true},
-                    Damage{"SubtitleStart", MediaClass::kSubtitle, Fault::kBrokenStart, {}, {0, 170}, true}),
-    [](const auto& damage) { return std::string(damage.param.what); });
-
-TEST(StartSync, TheFirstAudioIsTheStartOfAll) {
-    struct {
-        const char* what;
-        std::vector<int64_t> offsets;  // of video and, when there is one, audio
-        std::vector<REFERENCE_TIME> video;
-    } const cases[] = {{"video alone", {0}, {0, 400'000, 800'000, 1'200'000}},
-                       {"audio later", {0, 10'000}, {-1'111'111, -711'111, -311'111, 88'888}},
-                       {"audio earlier", {9'000, 0}, {1'000'000, 1'400'000, 1'800'000, 2'200'000}}};
-    for (const auto& [what, offsets, expected] : cases) {
-        SCOPED_TRACE(what);
-        SplitterGraph graph;
-        TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kPid);
-        build::Programme programme{.streams = {Video(kPid)}};
-        programme.streams[0].ptsOffset = offsets[0];
-        TestSink* audio = nullptr;
-        if (offsets.size() > 1) {
-            programme.streams.push_back(Audio(kOtherPid));
-            programme.streams[1].ptsOffset = offsets[1];
-            audio = &graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kOtherPid);
-        }
-        ASSERT_EQ(graph.Run(), S_OK);
-        ProgrammeBuilder builder({programme});
-        // Audio before the first time stamp of a start is not delivered.
-        builder.Tables().stream().Packet(kOtherPid, Bytes(184, 0xAA));
-        ASSERT_EQ(graph.source->Push(builder.Frames(30).Padding().Take()), S_OK);
-        ASSERT_EQ(graph.End(), S_OK);
-        ASSERT_TRUE(video.WaitForEnd());
-        EXPECT_TRUE(video.Bytes() == builder.Payload(kPid));
-        const auto samples = video.Samples();
-        ASSERT_EQ(samples.size(), 30u);
-        for (size_t i = 0; i < expected.size(); ++i) {
-            EXPECT_EQ(samples[i].time, expected[i]);
-            EXPECT_EQ(samples[i].preroll, expected[i] < 0);
-            EXPECT_TRUE(samples[i].syncPoint && !samples[i].mediaTime);
-        }
-        if (audio != nullptr) {
-            ASSERT_TRUE(audio->WaitForEnd());
-            EXPECT_TRUE(audio->Bytes() == builder.Payload(kOtherPid));
-            EXPECT_EQ(audio->Times()[0], 0);
-        }
-    }
-}
-
-// Holds a sink's deliveries until the test opens it.
-class Gate {
-public:
-    explicit Gate(TestSink& sink) {
-        sink.OnSample([this](IMediaSample& sample) {
-            if (!m_reached.IsSet())
-                m_length = sample.GetActualDataLength();
-            m_reached.Set();
-            EXPECT_TRUE(m_open.Wait(kTestWait)) << "waited for the gate";
-            return S_OK;
-        });
-    }
-    ~Gate() { Open(); }
-    bool WaitUntilReached() { return m_reached.Wait(kTestWait); }
-    void Open() { m_open.Set(); }
-    // Bytes of the first sample that it held.
-    int32_t Length() const { return m_length; }
-
-private:
-    std::atomic<int32_t> m_length{0};
-    CEvent m_reached{EventReset::kManual};
-    CEvent m_open{EventReset::kManual};
-};
-
-TEST(BackPressure, ARecordingWaitsForAStalledReceiver) {
-    SplitterGraph graph(StreamingMode::kRecording);
-    TestSink& sink =
-        graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {ALL_PIDS}, MEDIA_TRANSPORT_PACKET);
-    Gate gate(sink);
-    ASSERT_EQ(graph.Run(), S_OK);
-    ProgrammeBuilder builder({{.streams = {Video(kPid, 100'000)}}});
-    const Bytes stream = builder.Tables().Frames(80).Take();
-    std::thread pusher([&] {
-        EXPECT_EQ(graph.source->Push(stream), S_OK);
-        EXPECT_EQ(graph.End(), S_OK);
-    });
-    const auto content = graph.Pin(u"t")->Content();
-    EXPECT_TRUE(Eventually([&] { return content->QueuedBytes() > 0x300000 - 188; })) << "a full buffer";
-    gate.Open();
-    pusher.join();
-    ASSERT_TRUE(sink.WaitForEnd());
-    const Bytes received = sink.Bytes();
-    // The last packet has no sync byte behind it.
-    EXPECT_EQ(received.size(), stream.size() - kPacketSize);
-    EXPECT_TRUE(std::equal(received.begin(), received.end(), stream.begin()));
-    for (const ReceivedSample& sample : sink.Samples())
-        EXPECT_TRUE(sample.bytes.size() % kPacketSize == 0 && sample.bytes.size() <= 75'200 && !sample.time);
-}
-
-TEST(BackPressure, LiveDropsForAStalledReceiver) {
-    for (const bool packets : {true, false}) {
-        SCOPED_TRACE(packets ? "packets" : "video");
-        SplitterGraph graph(StreamingMode::kLive);
-        TestSink& sink = packets ? graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {ALL_PIDS},
-                                             MEDIA_TRANSPORT_PACKET)
-                                 : graph.AddStream(u"t", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kPid);
-        Gate gate(sink);
-        ASSERT_EQ(graph.Run(), S_OK);
-        ProgrammeBuilder builder({{.streams = {Video(kPid, 130'000)}}});
-        Bytes stream = builder.Tables().Frames(5).Take();
-        ASSERT_EQ(graph.source->Push(stream), S_OK);
-        ASSERT_TRUE(gate.WaitUntilReached());
-        const Bytes rest = builder.Frames(55).Padding().Take();
-        stream.insert(stream.end(), rest.begin(), rest.end());
-        ASSERT_EQ(graph.source->Push(rest), S_OK);
-        ASSERT_EQ(graph.End(), S_OK);  // has all parsed, and waits for nobody
-        gate.Open();
-        ASSERT_TRUE(sink.WaitForEnd());
-        const Bytes received = sink.Bytes();
-        const Bytes& sent = packets ? stream : builder.Payload(kPid);
-        ASSERT_LT(received.size(), sent.size());
-        EXPECT_GT(received.size(), 2'000'000u);
-        const auto samples = sink.Samples();
-        const auto discontinuities =
-            std::count_if(samples.begin(), samples.end(), [](const auto& sample) { return sample.discontinuity; });
-        if (packets) {
-            EXPECT_TRUE(std::equal(received.begin(), received.end(), sent.begin()));
-            EXPECT_EQ(discontinuities, 1);
-        } else {
-            EXPECT_TRUE(std::equal(received.end() - 130'000, received.end(), sent.end() - 130'000));
-            EXPECT_GE(discontinuities, 2);
-        }
-    }
-}
-
-TEST(PsiStream, TwentySectionsWaitAndTheNextOneIsUpToTheMode) {
-    constexpr uint16_t kSectionPid = 0x12;
-    for (const StreamingMode mode : {StreamingMode::kRecording, StreamingMode::kLive}) {
-        SplitterGraph graph(mode);
-        TestSink& sink =
-            graph.Add(u"p", MEDIATYPE_MPEG2_SECTIONS, MEDIASUBTYPE_SECTIONS_WITH_PID, {kSectionPid}, MEDIA_MPEG2_PSI);
-        std::mutex mutex;
-        std::vector<ComPtr<IMediaSample>> held;
-        bool holds = true;
-        sink.OnSample([&](IMediaSample& sample) {
-            const std::lock_guard lock(mutex);
-            if (holds)
-                held.emplace_back(&sample);
-            return S_OK;
-        });
-        ASSERT_EQ(graph.Run(), S_OK);
-        ProgrammeBuilder builder({{.streams = {Video(kPid)}}});
-        builder.Tables();
-        std::vector<Bytes> sections;
-        for (uint8_t i = 0; i < 25; ++i)
-            sections.push_back(build::LongSection(0x4E, i, Bytes(1'012, i)));
-        builder.stream().Sections(kSectionPid, sections);
-        // One that no buffer has room for, with its PID in front of it.
-        builder.stream().Section(kSectionPid, build::LongSection(0x4E, 99, Bytes(4'086)));
-        builder.stream().Section(kSectionPid, build::ShortSection(0xFE, {}));
-        const Bytes stream = builder.Padding().Take();
-        std::thread pusher([&] {
-            EXPECT_EQ(graph.source->Push(stream), S_OK);
-            EXPECT_EQ(graph.End(), S_OK);
-        });
-        EXPECT_TRUE(sink.WaitForSamples(20));
-        if (mode == StreamingMode::kLive)
-            pusher.join();
-        {
-            const std::lock_guard lock(mutex);
-            EXPECT_EQ(held.size(), 20u);
-            holds = false;
-            held.clear();
-        }
-        if (pusher.joinable())
-            pusher.join();
-        ASSERT_TRUE(sink.WaitForEnd());
-        const auto samples = sink.Samples();
-        const size_t expected = mode == StreamingMode::kLive ? 20 : 26;
-        ASSERT_EQ(samples.size(), expected);
-        for (size_t i = 0; i < std::min<size_t>(expected, 25); ++i) {
-            ASSERT_EQ(samples[i].bytes.size(), 1'026u);
-            EXPECT_EQ(samples[i].bytes[0] << 8 | samples[i].bytes[1], kSectionPid);
-            EXPECT_TRUE(std::equal(sections[i].begin(), sections[i].end(), samples[i].bytes.begin() + 2));
-            EXPECT_TRUE(samples[i].syncPoint && !samples[i].time);
-        }
-    }
-}
-
-// A delivery thread that waits for a buffer when the stream is reset must not go on with what came later.
-TEST(Reset, ASenderThatWaitsForABufferStartsAnew) {
-    SplitterGraph graph;
-    TestSink& sink = graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {kPid}, MEDIA_TRANSPORT_PACKET);
-    std::mutex mutex;
-    ComPtr<IMediaSample> held;
-    sink.OnSample([&](IMediaSample& sample) {
-        const std::lock_guard lock(mutex);
-        if (sink.Samples().empty())
-            held = ComPtr<IMediaSample>(&sample);
-        return S_OK;
-    });
-    ASSERT_EQ(graph.Run(), S_OK);
-    ProgrammeBuilder builder({{.streams = {Video(kPid)}}});
-    const auto packets = [&builder](uint8_t number) {
-        for (int i = 0; i < 20; ++i)
-            builder.stream().Packet(kPid, Bytes(184, number));
-        return builder.Padding().Take();
-    };
-    builder.Tables();
-    ASSERT_EQ(graph.source->Push(packets(1)), S_OK);
-    ASSERT_TRUE(sink.WaitForSamples(1));
-    ASSERT_EQ(graph.source->Push(packets(2)), S_OK);
-    const auto content = graph.Pin(u"t")->Content();
-    ASSERT_TRUE(Eventually([&] { return content->QueuedBytes() >= 20 * 188; }));
-    ASSERT_EQ(graph.splitter->Reset(), S_OK);
-    EXPECT_EQ(content->QueuedBytes(), 0);
-    ASSERT_EQ(graph.source->Push(packets(3)), S_OK);
-    ASSERT_TRUE(Eventually([&] { return content->QueuedBytes() >= 20 * 188; }));
-    {
-        const std::lock_guard lock(mutex);
-        held.Reset();
-    }
-    // Without a program nothing goes out; with the tables all does.
-    builder.Tables();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(content->QueuedBytes(), 20 * 188);
-    ASSERT_EQ(graph.source->Push(packets(4)), S_OK);
-    ASSERT_EQ(graph.End(), S_OK);
-    ASSERT_TRUE(sink.WaitForEnd());
-    Bytes numbers;
-    for (const ReceivedSample& sample : sink.Samples())
-        for (size_t at = 0; at < sample.bytes.size(); at += kPacketSize)
-            if (numbers.empty() || numbers.back() != sample.bytes[at + 4])
-                numbers.push_back(sample.bytes[at + 4]);
-    EXPECT_THAT(numbers, ElementsAre(1, 3, 4));
-}
-
-TEST(Mapping, ChangesAtTheByteWhereItCame) {
-    SplitterGraph graph;
-    TestSink& sink = graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {kPid}, MEDIA_TRANSPORT_PACKET);
-    Gate gate(sink);
-    ASSERT_EQ(graph.Run(), S_OK);
-    ProgrammeBuilder builder({{.streams = {Video(kPid)}}});
-    const auto pairs = [&builder](uint8_t from) {
-        for (uint8_t i = from; i < from + 30; ++i)
-            builder.stream().Packet(kPid, Bytes(184, i)).Packet(kOtherPid, Bytes(184, i));
-        return builder.Padding(1).Take();
-    };
-    builder.Tables();
-    ASSERT_EQ(graph.source->Push(pairs(0)), S_OK);
-    ASSERT_TRUE(gate.WaitUntilReached());
-    const auto pin = graph.Pin(u"t");
-    const auto content = pin->Content();
-    ASSERT_TRUE(Eventually([&] { return content->QueuedBytes() + gate.Length() == 30 * 188; }));
-    const ULONG other = kOtherPid;
-    ASSERT_EQ(pin->MapPID(1, &other, MEDIA_TRANSPORT_PACKET), S_OK);
-    ASSERT_EQ(graph.source->Push(pairs(30)), S_OK);
-    gate.Open();
-    ASSERT_EQ(graph.End(), S_OK);
-    ASSERT_TRUE(sink.WaitForEnd());
-    std::vector<std::pair<uint8_t, uint8_t>> received;  // low byte of the PID, number
-    std::vector<size_t> discontinuities;
-    for (const ReceivedSample& sample : sink.Samples()) {
-        if (sample.discontinuity)
-            discontinuities.push_back(received.size());
-        for (size_t at = 0; at < sample.bytes.size(); at += kPacketSize)
-            received.emplace_back(sample.bytes[at + 2], sample.bytes[at + 4]);
-    }
-    std::vector<std::pair<uint8_t, uint8_t>> expected;
-    for (uint8_t i = 0; i < 60; ++i) {
-        expected.emplace_back(0x11, i);
-        if (i >= 30)
-            expected.emplace_back(0x12, i);
-    }
-    EXPECT_EQ(received, expected);
-    EXPECT_THAT(discontinuities, ElementsAre(0, 30));
+    LooseContent played(2, {kPid}, StreamingMode::kFile);
+    EXPECT_EQ(played.content->SetProgram(1, pmt.Get(), played.content->Epoch()), S_OK);
+    ComPtr<IPin> handle;
+    AM_MEDIA_TYPE type = MakeMediaType(MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload);
+    ASSERT_EQ(played.filter->CreateOutputPin(&type, u"other", handle.Put()), S_OK);
+    const auto other = std::dynamic_pointer_cast<CTsOutputPin>(played.filter->GetPin(1));
+    const ULONG pid = kOtherPid;
+    ASSERT_EQ(other->MapPID(1, &pid, MEDIA_ELEMENTARY_STREAM), S_OK);
+    ASSERT_EQ(other->Content()->Active(), S_OK);
+    EXPECT_EQ(other->Content()->SetProgram(1, pmt.Get(), other->Content()->Epoch()), S_OK);
+    const int32_t pcrPid = played.pin->GetPcrPid();
+    ASSERT_GE(pcrPid, 0);
+    EXPECT_EQ(played.AddPes(5, 70'000), S_OK);
+    StreamBuilder pcr;
+    played.filter->Feed(pcr.Pcr(static_cast<uint16_t>(pcrPid), 0).Null().Null().bytes());
+    SyncOrigin origin{};
+    const std::vector<OutputPinPtr> pins = {played.pin, other};
+    EXPECT_FALSE(StartClock(played.filter->Clocks(), pcrPid, pins, {}, &origin)) << "the other stream plays";
+    other->Content()->Inactive();
+    EXPECT_EQ(other->GetPcrPid(), pcrPid);
+    EXPECT_TRUE(StartClock(played.filter->Clocks(), pcrPid, pins, {}, &origin));
+    EXPECT_EQ(origin.pts, 5);
 }
 
 }  // namespace

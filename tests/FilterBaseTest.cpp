@@ -50,7 +50,7 @@ TEST(PacketRouter, OffersWhatEachSinkWantsInOrderOfAttachment) {
     router.WantTables(&b, true);
     router.WantAll(&c, true);
     const auto offer = [&](uint16_t pid, bool hasFilter) {
-        const TsHeader header = {0x47, pid, 0x10};
+        const TsHeader header = {0x47000010u | pid << 8};
         return router.OfferPacket(kPayload.data(), header, {}, hasFilter);
     };
     offer(0x10, false);
@@ -88,7 +88,7 @@ TEST(PacketRouter, OffersWhatEachSinkWantsInOrderOfAttachment) {
 TEST(PacketRouter, SaysWhenEverySinkRefuses) {
     RecordingSink a, b;
     PacketRouter router;
-    const TsHeader header = {0x47, 0x10, 0x10};
+    const TsHeader header = {0x47001010};
     const auto refused = [&] { return router.OfferPacket(kPayload.data(), header, {}, false); };
     EXPECT_FALSE(refused()) << "no sinks";
     router.Attach(&a);

@@ -131,18 +131,38 @@ TEST_F(PacketParserTest, FindsTheSamePacketsWhateverThePieces) {
     const Bytes clean = Series(3, 0x10);
     const Bytes cut(clean.begin(), clean.begin() + 2 * 188 + 50);  // the third packet loses its end
     const Bytes stream = build::Join({Bytes(100), cut, lone, Series(2, 0x20), Bytes(500, 0x47), Series(3, 0x30)});
-    for (const size_t piece : {1, 7, 187, 188, 189, 4000}) {
-        SCOPED_TRACE(piece);
+    for (const auto& [piece, inPlace] : {std::pair{1, false},
+                                         {7, false},
+                                         {187, false},
+                                         {188, false},
+                                         {189, false},
+                                         {4000, false},
+                                         {1, true},
+                                         {7, true},
+                                         {150, true},
+                                         {187, true},
+                                         {188, true},
+                                         {189, true},
+                                         {600, true},
+                                         {4000, true}}) {
+        SCOPED_TRACE(testing::Message() << piece << (inPlace ? " in place" : ""));
         PacketParser parser(1000);
         Packets packets(parser);
         ASSERT_EQ(parser.CreateBuffer(), S_OK);
         for (size_t at = 0; at < stream.size();) {
             const uint8_t* data = stream.data() + at;
-            auto length = static_cast<int32_t>(std::min(piece, stream.size() - at));
+            auto length = static_cast<int32_t>(std::min(static_cast<size_t>(piece), stream.size() - at));
             const int32_t before = length;
-            ASSERT_EQ(parser.AddData(&data, &length), S_OK);
+            if (inPlace) {
+                ASSERT_EQ(parser.ParseInPlace(packets, &data, &length), S_OK);
+            }
+            if (length > 0) {
+                ASSERT_EQ(parser.AddData(&data, &length), S_OK);
+            }
             at += static_cast<size_t>(before - length);
-            ASSERT_EQ(parser.ParseData(packets), S_OK);
+            if (!inPlace) {
+                ASSERT_EQ(parser.ParseData(packets), S_OK);
+            }
         }
         EXPECT_EQ(parser.BytesReceived(), static_cast<int64_t>(stream.size()));
         // The packet before damage has no sync byte behind it and is lost; the run of sync bytes looks like
@@ -174,6 +194,27 @@ TEST_F(PacketParserTest, LeavesAPacketThatTheHandlerStopsAt) {
     EXPECT_EQ(m_parser.ParseData(m_packets), S_OK);
     EXPECT_THAT(m_packets.seen,
                 ElementsAre(std::pair(0x100u, 0), std::pair(0x100u, 0), std::pair(0x100u, 0), std::pair(0x101u, 188)));
+}
+
+TEST_F(PacketParserTest, InPlaceLeavesTheCallerWhatTheHandlerStopsAt) {
+    const Bytes stream = Series(5);
+    Add(First(stream, 100));
+    const uint8_t* data = stream.data() + 100;
+    int32_t length = 4 * 188 - 100;
+    m_packets.refuse = true;
+    EXPECT_EQ(m_parser.ParseInPlace(m_packets, &data, &length), S_FALSE);
+    EXPECT_EQ(m_parser.StreamPosition(), 0);
+    EXPECT_EQ(m_parser.ParseInPlace(m_packets, &data, &length), S_FALSE) << "the buffer holds a backlog now";
+    EXPECT_EQ(m_packets.seen.size(), 1u);
+    m_packets.refuse = false;
+    EXPECT_EQ(m_parser.ParseData(m_packets), S_OK);
+    m_packets.refuse = true;
+    EXPECT_EQ(m_parser.ParseInPlace(m_packets, &data, &length), S_FALSE);
+    m_packets.refuse = false;
+    Add({data, static_cast<size_t>(length)});
+    EXPECT_EQ(m_parser.ParseData(m_packets), S_OK);
+    EXPECT_EQ(m_packets.seen.back(), std::pair(0x102u, int64_t{376}));
+    EXPECT_EQ(m_parser.BytesReceived(), 752);
 }
 
 TEST_F(PacketParserTest, CopiesWhatFitsAndLeavesTheRestWithTheCaller) {

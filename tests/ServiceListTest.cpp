@@ -152,6 +152,16 @@ TEST_F(ServiceListTest, AChangingTableTakesCompletenessAway) {
     EXPECT_EQ(m_list.IsComplete(), S_FALSE) << "neither the SDT nor the VCT is there";
 }
 
+TEST_F(ServiceListTest, ANewPatWaitsForNoPmtThatIsKnown) {
+    Send({Pat(1, {{1, 0x100}, {2, 0x200}}), Pmt({.program = 1}), NamedSdt(1, "One")});
+    Send({Pat(1, {{1, 0x100}, {2, 0x200}}, {.version = 1}), Pmt({.program = 1})});
+    EXPECT_EQ(m_list.IsComplete(), S_FALSE) << "the second has never come";
+    Send({Pmt({.program = 2})});
+    EXPECT_EQ(m_list.IsComplete(), S_OK);
+    Send({Pat(1, {{1, 0x100}, {2, 0x200}}, {.version = 2}), Pmt({.program = 1}), Pmt({.program = 2})});
+    EXPECT_EQ(m_list.IsComplete(), S_OK);
+}
+
 TEST_F(ServiceListTest, APmtWaitsForItsPcrPid) {
     m_absentPid = 0x101;
     Send({Pat(1, {{1, 0x100}})});

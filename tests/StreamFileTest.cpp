@@ -72,7 +72,6 @@ public:
             m_system.m_reads.emplace_back(offset, buffer.size());
             return offset >= m_system.m_failFrom ? -1 : m_file->ReadAt(offset, buffer);
         }
-        void ReadAhead(uint64_t offset, uint32_t length) const override { m_file->ReadAhead(offset, length); }
 
     private:
         const WatchedSystem& m_system;

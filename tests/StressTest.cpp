@@ -11,6 +11,7 @@
 #include "platform/media/MediaResult.h"
 #include "tests/support/GraphFixture.h"
 #include "tests/support/ProgramBuilder.h"
+#include "tests/support/SourceFixture.h"
 
 namespace tessel {
 namespace {
@@ -20,8 +21,6 @@ using build::Bytes;
 using build::ProgrammeBuilder;
 using build::Video;
 
-constexpr uint16_t kVideoPid = 0x111;
-constexpr uint16_t kAudioPid = 0x112;
 constexpr uint16_t kOtherPid = 0x113;
 
 int Rounds(int most = 1'000'000) {
@@ -264,6 +263,92 @@ TEST(Stress, SinkThatBlocks) {
         EXPECT_EQ(fixture.graph.graph->Stop(), S_OK);
         fixture.video->OnSample({});
     });
+}
+
+using StressOfFiles = FileSource;
+
+TEST_F(StressOfFiles, PlaySeekStop) {
+    Movie movie;
+    movie.Frames(300).Padding();
+    const fs::path path = Write(movie.stream.bytes());
+    for (int round = 0; round < Rounds() && !HasFailure(); ++round) {
+        const Watchdog watchdog("play, seek and stop, round " + std::to_string(round));
+        SourceGraph graph;
+        ASSERT_EQ(graph.Load(path), S_OK);
+        graph.AddStreams();
+        const REFERENCE_TIME duration = graph.Duration();
+        std::atomic<bool> done{false};
+        std::thread asking([&] {
+            while (!done) {
+                EXPECT_EQ(graph.Duration(), duration);
+                EXPECT_GE(graph.Position(), 0);
+                std::this_thread::yield();
+            }
+        });
+        std::mt19937 random(static_cast<unsigned>(round));
+        for (int i = 0; i < 8; ++i) {
+            REFERENCE_TIME target = static_cast<REFERENCE_TIME>(random() % static_cast<uint64_t>(duration));
+            switch (random() % 5) {
+            case 0:
+                EXPECT_GE(graph.graph->Run(0), 0);
+                break;
+            case 1:
+                EXPECT_GE(graph.graph->Pause(), 0);
+                break;
+            case 2:
+                EXPECT_EQ(graph.graph->Stop(), S_OK);
+                break;
+            default:
+                EXPECT_GE(graph.graph->SetPositions(graph.seeking.Get(), &target, AM_SEEKING_AbsolutePositioning), 0);
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::microseconds(random() % 3'000));
+        }
+        done = true;
+        asking.join();
+        EXPECT_EQ(graph.graph->Stop(), S_OK);
+        EXPECT_EQ(graph.Seek(movie.points[3].time), S_OK);
+        graph.Forget();
+        graph.Play();
+        const Bytes played = graph.video->Bytes();
+        const Bytes expected(movie.video.begin() + static_cast<ptrdiff_t>(movie.points[3].video), movie.video.end());
+        EXPECT_TRUE(played == expected)
+            << played.size() << " bytes instead of " << expected.size() << ", the same up to "
+            << std::mismatch(played.begin(), played.end(), expected.begin(), expected.end()).first - played.begin();
+    }
+}
+
+// Whoever comes first, the stream that is mapped plays.
+TEST_F(StressOfFiles, MapBesidePause) {
+    Movie movie;
+    movie.Frames(50).Padding();
+    SourceGraph graph;
+    ASSERT_EQ(graph.Load(Write(movie.stream.bytes())), S_OK);
+    graph.AddStreams();
+    const auto pin = std::dynamic_pointer_cast<CTsOutputPin>(dynamic_cast<CTsSource&>(*graph.filter.Get()).GetPin(0));
+    ASSERT_TRUE(pin);
+    const ULONG pid = kVideoPid;
+    std::mt19937 random(3);
+    for (int round = 0; round < 10 * Rounds() && !HasFailure(); ++round) {
+        const Watchdog watchdog("map beside pause, round " + std::to_string(round));
+        std::atomic<bool> go{false};
+        std::thread mapping([&] {
+            while (!go) {
+            }
+            EXPECT_EQ(pin->UnmapPID(1, &pid), S_OK);
+            EXPECT_EQ(pin->MapPID(1, &pid, MEDIA_ELEMENTARY_STREAM), S_OK);
+        });
+        const auto pause = std::chrono::steady_clock::now() + std::chrono::microseconds(random() % 50);
+        go = true;
+        while (std::chrono::steady_clock::now() < pause) {
+        }
+        EXPECT_GE(graph.graph->Pause(), 0);
+        mapping.join();
+        EXPECT_TRUE(pin->Content()->IsActive()) << round;
+        EXPECT_TRUE(graph.video->WaitForEnd());
+        EXPECT_EQ(graph.graph->Stop(), S_OK);
+        graph.Forget();
+    }
 }
 
 }  // namespace

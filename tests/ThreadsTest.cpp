@@ -123,6 +123,32 @@ TEST(Event, NoSettingIsLostBetweenTwoThreads) {
     WAIT_FOR(*producer);
 }
 
+// A wait that ends as the setting comes must not keep it from the thread that still waits.
+TEST(Event, EverySettingIsTakenWhileSomeWaitsEnd) {
+    CEvent event(EventReset::kAuto);
+    CSemaphore taken;
+    std::atomic<bool> over{false};
+    std::vector<std::shared_ptr<CThread>> waiters;
+    for (const uint32_t patience : {1u, 1u, kBound})
+        waiters.push_back(Spawn([&, patience] {
+            while (!over)
+                if (event.Wait(patience))
+                    taken.Release();
+        }));
+    for (int i = 0; i < 3000; ++i) {
+        event.Set();
+        WAIT_FOR(taken);
+        if (i % 50 == 0)
+            Sleep(1);  // so that waits end
+    }
+    over = true;
+    event.Set();  // for the patient one, or one that ends anyway
+    for (const auto& waiter : waiters) {
+        event.Set();
+        WAIT_FOR(*waiter);
+    }
+}
+
 TEST(MessageQueue, KeepsTheOrderOfEachPosterAndQuitsBehindAll) {
     constexpr uint32_t kPosters = 3;
     constexpr uint32_t kEach = 1000;

@@ -11,6 +11,7 @@ enum LockRank {
     kRankReceive = 20,      // one sample at a time from upstream
     kRankStreaming = 30,    // input buffer and parser
     kRankTable = 40,        // section filters, table store, service list
+    kRankActivation = 45,   // a content's activation, beside one for its program alone
     kRankContentBind = 50,  // a content binds to its program
     kRankPin = 60,          // a pin's content, thread and flags
     kRankPinMap = 70,       // changes of a pin's PID map

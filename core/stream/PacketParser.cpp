@@ -7,8 +7,8 @@ namespace tessel {
 
 namespace {
 
-const uint8_t* FindSync(const uint8_t* bytes, int32_t count) {
-    return static_cast<const uint8_t*>(std::memchr(bytes, kSyncByte, static_cast<size_t>(count)));
+const uint8_t* FindSync(const uint8_t* bytes, const uint8_t* end) {
+    return static_cast<const uint8_t*>(std::memchr(bytes, kSyncByte, static_cast<size_t>(end - bytes)));
 }
 
 bool SyncRepeats(const uint8_t* sync, int32_t size) {
@@ -29,7 +29,7 @@ HRESULT PacketParser::CreateBuffer() {
 }
 
 void PacketParser::ResetPositions(int64_t position) {
-    m_streamPosition = position;
+    m_endPosition = position;
     m_bytesReceived = position;
     m_arrivals.clear();
     m_currentArrival = {INT64_MIN, 0};
@@ -59,7 +59,7 @@ void PacketParser::Commit(int32_t written) {
 HRESULT PacketParser::FlushBuffer() {
     if (!m_buffer)
         return E_UNEXPECTED;
-    m_streamPosition += m_buffer->Available();
+    m_endPosition += m_buffer->Available();
     m_buffer->Clear();
     return S_OK;
 }
@@ -70,55 +70,58 @@ HRESULT PacketParser::DetectPacketSize() {
     if (!m_buffer)
         return E_UNEXPECTED;
     // While an in-place write is open nothing can be consumed, so nothing is decided.
-    while (!m_buffer->Held() && m_buffer->Available() >= kDetectionWindow) {
-        const uint8_t* start = m_buffer->ReadPointer();
-        const int32_t available = m_buffer->Available();
-        const uint8_t* sync = FindSync(start, available);
-        if (sync == nullptr) {
-            Consume(available);
+    if (m_buffer->Held())
+        return E_ABORT;
+    EnterBuffer();
+    HRESULT result = E_ABORT;
+    while (m_end - m_at >= kDetectionWindow) {
+        const uint8_t* sync = FindSync(m_at, m_end);
+        m_at = sync != nullptr ? sync : m_end;
+        if (m_end - m_at <= kDetectionWindow)
             break;
-        }
-        const auto skipped = static_cast<int32_t>(sync - start);
-        if (available - skipped <= kDetectionWindow) {
-            Consume(skipped);
-            break;
-        }
-        const int32_t size = SyncRepeats(sync, kTransportPacketSize)     ? kTransportPacketSize
-                             : SyncRepeats(sync, kTimestampedPacketSize) ? kTimestampedPacketSize
+        const int32_t size = SyncRepeats(m_at, kTransportPacketSize)     ? kTransportPacketSize
+                             : SyncRepeats(m_at, kTimestampedPacketSize) ? kTimestampedPacketSize
                                                                          : 0;
         if (size != 0) {
             m_packetSize = size;
-            Consume(skipped);
-            return S_OK;
+            result = S_OK;
+            break;
         }
-        Consume(skipped + 1);
+        ++m_at;
     }
-    TakeArrivals();
-    return E_ABORT;
+    LeaveBuffer();
+    if (result != S_OK)
+        TakeArrivals();
+    return result;
 }
 
 const uint8_t* PacketParser::SearchSync() {
-    while (m_buffer->Available() >= m_packetSize + kLookAhead) {
-        const uint8_t* start = m_buffer->ReadPointer();
-        const int32_t available = m_buffer->Available();
-        const uint8_t* sync = FindSync(start, available);
-        if (sync == nullptr) {
-            Consume(available);
-            return nullptr;
-        }
-        const auto skipped = static_cast<int32_t>(sync - start);
-        Consume(skipped);
-        if (available - skipped <= m_packetSize + kLookAhead)
+    while (m_end - m_at >= m_packetSize + kLookAhead) {
+        const uint8_t* sync = FindSync(m_at, m_end);
+        m_at = sync != nullptr ? sync : m_end;
+        if (m_end - m_at <= m_packetSize + kLookAhead)
             return nullptr;
         if (sync[m_packetSize] == kSyncByte)
             return sync;
-        Consume(1);
+        ++m_at;
     }
     return nullptr;
 }
 
+void PacketParser::EnterBuffer() {
+    m_at = m_buffer->ReadPointer();
+    m_end = m_at + m_buffer->Available();
+    m_endPosition += m_buffer->Available();
+}
+
+void PacketParser::LeaveBuffer() {
+    m_buffer->Skip(static_cast<int32_t>(m_at - m_buffer->ReadPointer()));
+    m_endPosition -= m_end - m_at;
+    m_at = m_end = nullptr;
+}
+
 void PacketParser::TakeArrivals() {
-    while (!m_arrivals.empty() && m_arrivals.front().position <= m_streamPosition) {
+    while (!m_arrivals.empty() && m_arrivals.front().position <= StreamPosition()) {
         m_currentArrival = m_arrivals.front();
         m_arrivals.pop_front();
     }

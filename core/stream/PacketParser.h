@@ -1,9 +1,11 @@
 // From bytes to packets: the input buffer, packet size and sync, stream positions and arrival times.
 //
-// The parser works in place: there is no queue, and a packet is handed on as a pointer into the buffer.
+// The parser works in place: there is no queue, and a packet is handed on as a pointer into the buffer, or into the
+// caller's bytes.
 // It has no lock; its owner calls one operation at a time.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -70,41 +72,74 @@ public:
     // so that its work stands in the loop.
     template <class Handler>
     HRESULT ParseData(Handler& handler);
+    // As ParseData, on what the buffer holds and then on the caller's bytes where they lie: only those that complete a
+    // packet of the buffer are copied. Moves the caller's pointer on and its length down by what was taken; the rest,
+    // if there is any, is for AddData. S_FALSE with nothing done when the buffer holds more than the start of a packet.
+    template <class Handler>
+    HRESULT ParseInPlace(Handler& handler, const uint8_t** data, int32_t* length);
 
     int32_t PacketSize() const { return m_packetSize; }
     void SetPacketSize(int32_t size) { m_packetSize = size; }
     // Input bytes consumed: the offset in the stream of the byte at the read offset.
-    int64_t StreamPosition() const { return m_streamPosition; }
+    int64_t StreamPosition() const { return m_endPosition - (m_end - m_at); }
     int64_t BytesReceived() const { return m_bytesReceived; }
     const ArrivalRecord& CurrentArrival() const { return m_currentArrival; }
 
 private:
-    // The next packet, at the read offset; null when more data is needed.
+    // What is being parsed, by a call that is under way.
+    template <class Handler>
+    HRESULT Run(Handler& handler);
+    // The next packet; null when more data is needed.
     const uint8_t* SkipUntilSync() {
-        const uint8_t* packet = m_buffer->ReadPointer();
-        if (m_buffer->Available() > m_packetSize + kLookAhead && packet[0] == kSyncByte &&
-            packet[m_packetSize] == kSyncByte) [[likely]]
+        const uint8_t* const packet = m_at;
+        if (m_end - packet > m_packetSize + kLookAhead && packet[0] == kSyncByte && packet[m_packetSize] == kSyncByte)
+            [[likely]]
             return packet;
         return SearchSync();
     }
     const uint8_t* SearchSync();
-    void Consume(int32_t count) {
-        m_streamPosition += count;
-        m_buffer->Skip(count);
-    }
+    // From here to LeaveBuffer the buffer's bytes are the ones that are parsed.
+    void EnterBuffer();
+    void LeaveBuffer();
     void TakeArrivals();
 
     // Bytes that must follow the second sync byte before a packet is taken.
     static constexpr int32_t kLookAhead = 6;
+    // Enough to take every packet that begins among bytes too few for one.
+    static constexpr int32_t kJoined = 2 * (kTimestampedPacketSize + kLookAhead + 1);
 
     std::unique_ptr<ByteBuffer> m_buffer;
     const int32_t m_requestedCapacity;
     int32_t m_packetSize = kTransportPacketSize;
-    int64_t m_streamPosition = 0;
+    // The bytes that are being parsed, none between calls, and the stream position of their end.
+    const uint8_t* m_at = nullptr;
+    const uint8_t* m_end = nullptr;
+    int64_t m_endPosition = 0;
     int64_t m_bytesReceived = 0;
     std::deque<ArrivalRecord> m_arrivals;
     ArrivalRecord m_currentArrival{INT64_MIN, 0};
 };
+
+template <class Handler>
+HRESULT PacketParser::Run(Handler& handler) {
+    while (const uint8_t* packet = SkipUntilSync()) {
+        if (!m_arrivals.empty())
+            TakeArrivals();
+        const ParserStep step = handler.ParsePacket(packet);
+        if (step == ParserStep::kGoOn) [[likely]] {
+            m_at += m_packetSize;
+            continue;
+        }
+        if (step == ParserStep::kRefused)
+            return S_FALSE;
+        if (step == ParserStep::kPause)
+            m_at += m_packetSize;
+        return kParsePaused;
+    }
+    // Those of bytes that were no packets go too.
+    TakeArrivals();
+    return S_OK;
+}
 
 template <class Handler>
 HRESULT PacketParser::ParseData(Handler& handler) {
@@ -112,21 +147,42 @@ HRESULT PacketParser::ParseData(Handler& handler) {
         return E_UNEXPECTED;
     if (m_buffer->Held())
         return S_OK;
-    while (const uint8_t* packet = SkipUntilSync()) {
-        if (!m_arrivals.empty())
-            TakeArrivals();
-        const ParserStep step = handler.ParsePacket(packet);
-        if (step == ParserStep::kRefused)
-            return S_FALSE;
-        if (step == ParserStep::kAgain)
-            return kParsePaused;
-        Consume(m_packetSize);
-        if (step == ParserStep::kPause)
-            return kParsePaused;
+    EnterBuffer();
+    const HRESULT result = Run(handler);
+    LeaveBuffer();
+    return result;
+}
+
+template <class Handler>
+HRESULT PacketParser::ParseInPlace(Handler& handler, const uint8_t** data, int32_t* length) {
+    if (!m_buffer)
+        return E_UNEXPECTED;
+    if (m_buffer->Held() || m_buffer->Available() > kTimestampedPacketSize + kLookAhead)
+        return S_FALSE;
+    const auto take = [&](int32_t count) {
+        *data += count;
+        *length -= count;
+        m_bytesReceived += count;
+    };
+    if (const int32_t before = m_buffer->Available(); before > 0) {
+        const int32_t joined = m_buffer->Append(*data, std::min(*length, kJoined));
+        take(joined);
+        const HRESULT result = ParseData(handler);
+        const int32_t left = m_buffer->Available();
+        if (result != S_OK || left > joined)
+            return result;
+        // The copies of what is left are not needed.
+        take(-left);
+        m_buffer->Clear();
     }
-    // Those of bytes that were no packets go too.
-    TakeArrivals();
-    return S_OK;
+    m_at = *data;
+    m_end = *data + *length;
+    m_endPosition += *length;
+    const HRESULT result = Run(handler);
+    take(static_cast<int32_t>(m_at - *data));
+    m_endPosition -= m_end - m_at;
+    m_at = m_end = nullptr;
+    return result;
 }
 
 }  // namespace tessel

@@ -31,7 +31,11 @@ public:
 
     // True when it is full: it must be taken before the next one comes.
     bool Add(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation) {
-        m_packets[m_count] = {packet, header, adaptation};
+        // One by one: as a whole it would be put together in memory first.
+        OfferedPacket& noted = m_packets[m_count];
+        noted.bytes = packet;
+        noted.header = header;
+        noted.adaptation = adaptation;
         return ++m_count == kSize;
     }
     std::span<const OfferedPacket> Take() { return {m_packets.data(), std::exchange(m_count, 0)}; }

@@ -13,23 +13,22 @@ inline constexpr uint32_t kPidCount = 8192;
 inline constexpr uint32_t kNullPid = 0x1FFF;
 
 struct TsHeader {
-    uint8_t sync = 0;
-    uint16_t flagsAndPid = 0;  // bytes 1 and 2, big-endian
-    uint8_t control = 0;       // byte 3
+    uint32_t word = 0;  // the 4 bytes, big-endian
 
-    uint32_t Pid() const { return flagsAndPid & 0x1FFF; }
-    bool TransportErrorIndicator() const { return (flagsAndPid & 0x8000) != 0; }
-    bool PayloadUnitStartIndicator() const { return (flagsAndPid & 0x4000) != 0; }
-    bool TransportPriority() const { return (flagsAndPid & 0x2000) != 0; }
-    uint8_t TransportScramblingControl() const { return control >> 6; }
-    bool HasAdaptationField() const { return (control & 0x20) != 0; }
-    bool HasPayload() const { return (control & 0x10) != 0; }
-    uint8_t ContinuityCounter() const { return control & 0x0F; }
+    uint8_t SyncByte() const { return static_cast<uint8_t>(word >> 24); }
+    bool TransportErrorIndicator() const { return (word & 0x800000) != 0; }
+    bool PayloadUnitStartIndicator() const { return (word & 0x400000) != 0; }
+    bool TransportPriority() const { return (word & 0x200000) != 0; }
+    uint32_t Pid() const { return word >> 8 & 0x1FFF; }
+    uint8_t TransportScramblingControl() const { return word >> 6 & 0x03; }
+    bool HasAdaptationField() const { return (word & 0x20) != 0; }
+    bool HasPayload() const { return (word & 0x10) != 0; }
+    uint8_t ContinuityCounter() const { return word & 0x0F; }
 };
 
 // packet: at least 4 bytes.
 inline TsHeader DecodeTsHeader(const uint8_t* packet) {
-    return {packet[0], static_cast<uint16_t>(packet[1] << 8 | packet[2]), packet[3]};
+    return {uint32_t{packet[0]} << 24 | uint32_t{packet[1]} << 16 | uint32_t{packet[2]} << 8 | packet[3]};
 }
 
 struct AdaptationFieldHeader {

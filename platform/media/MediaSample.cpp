@@ -6,9 +6,12 @@ HRESULT CMediaSample::QueryInterface(const IID& iid, void** out) {
     if (out == nullptr)
         return E_POINTER;
     *out = nullptr;
-    if (iid != IUnknown::kIid && iid != IMediaSample::kIid)
+    if (iid == ILendableSample::kIid)
+        *out = static_cast<ILendableSample*>(this);
+    else if (iid == IUnknown::kIid || iid == IMediaSample::kIid)
+        *out = static_cast<IMediaSample*>(this);
+    else
         return E_NOINTERFACE;
-    *out = static_cast<IMediaSample*>(this);
     AddRef();
     return S_OK;
 }
@@ -21,6 +24,11 @@ ULONG CMediaSample::Release() {
     const int32_t left = m_references.fetch_sub(1, std::memory_order_acq_rel) - 1;
     if (left > 0)
         return static_cast<ULONG>(left);
+    if (m_lender) {
+        m_lender->TakeBack(m_lent);
+        m_lender = nullptr;
+        m_lent = nullptr;
+    }
     m_length = m_size;
     m_start.reset();
     m_end.reset();
@@ -34,8 +42,17 @@ ULONG CMediaSample::Release() {
 HRESULT CMediaSample::GetPointer(uint8_t** out) {
     if (out == nullptr)
         return E_POINTER;
-    *out = m_buffer;
+    *out = m_lender ? m_lent : m_buffer;
     return S_OK;
+}
+
+bool CMediaSample::Lend(const std::shared_ptr<ISampleMemory>& owner, uint8_t* memory, LONG size) {
+    const auto misplaced = reinterpret_cast<uintptr_t>(memory) % static_cast<uintptr_t>(m_align) != 0;
+    if (m_lender || size < m_size || m_prefix != 0 || misplaced)
+        return false;
+    m_lender = owner;
+    m_lent = memory;
+    return true;
 }
 
 HRESULT CMediaSample::GetTime(REFERENCE_TIME* start, REFERENCE_TIME* end) {

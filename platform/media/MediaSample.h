@@ -2,16 +2,41 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <optional>
 
 #include "platform/media/Allocator.h"
 
-// It belongs to its allocator, which it gets back to when nobody refers to it any more.
-class CMediaSample : public IMediaSample {
+// Who lends samples their memory.
+class ISampleMemory {
 public:
-    // allocator holds the sample and its memory, and lives while a reference is out.
-    CMediaSample(IMemAllocator* allocator, uint8_t* buffer, LONG size)
-        : m_allocator(allocator), m_buffer(buffer), m_size(size), m_length(size) {}
+    // On any thread.
+    virtual void TakeBack(uint8_t* memory) = 0;
+
+protected:
+    ~ISampleMemory() = default;
+};
+
+// A sample whose maker need not copy into it.
+class ILendableSample : public IUnknown {
+public:
+    static constexpr IID kIid = MakeGuid("{4F6D3C1A-52B7-4E0B-9C55-8C0E1B7A64D2}");
+
+    // Until it is back at its allocator the sample has that memory in place of its own. False, with nothing done, when
+    // the memory is smaller than its own, or does not lie as the allocator has to place it.
+    virtual bool Lend(const std::shared_ptr<ISampleMemory>& owner, uint8_t* memory, LONG size) = 0;
+
+protected:
+    ~ILendableSample() = default;
+};
+
+// It belongs to its allocator, which it gets back to when nobody refers to it any more.
+class CMediaSample : public IMediaSample, public ILendableSample {
+public:
+    // allocator holds the sample and its memory, and lives while a reference is out. align: a power of two; prefix:
+    // bytes in front of buffer.
+    CMediaSample(IMemAllocator* allocator, uint8_t* buffer, LONG size, LONG align = 1, LONG prefix = 0)
+        : m_allocator(allocator), m_buffer(buffer), m_size(size), m_align(align), m_prefix(prefix), m_length(size) {}
     virtual ~CMediaSample() = default;
 
     CMediaSample(const CMediaSample&) = delete;
@@ -38,13 +63,19 @@ public:
     HRESULT GetMediaTime(int64_t* start, int64_t* end) override;
     HRESULT SetMediaTime(const int64_t* start, const int64_t* end) override;
 
+    bool Lend(const std::shared_ptr<ISampleMemory>& owner, uint8_t* memory, LONG size) override;
+
 private:
     IMemAllocator* const m_allocator;
     uint8_t* const m_buffer;
     const LONG m_size;
+    const LONG m_align;
+    const LONG m_prefix;
     std::atomic<int32_t> m_references{0};
 
     // Back to these values with every round.
+    std::shared_ptr<ISampleMemory> m_lender;
+    uint8_t* m_lent = nullptr;
     LONG m_length;
     std::optional<REFERENCE_TIME> m_start;
     std::optional<REFERENCE_TIME> m_end;

@@ -77,7 +77,8 @@ HRESULT CMemAllocator::Allocate() {
         std::vector<CMediaSample*> free;
         free.reserve(static_cast<size_t>(m_properties.cBuffers));
         for (LONG i = 0; i < m_properties.cBuffers; ++i, buffer += stride) {
-            samples.push_back(std::make_unique<CMediaSample>(this, buffer, m_properties.cbBuffer));
+            samples.push_back(std::make_unique<CMediaSample>(this, buffer, m_properties.cbBuffer, m_properties.cbAlign,
+                                                             m_properties.cbPrefix));
             free.push_back(samples.back().get());
         }
         m_memory = std::move(memory);

@@ -35,12 +35,31 @@ static inline void NoteLocking(const CCritSec*) {}
 static inline void NoteUnlocking(const CCritSec*) {}
 #endif
 
+CCritSec::CCritSec(const char* name, int rank) : m_name(name), m_rank(rank) {
+    pthread_mutexattr_t kind;
+    pthread_mutexattr_init(&kind);
+    pthread_mutexattr_settype(&kind, PTHREAD_MUTEX_ADAPTIVE_NP);
+    pthread_mutex_init(&m_mutex, &kind);
+    pthread_mutexattr_destroy(&kind);
+}
+
 void CCritSec::Lock() {
     NoteLocking(this);
-    m_mutex.lock();
+    const pthread_t self = pthread_self();
+    // Another thread's value may be stale, but never this thread's.
+    if (m_owner.load(std::memory_order_relaxed) == self) {
+        ++m_depth;
+        return;
+    }
+    pthread_mutex_lock(&m_mutex);
+    m_owner.store(self, std::memory_order_relaxed);
+    m_depth = 1;
 }
 
 void CCritSec::Unlock() {
     NoteUnlocking(this);
-    m_mutex.unlock();
+    if (--m_depth != 0)
+        return;
+    m_owner.store(pthread_t{}, std::memory_order_relaxed);
+    pthread_mutex_unlock(&m_mutex);
 }

@@ -4,14 +4,18 @@
 // OS_CHECK_LOCK_RANKS abort with both names when the order is broken.
 #pragma once
 
-#include <mutex>
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
 
 #include "platform/os/ThreadAnnotations.h"
 
 class OS_CAPABILITY("mutex") CCritSec {
 public:
     // name: a string literal that says what the lock guards; rank: 0 is outermost.
-    CCritSec(const char* name, int rank) : m_name(name), m_rank(rank) {}
+    CCritSec(const char* name, int rank);
+    ~CCritSec() { pthread_mutex_destroy(&m_mutex); }
 
     CCritSec(const CCritSec&) = delete;
     CCritSec& operator=(const CCritSec&) = delete;
@@ -23,7 +27,11 @@ public:
     int Rank() const { return m_rank; }
 
 private:
-    std::recursive_mutex m_mutex;
+    // One that turns round a little before it sleeps: most are held for the time of a copy. That kind does not count
+    // how often its owner has it, so that is done here.
+    pthread_mutex_t m_mutex;
+    std::atomic<pthread_t> m_owner{};
+    uint32_t m_depth = 0;  // the owner's
     const char* const m_name;
     const int m_rank;
 };

@@ -18,6 +18,8 @@ bool WaitOn(std::condition_variable& condition, std::unique_lock<std::mutex>& lo
         condition.wait(lock, ready);
         return true;
     }
+    if (milliseconds == 0)
+        return ready();
     return condition.wait_for(lock, std::chrono::milliseconds(milliseconds), ready);
 }
 
@@ -28,7 +30,7 @@ enum class EventReset {
 
 class CEvent {
 public:
-    explicit CEvent(EventReset reset, bool set = false) : m_reset(reset), m_set(set) {}
+    explicit CEvent(EventReset reset, bool set = false) : m_reset(reset), m_state(set ? kSet : 0) {}
 
     CEvent(const CEvent&) = delete;
     CEvent& operator=(const CEvent&) = delete;
@@ -36,16 +38,21 @@ public:
     // Setting a set event is one load. So what the waiter is to find must be written under a lock
     // that it takes too, or be an atomic in the default (sequentially consistent) order.
     void Set();
-    void Reset();
-    bool IsSet() const { return m_set.load(); }
+    void Reset() { m_state.fetch_and(~kSet); }
+    bool IsSet() const { return (m_state.load() & kSet) != 0; }
 
     // True when the event was set, false when the time is over.
     bool Wait(uint32_t milliseconds = INFINITE);
 
 private:
+    // Takes the setting if there is one, and leaving off from the waiters with it.
+    bool Take(uint32_t waiters);
+
+    static constexpr uint32_t kSet = 1;
+    static constexpr uint32_t kWaiter = 2;
+
     const EventReset m_reset;
-    std::mutex m_mutex;
-    std::condition_variable m_condition;
-    // Written under the mutex; read without it by Set and IsSet, which need no more than its value.
-    std::atomic<bool> m_set;
+    // kSet, and kWaiter for each thread that sleeps or is about to. One word: a waiter may destroy the event as soon
+    // as its wait has returned, so Set touches it once.
+    std::atomic<uint32_t> m_state;
 };

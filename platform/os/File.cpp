@@ -59,10 +59,6 @@ public:
         return static_cast<int64_t>(done);
     }
 
-    void ReadAhead(uint64_t offset, uint32_t length) const override {
-        posix_fadvise(m_descriptor, static_cast<off_t>(offset), length, POSIX_FADV_WILLNEED);
-    }
-
 private:
     int m_descriptor = -1;
     Identity m_identity;

@@ -31,8 +31,6 @@ public:
     virtual int64_t GetSize() const = 0;
     // Fills buffer from offset on. How many bytes were read: fewer only at the end of the file. -1 on failure.
     virtual int64_t ReadAt(uint64_t offset, std::span<uint8_t> buffer) const = 0;
-    // These bytes are likely to be read next. Does not wait for them.
-    virtual void ReadAhead(uint64_t offset, uint32_t length) const = 0;
 };
 
 // Opens files. Who needs other ones derives from it.

@@ -10,6 +10,7 @@ class Elementary:
         self.pid, self.counter, self.held = pid, None, 0
         self.parts, self.size = [], 0
         self.starts = []  # (offset, DTS or PTS or None)
+        self.shown = []  # (offset, PTS) of those that have one
 
     def packet(self, packet):
         start = 5 + packet[4] if packet[3] & 0x20 else 4
@@ -22,6 +23,8 @@ class Elementary:
             if payload[:3] != b"\0\0\1":
                 raise ValueError(f"PID {self.pid}: a unit that is no PES")
             self.starts.append((self.size, time_stamp(payload)))
+            if payload[7] & 0x80:
+                self.shown.append((self.size, read_stamp(payload, 9)))
             payload = payload[9 + payload[8]:]
         self.parts.append(payload)
         self.size += len(payload)
@@ -47,6 +50,10 @@ def time_stamp(pes):
     at = {2: 9, 3: 14}.get(pes[7] >> 6)
     if at is None:
         return None
+    return read_stamp(pes, at)
+
+
+def read_stamp(pes, at):
     field = int.from_bytes(pes[at:at + 5], "big")
     return field >> 3 & 0x1C0000000 | field >> 2 & 0x3FFF8000 | field >> 1 & 0x7FFF
 

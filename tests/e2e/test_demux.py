@@ -109,7 +109,10 @@ class WholeStreams(DemuxTest):
         model = pes.elementary_streams(path.read_bytes(), [pid for _, pid, _ in streams])
         copied = copied_by_ffmpeg(path, streams, self.folder)
         probed = stamps_by_ffprobe(path)
-        files = self.demux(path, "--mode", "rec", "--timestamps")
+        for how in (["--mode", "rec"], []):  # pushed, and played by the file source
+            self.check_files(self.demux(path, "--timestamps", *how), name, streams, model, copied, probed)
+
+    def check_files(self, files, name, streams, model, copied, probed):
         self.assertEqual(len(files), 2 * len(streams), sorted(files))
         for service, pid, codec in streams:
             with self.subTest(name, pid=pid, codec=codec):
@@ -163,7 +166,7 @@ class WholeStreams(DemuxTest):
 
     def test_a_pipe_gives_what_the_file_gives(self):
         path, streams = multiplex("three", THREE)
-        from_file = self.demux(path, "--timestamps")
+        from_file = self.demux(path, "--push", "--timestamps")
         with subprocess.Popen(["cat", path], stdout=subprocess.PIPE) as pipe:
             from_pipe = self.demux("-", "--timestamps", stdin=pipe.stdout)
         self.assertEqual(list(from_pipe), list(from_file))
@@ -308,7 +311,7 @@ class Recordings(DemuxTest):
             if not facts["services"]:
                 continue
             begins = any(self.has_usable_map(facts["path"].read_bytes(), service) for service in facts["services"])
-            files = self.demux(facts["path"], "--pid", ",".join(f"{pid}:sections" for pid in pids))
+            files = self.demux(facts["path"], "--push", "--pid", ",".join(f"{pid}:sections" for pid in pids))
             completed = support.Model(facts["path"].read_bytes(), pids).sections
             for pid in pids:
                 with self.subTest(facts["file"], pid=pid):

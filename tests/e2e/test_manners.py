@@ -1,6 +1,7 @@
 """How the tool behaves as a program: exit codes, messages, pipes and files."""
 import json
 import os
+import pathlib
 import random
 import shutil
 import signal
@@ -35,6 +36,7 @@ class Inputs(MannersTest):
         inputs = [
             (self.folder / "missing.ts", "cannot open: No such file or directory"),
             (self.folder, "is a directory"),
+            (pathlib.Path("/dev/null"), "is empty"),
             (self.file("empty.ts", b""), "is empty"),
             (self.file("noise.ts", noise), "no transport stream packets in 100000 bytes"),
             (self.file("only-sync.ts", b"\x47"), "no transport stream packets in 1 bytes"),
@@ -44,7 +46,8 @@ class Inputs(MannersTest):
             for command in (["info", path], ["info", "--json", "--pids", path],
                             ["extract", path, "--pid", "0", "-o", "-"],
                             ["extract", path, "--sections", "--pid", "0", "-o", self.folder / "out"],
-                            ["demux", path, "--discard"], ["frames", path, "--pid", "257"], ["watch", path]):
+                            ["demux", path, "--discard"], ["cut", path, "-o", self.folder / "out"],
+                            ["frames", path, "--pid", "257"], ["watch", path]):
                 with self.subTest(path=path.name, command=command[0]):
                     self.assertFails(1, f"{path}: {text}", *command)
 
@@ -165,22 +168,22 @@ class Demux(MannersTest):
             # In how many samples the bytes come is a matter of threads.
             return [dict(stream, samples=None, **changed) for stream in summary["streams"]]
 
-        summary, files = self.demux("--timestamps")
+        summary, files = self.demux("--timestamps", "--push")
         names = [name for name in files if not name.endswith(".csv")]
         self.assertEqual(sorted(files), sorted(names + [name + ".csv" for name in names]))
         piped, from_pipe = self.demux("--timestamps", source="-", input=self.stream.read_bytes())
         self.assertEqual(streams(piped), streams(summary))
         self.assertTrue(all(from_pipe[name] == files[name] for name in names))
-        counted = json.loads(self.done("demux", self.stream, "--discard", "--json"))
+        counted = json.loads(self.done("demux", self.stream, "--discard", "--push", "--json"))
         self.assertEqual(streams(counted), streams(summary, file=None, dropped_bytes=None))
-        text = self.done("demux", self.stream, "--discard").decode()
+        text = self.done("demux", self.stream, "--discard", "--push").decode()
         for name, data in files.items():
             if name in names:
                 self.assertRegex(text, name.split(".")[0].replace("-", " +") + fr" .* {len(data)} ")
 
     def test_what_cannot_start_is_said(self):
         head = self.file("head.ts", self.stream.read_bytes()[:188 * 400])
-        summary, files = self.demux(source=head)
+        summary, files = self.demux("--push", source=head)
         self.assertEqual(files, {})
         notes = [stream["note"] for stream in summary["streams"]]
         self.assertTrue(notes and all(notes), notes)
@@ -256,9 +259,11 @@ class Arguments(MannersTest):
 
     def test_help_and_version(self):
         helps = {(): ("info", "extract", "Exit code"), ("info",): ("INPUT", "--json", "--pids", "--push"),
-                 ("extract",): ("INPUT", "--pid", "--sections", "--output"), ("watch",): ("INPUT", "--json"),
+                 ("extract",): ("INPUT", "--pid", "--sections", "--output", "--from", "--to", "--follow", "--idle"),
+                 ("cut",): ("INPUT", "--from", "--to", "--service", "--output"), ("watch",): ("INPUT", "--json"),
                  ("frames",): ("INPUT", "--pid", "--json"),
-                 ("demux",): ("INPUT", "--output", "--discard", "--service", "--audio", "--pid", "--mode", "--timestamps")}
+                 ("demux",): ("INPUT", "--output", "--discard", "--service", "--audio", "--pid", "--mode", "--timestamps",
+                              "--push", "--from", "--to", "--follow", "--idle")}
         for command, words in helps.items():
             for option in ("--help", "-h"):
                 text = self.done(*command, option).decode()

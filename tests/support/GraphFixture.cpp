@@ -81,6 +81,8 @@ public:
         HRESULT result = CBaseInputPin::Receive(sample);
         if (result == S_OK && m_sink.m_onSample)
             result = m_sink.m_onSample(*sample);
+        if (result == S_FALSE)
+            Note([&] { ++m_sink.m_refusals; });
         if (result != S_OK)
             return result;
         ReceivedSample received;
@@ -109,6 +111,11 @@ public:
     HRESULT BeginFlush() override {
         Note([&] { ++m_sink.m_flushes; });
         return CBaseInputPin::BeginFlush();
+    }
+    HRESULT EndFlush() override {
+        if (m_sink.m_forgetsAtFlush)
+            m_sink.Forget();
+        return CBaseInputPin::EndFlush();
     }
     HRESULT NewSegment(REFERENCE_TIME start, REFERENCE_TIME stop, double rate) override {
         Note([&] { ++m_sink.m_segments; });
@@ -177,7 +184,7 @@ size_t TestSink::Ends() const {
 void TestSink::Forget() {
     const std::lock_guard lock(m_mutex);
     m_samples.clear();
-    m_segments = m_flushes = m_ends = 0;
+    m_segments = m_flushes = m_ends = m_refusals = 0;
 }
 
 bool TestSink::WaitForEnd() const {
@@ -186,6 +193,10 @@ bool TestSink::WaitForEnd() const {
 
 bool TestSink::WaitForSamples(size_t count) const {
     return WaitUntil([this, count] { return m_samples.size() >= count; });
+}
+
+bool TestSink::WaitForRest() const {
+    return WaitUntil([this] { return m_ends > 0 || m_refusals > 0; });
 }
 
 SplitterGraph::SplitterGraph(StreamingMode mode, ComPtr<ManualClock> its)

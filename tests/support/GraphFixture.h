@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -107,6 +108,10 @@ public:
     // False when it has not come after kTestWait.
     bool WaitForEnd() const;
     bool WaitForSamples(size_t count) const;
+    // Until it has the end, or has answered S_FALSE to a sample.
+    bool WaitForRest() const;
+    // From then on, at every end of a flush.
+    void ForgetAtFlush() { m_forgetsAtFlush = true; }
 
 private:
     class Pin;
@@ -127,6 +132,8 @@ private:
     size_t m_segments = 0;
     size_t m_flushes = 0;
     size_t m_ends = 0;
+    size_t m_refusals = 0;
+    std::atomic<bool> m_forgetsAtFlush{false};
 };
 
 // source → splitter → sinks, in a graph without a clock, unless the test gives it one.

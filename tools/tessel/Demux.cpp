@@ -201,7 +201,8 @@ private:
             }
         }
         for (const auto& [id, streams] : services) {
-            size_t splitter = 0;
+            // A part begins where a picture of the service begins.
+            size_t splitter = m_request.span.IsWhole() ? 0 : used.size();
             while (splitter < used.size() &&
                    used[splitter] + std::min(streams.size(), kPinsOfSplitter) > kPinsOfSplitter)
                 ++splitter;

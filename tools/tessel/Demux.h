@@ -7,6 +7,7 @@
 
 #include "core/TsFilterBase.h"
 #include "tools/tessel/ServiceFinder.h"
+#include "tools/tessel/TimeRange.h"
 
 namespace tessel::tool {
 
@@ -23,12 +24,13 @@ std::vector<PidRequest> ParsePidRequests(const std::vector<std::string>& texts);
 StreamingMode ParseMode(const std::string& text);
 
 struct DemuxRequest {
-    StreamingMode mode = StreamingMode::kRecording;
-    std::optional<std::string> service;    // id or name; none for all
-    std::optional<std::string> audio;      // language
-    std::vector<PidRequest> pids;          // none for those of the services
-    std::optional<std::string> directory;  // none: nothing is written
+    StreamingMode mode = StreamingMode::kRecording;  // kFile: played by the file source where it opens the file
+    std::optional<std::string> service;              // id or name; none for all
+    std::optional<std::string> audio;                // language
+    std::vector<PidRequest> pids;                    // none for those of the services
+    std::optional<std::string> directory;            // none: nothing is written
     bool timestamps = false;
+    TimeSpan span;  // of a file that the file source plays
 
     bool Wants(const ServiceInfo& service) const;
 };

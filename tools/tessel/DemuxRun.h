@@ -16,10 +16,12 @@ struct StreamResult {
 };
 
 struct DemuxResult {
-    StreamingMode mode = StreamingMode::kRecording;
+    StreamingMode mode = StreamingMode::kFile;
     int64_t bytes = 0;
     int64_t errors = 0;  // reported by pins
     bool interrupted = false;
+    bool aborted = false;   // the file source ended before the file did
+    std::string whyPushed;  // a file that the file source does not open
     std::vector<StreamResult> streams;
 };
 

@@ -46,6 +46,8 @@ const char* ModeText(StreamingMode mode) {
         return "live";
     case StreamingMode::kStream:
         return "strm";
+    case StreamingMode::kFile:
+        return "file";
     default:
         return "rec";
     }
@@ -86,6 +88,8 @@ std::string DemuxAsJson(const DemuxResult& result) {
                        {"bytes", result.bytes},
                        {"errors", result.errors},
                        {"interrupted", result.interrupted},
+                       {"aborted", result.aborted},
+                       {"why_pushed", result.whyPushed.empty() ? Json(nullptr) : Json(result.whyPushed)},
                        {"streams", std::move(streams)}};
     return json.dump(2) + "\n";
 }
@@ -104,6 +108,8 @@ std::string DemuxAsText(const DemuxResult& result) {
     text += std::to_string(result.bytes) + " bytes read";
     if (result.errors != 0)
         text += ", " + std::to_string(result.errors) + " errors";
+    if (!result.whyPushed.empty())
+        text += ", pushed and not played: " + result.whyPushed;
     return text + (result.interrupted ? ", interrupted\n" : "\n");
 }
 

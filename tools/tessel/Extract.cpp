@@ -4,6 +4,7 @@
 #include <charconv>
 
 #include "tools/tessel/Failure.h"
+#include "tools/tessel/ServiceFinder.h"
 #include "tools/tessel/StreamReader.h"
 
 namespace tessel::tool {
@@ -64,6 +65,25 @@ std::vector<uint32_t> ParsePidList(const std::string& text) {
         start = comma + 1;
     }
     return pids;
+}
+
+void ReadOnlyPart(InputFile& input, const std::vector<uint32_t>& pids, const TimeSpan& span) {
+    Feed feed(input);
+    PacketMeter meter;
+    const FoundServices found = FindServices(feed, meter, [](const ServiceInfo&) { return true; });
+    if (!meter.FoundPackets())
+        throw Failure(NoStreamText(input));
+    std::optional<TimingStream> stream;
+    for (const ServiceInfo& service : found.services) {
+        const bool has = std::any_of(pids.begin(), pids.end(), [&](uint32_t pid) {
+            return service.pmtPid == pid || std::any_of(service.components.begin(), service.components.end(),
+                                                        [&](const auto& component) { return component.pid == pid; });
+        });
+        if (has && !stream)
+            stream = FindTimingStream(found.services, service.id);
+    }
+    const ByteRange range = FindPart(input.Name(), stream ? stream : FindTimingStream(found.services), span);
+    input.SetRange(range.begin, range.end);
 }
 
 int64_t Extract(InputFile& input, const std::vector<uint32_t>& pids, ExtractWhat what, OutputFile& output) {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/tessel/Files.h"
+#include "tools/tessel/TimeRange.h"
 
 namespace tessel::tool {
 
@@ -15,6 +16,10 @@ enum class ExtractWhat { kPackets, kSections };
 uint32_t ParsePid(const std::string& text);
 // "256", "0x100", "17,0x11": PIDs below 8192; Misuse for anything else.
 std::vector<uint32_t> ParsePidList(const std::string& text);
+
+// input gives only that part of the file from here on, by a stream of the first service that has one of the PIDs, else
+// of any. Failure when it cannot be sought in.
+void ReadOnlyPart(InputFile& input, const std::vector<uint32_t>& pids, const TimeSpan& span);
 
 // Returns the number of packets or sections written; Failure when there is no stream or nothing to write.
 int64_t Extract(InputFile& input, const std::vector<uint32_t>& pids, ExtractWhat what, OutputFile& output);

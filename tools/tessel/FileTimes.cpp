@@ -6,44 +6,15 @@
 #include <span>
 
 #include "core/TsFilterBase.h"
-#include "platform/media/Mpeg2Demultiplexer.h"
 #include "source/TsSource.h"
+#include "tools/tessel/FilePlayer.h"
+#include "tools/tessel/TimeRange.h"
 
 namespace tessel::tool {
 
 namespace {
 
 constexpr double kUnitsPerSecond = 10'000'000;
-
-// Of the kind whose files play by that stream.
-const ComponentInfo* FindClear(const std::vector<ServiceInfo>& services, const GUID& majortype) {
-    for (const ServiceInfo& service : services)
-        for (const ComponentInfo& component : service.components)
-            if (!component.scrambled && component.media != nullptr && component.media->extension != nullptr &&
-                component.media->majortype == majortype)
-                return &component;
-    return nullptr;
-}
-
-// The name as the file source takes it; none for what is no regular file, or no UTF-8.
-std::optional<std::u16string> NameOf(const std::string& path) {
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(path, error))
-        return std::nullopt;
-    try {
-        return std::filesystem::path(path).u16string();
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
-}
-
-uint32_t PcrPidOf(const std::vector<ServiceInfo>& services, const ComponentInfo& component) {
-    for (const ServiceInfo& service : services)
-        for (const ComponentInfo& other : service.components)
-            if (&other == &component)
-                return service.pcrPid.value_or(kNullPid);
-    return kNullPid;
-}
 
 // The first PCR of the PID in bytes that begin anywhere in a packet, 90 kHz.
 std::optional<int64_t> FindPcr(std::span<const uint8_t> bytes, size_t packetSize, uint32_t pid) {
@@ -57,7 +28,7 @@ std::optional<int64_t> FindPcr(std::span<const uint8_t> bytes, size_t packetSize
     for (; start + kTransportPacketSize <= bytes.size(); start += packetSize) {
         const uint8_t* const packet = bytes.data() + start;
         const TsHeader header = DecodeTsHeader(packet);
-        if (header.sync != kSyncByte || header.Pid() != pid || !header.HasAdaptationField())
+        if (header.SyncByte() != kSyncByte || header.Pid() != pid || !header.HasAdaptationField())
             continue;
         const AdaptationFieldHeader adaptation = DecodeAdaptationFieldHeader(packet);
         if (adaptation.PcrFlag() && adaptation.length >= 7)
@@ -95,34 +66,18 @@ bool ClockGoesOn(const std::string& path, size_t packetSize, uint32_t pcrPid, in
 }
 
 ComPtr<IMediaSeeking> Open(const std::u16string& name, const ComponentInfo& master) {
-    ComPtr<IBaseFilter> source;
-    if (FAILED(CreateTsSource(source.Put())))
+    const ComPtr<CTsSource> source = MakeTsSource();
+    if (!source || FAILED(source->Load(name.c_str(), nullptr)) || !MapTimingPin(source.Get(), master))
         return nullptr;
-    const auto file = source.As<IFileSourceFilter>();
-    const auto demultiplexer = source.As<IMpeg2Demultiplexer>();
-    if (!file || !demultiplexer || FAILED(file->Load(name.c_str(), nullptr)))
-        return nullptr;
-    AM_MEDIA_TYPE type;
-    type.majortype = master.media->majortype;
-    type.subtype = master.media->subtype;
-    ComPtr<IPin> pin;
-    if (FAILED(demultiplexer->CreateOutputPin(&type, u"Master", pin.Put())))
-        return nullptr;
-    const auto map = pin.As<IMPEG2PIDMap>();
-    const ULONG pid = master.pid;
-    if (!map || FAILED(map->MapPID(1, &pid, MEDIA_ELEMENTARY_STREAM)))
-        return nullptr;
-    return source.As<IMediaSeeking>();
+    return ComPtr<IMediaSeeking>(source.Get());
 }
 
 }  // namespace
 
 FileTimes ReadFileTimes(const std::string& path, int32_t packetSize, const std::vector<ServiceInfo>& services) {
-    const ComponentInfo* master = FindClear(services, MEDIATYPE_Video);
-    if (master == nullptr)
-        master = FindClear(services, MEDIATYPE_Audio);
-    const auto name = NameOf(path);
-    const ComPtr<IMediaSeeking> seeking = name && master != nullptr ? Open(*name, *master) : nullptr;
+    const auto master = FindTimingStream(services);
+    const auto name = SourceNameOf(path);
+    const ComPtr<IMediaSeeking> seeking = name && master ? Open(*name, *master->component) : nullptr;
     DWORD capabilities = 0;
     if (!seeking || FAILED(seeking->GetCapabilities(&capabilities)) || capabilities == 0)
         return {};
@@ -136,7 +91,7 @@ FileTimes ReadFileTimes(const std::string& path, int32_t packetSize, const std::
         seeking->SetPositions(&first, AM_SEEKING_AbsolutePositioning | AM_SEEKING_SeekToKeyFrame, nullptr, 0) != S_OK ||
         end <= first)
         return times;
-    if (packetSize <= 0 || !ClockGoesOn(path, static_cast<size_t>(packetSize), PcrPidOf(services, *master), end))
+    if (packetSize <= 0 || !ClockGoesOn(path, static_cast<size_t>(packetSize), master->pcrPid, end))
         return {};
     times.duration = static_cast<double>(end - first) / kUnitsPerSecond;
     std::error_code error;

@@ -5,10 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "source/StreamFile.h"
 #include "tools/tessel/Failure.h"
 #include "tools/tessel/Interrupt.h"
 
@@ -17,6 +19,9 @@ namespace tessel::tool {
 namespace {
 
 constexpr size_t kReadSize = 256 * 1024;
+// Milliseconds after which the end of a growing file is looked at again.
+constexpr int64_t kGrowthPoll = 50;
+constexpr std::chrono::milliseconds kGrowthPatience{500};
 
 std::string Reason() {
     return std::strerror(errno);
@@ -68,10 +73,14 @@ std::span<const uint8_t> InputFile::Read() {
 }
 
 size_t InputFile::Read(std::span<uint8_t> buffer) {
+    if (m_growing)
+        return ReadGrowing(buffer);
+    buffer = buffer.first(static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(buffer.size()), m_left)));
     while (WaitForInput(m_descriptor)) {
         const ssize_t count = read(m_descriptor, buffer.data(), buffer.size());
         if (count >= 0) {
             m_bytesRead += count;
+            m_left -= count;
             return static_cast<size_t>(count);
         }
         if (errno != EINTR && errno != EAGAIN)
@@ -80,20 +89,62 @@ size_t InputFile::Read(std::span<uint8_t> buffer) {
     return 0;
 }
 
+void InputFile::Follow(std::optional<std::chrono::milliseconds> idle) {
+    if (!CanRewind())
+        throw Failure(m_name + ": only a file can be followed; a pipe is read to its end anyhow");
+    HRESULT result = S_OK;
+    m_growing = OpenStreamFile(m_name.c_str(), GENERIC_READ, &result);
+    if (!m_growing)
+        throw Failure(m_name + ": cannot open: " + Reason() + "; check the path");
+    m_idle = idle;
+}
+
+size_t InputFile::ReadGrowing(std::span<uint8_t> buffer) {
+    m_lastGrowth = std::chrono::steady_clock::now();
+    while (!Interrupted()) {
+        ULONG count = 0;
+        const HRESULT result = m_growing->Read(buffer.data(), static_cast<ULONG>(buffer.size()), &count);
+        if (count != 0) {
+            m_bytesRead += count;
+            m_lastGrowth = std::chrono::steady_clock::now();
+            return count;
+        }
+        if (FAILED(result))
+            throw Failure(m_name + ": cannot read any further");
+        if (m_idle && std::chrono::steady_clock::now() - m_lastGrowth >= *m_idle)
+            break;
+        SleepUnlessInterrupted(kGrowthPoll);
+    }
+    return 0;
+}
+
 bool InputFile::IsReady() const {
+    struct stat status {};
+    if (m_growing)
+        return std::chrono::steady_clock::now() - m_lastGrowth > kGrowthPatience ||
+               (fstat(m_descriptor, &status) == 0 && status.st_size > m_bytesRead);
     pollfd ready{m_descriptor, POLLIN, 0};
     return poll(&ready, 1, 0) != 0;
 }
 
 void InputFile::Rewind() {
-    if (lseek(m_descriptor, m_start, SEEK_SET) < 0)
+    const bool moved = m_growing ? SUCCEEDED(m_growing->Seek(0, STREAM_SEEK_SET, nullptr))
+                                 : lseek(m_descriptor, m_start, SEEK_SET) >= 0;
+    if (!moved)
         throw Failure(m_name + ": cannot read from the beginning again: " + Reason());
     m_bytesRead = 0;
 }
 
+void InputFile::SetRange(int64_t begin, int64_t end) {
+    if (lseek(m_descriptor, begin, SEEK_SET) < 0)
+        throw Failure(m_name + ": cannot be sought in: " + Reason());
+    m_bytesRead = 0;
+    m_left = end - begin;
+}
+
 std::optional<int64_t> InputFile::Size() const {
     struct stat status {};
-    if (!CanRewind() || fstat(m_descriptor, &status) != 0)
+    if (!CanRewind() || m_growing || fstat(m_descriptor, &status) != 0)
         return std::nullopt;
     return status.st_size - m_start;
 }
@@ -157,6 +208,14 @@ void OutputFile::Close() {
         if (close(descriptor) != 0)
             throw Failure(m_name + ": cannot write: " + Reason());
     }
+}
+
+void OutputFile::Remove() {
+    struct stat status {};
+    const bool isFile =
+        m_descriptor > STDOUT_FILENO ? fstat(m_descriptor, &status) == 0 && S_ISREG(status.st_mode) : m_descriptor < 0;
+    if (isFile)
+        unlink(m_name.c_str());
 }
 
 void Print(const std::string& text) {

@@ -1,11 +1,15 @@
 // Input and output of a command: a file, or "-" for standard input and output.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
+
+#include "platform/com/ComPtr.h"
+#include "platform/com/Stream.h"
 
 namespace tessel::tool {
 
@@ -21,24 +25,35 @@ public:
     std::span<const uint8_t> Read();
     // The same into a buffer of the caller's: the number of bytes.
     size_t Read(std::span<uint8_t> buffer);
-    // Whether a read would not wait.
+    // Whether a read would not wait. Of a file that grows, also when it has not done so for a while.
     bool IsReady() const;
     int64_t BytesRead() const { return m_bytesRead; }
     // A file proper can be read from its beginning again; what a pipe has given is gone.
     bool CanRewind() const { return m_start >= 0; }
     void Rewind();
-    // Bytes from the beginning to the end; unknown of a pipe.
+    // The file may still grow: at its end a read waits for more, and gives up when none has come for idle. Failure for
+    // what is no file.
+    void Follow(std::optional<std::chrono::milliseconds> idle);
+    // From here on only these bytes of the file are read.
+    void SetRange(int64_t begin, int64_t end);
+    // Bytes from the beginning to the end; unknown of a pipe, and of a file that grows.
     std::optional<int64_t> Size() const;
     // The path, or "standard input".
     const std::string& Name() const { return m_name; }
     int Descriptor() const { return m_descriptor; }
 
 private:
+    size_t ReadGrowing(std::span<uint8_t> buffer);
+
     std::string m_name;
     int m_descriptor = -1;
+    ComPtr<IStream> m_growing;
+    std::optional<std::chrono::milliseconds> m_idle;
+    std::chrono::steady_clock::time_point m_lastGrowth;
     int64_t m_start = -1;  // where in the file we began; -1 for a pipe
     std::vector<uint8_t> m_buffer;
     int64_t m_bytesRead = 0;
+    int64_t m_left = INT64_MAX;  // of the range
 };
 
 // Throws OutputClosed when the reader of a pipe has gone.
@@ -55,6 +70,8 @@ public:
     void Write(std::span<const uint8_t> bytes);
     // Writes what is buffered and closes; what fails late fails here.
     void Close();
+    // What could not be finished goes, where it is a file.
+    void Remove();
 
 private:
     void Flush();

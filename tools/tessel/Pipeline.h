@@ -25,6 +25,7 @@ public:
 
     CFilterGraph& Graph() { return *m_graph; }
     size_t SplitterCount() const { return m_splitters.size(); }
+    const std::vector<ComPtr<IBaseFilter>>& Splitters() const { return m_splitters; }
     IBaseFilter* Splitter(size_t index) const { return m_splitters[index].Get(); }
     template <class I>
     ComPtr<I> SplitterAs(size_t index) const {

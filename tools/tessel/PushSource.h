@@ -11,8 +11,8 @@ namespace tessel::tool {
 
 class PushSource final : public CBaseFilter {
 public:
-    // As much as the buffer of a splitter takes: the fewer the handovers between threads, the less they cost.
-    static constexpr LONG kSampleSize = 768 * 1024;  // fits the input buffer beside the rest of the last one
+    // The fewer the handovers between threads, the less they cost; the more memory, too.
+    static constexpr LONG kSampleSize = 1024 * 1024;
 
     explicit PushSource(size_t pins);
 

@@ -1,10 +1,12 @@
 // The command line: `tessel COMMAND INPUT ...`.
 #include <CLI/CLI.hpp>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <new>
 
 #include "tools/tessel/Classes.h"
+#include "tools/tessel/Cut.h"
 #include "tools/tessel/DemuxRun.h"
 #include "tools/tessel/Extract.h"
 #include "tools/tessel/Failure.h"
@@ -24,8 +26,20 @@ struct InfoArguments {
     bool push = false;
 };
 
+struct SpanArguments {
+    std::string from;
+    std::string to;
+};
+
+struct FollowArguments {
+    bool follow = false;
+    double idle = 0;  // seconds; 0: not given
+};
+
 struct ExtractArguments {
     std::string input;
+    SpanArguments span;
+    FollowArguments follow;
     std::string pids;
     bool sections = false;
     std::string output;
@@ -33,14 +47,24 @@ struct ExtractArguments {
 
 struct DemuxArguments {
     std::string input;
+    SpanArguments span;
+    FollowArguments follow;
     std::string directory;
     bool discard = false;
-    std::string mode = "rec";
+    bool push = false;
+    std::string mode;
     std::string service;
     std::string audio;
     std::vector<std::string> pids;
     bool timestamps = false;
     bool json = false;
+};
+
+struct CutArguments {
+    std::string input;
+    SpanArguments span;
+    std::string service;
+    std::string output;
 };
 
 struct FramesArguments {
@@ -74,9 +98,39 @@ void RunInfo(const InfoArguments& arguments) {
     Print(arguments.json ? InfoAsJson(info, arguments.pids) : InfoAsText(info, arguments.pids));
 }
 
+// Only a file can be sought in.
+TimeSpan ParseSpan(const SpanArguments& arguments, const std::string& input) {
+    const TimeSpan span = ParseTimeSpan(arguments.from, arguments.to);
+    if (!span.IsWhole() && input == "-")
+        throw Misuse("--from and --to need a file; standard input cannot be sought in");
+    return span;
+}
+
+// What grows is read as it comes.
+void CheckFollow(const FollowArguments& arguments, const TimeSpan& span) {
+    if (arguments.follow && !span.IsWhole())
+        throw Misuse("--from and --to are for a file that is complete; leave out --follow");
+    if (!arguments.follow && arguments.idle > 0)
+        throw Misuse("--idle says when --follow ends; add --follow");
+}
+
+void Follow(InputFile& input, const FollowArguments& arguments) {
+    if (!arguments.follow)
+        return;
+    const auto idle = std::chrono::milliseconds(std::llround(arguments.idle * 1000));
+    input.Follow(arguments.idle > 0 ? std::optional(idle) : std::nullopt);
+}
+
 void RunExtract(const ExtractArguments& arguments) {
     const std::vector<uint32_t> pids = ParsePidList(arguments.pids);
+    const TimeSpan span = ParseSpan(arguments.span, arguments.input);
+    CheckFollow(arguments.follow, span);
     InputFile input(arguments.input);
+    if (arguments.follow.follow)
+        CatchInterrupts();
+    Follow(input, arguments.follow);
+    if (!span.IsWhole())
+        ReadOnlyPart(input, pids, span);
     OutputFile output(arguments.output, input);
     Extract(input, pids, arguments.sections ? ExtractWhat::kSections : ExtractWhat::kPackets, output);
 }
@@ -87,10 +141,17 @@ std::optional<std::string> Given(const std::string& text) {
 
 void RunDemux(const DemuxArguments& arguments) {
     DemuxRequest request;
-    request.mode = ParseMode(arguments.mode);
+    // A mode of the splitter asks for the splitter.
+    request.mode = !arguments.mode.empty()                                               ? ParseMode(arguments.mode)
+                   : arguments.push || arguments.follow.follow || arguments.input == "-" ? StreamingMode::kRecording
+                                                                                         : StreamingMode::kFile;
     request.service = Given(arguments.service);
     request.audio = Given(arguments.audio);
     request.pids = ParsePidRequests(arguments.pids);
+    request.span = ParseSpan(arguments.span, arguments.input);
+    CheckFollow(arguments.follow, request.span);
+    if (!request.span.IsWhole() && request.mode != StreamingMode::kFile)
+        throw Misuse("--from and --to are for a file that is played; leave out --push and --mode");
     request.directory = Given(arguments.directory);
     request.timestamps = arguments.timestamps;
     if (request.directory.has_value() == arguments.discard)
@@ -103,8 +164,21 @@ void RunDemux(const DemuxArguments& arguments) {
         throw Misuse("--audio chooses among the streams of services, and --pid names streams; add --service");
     InputFile input(arguments.input);
     CatchInterrupts();
+    Follow(input, arguments.follow);
     const DemuxResult result = Demux(input, request);
     Print(arguments.json ? DemuxAsJson(result) : DemuxAsText(result));
+    if (result.aborted)
+        throw Failure(arguments.input + ": its clock jumps, or another stream begins, before byte " +
+                      std::to_string(result.bytes) + ", where playing it ends; --push goes on beyond that");
+}
+
+void RunCut(const CutArguments& arguments) {
+    if (arguments.input == "-")
+        throw Misuse("cut needs a file; standard input cannot be sought in");
+    const TimeSpan span = ParseSpan(arguments.span, arguments.input);
+    InputFile input(arguments.input);
+    CatchInterrupts();
+    Cut(input, Given(arguments.service), span, arguments.output);
 }
 
 void RunFrames(const FramesArguments& arguments) {
@@ -150,12 +224,30 @@ void AddInfo(CLI::App& app, InfoArguments& arguments) {
     info->callback([&arguments] { RunInfo(arguments); });
 }
 
+void AddSpan(CLI::App* command, SpanArguments& span) {
+    command
+        ->add_option("--from", span.from,
+                     "Begin there, or where decoding may begin before that: 90, 1:30, 0:01:30.5 behind the first "
+                     "picture")
+        ->option_text("TIME");
+    command->add_option("--to", span.to, "End there, with all that is shown by then")->option_text("TIME");
+}
+
+void AddFollow(CLI::App* command, FollowArguments& arguments) {
+    command->add_flag("--follow", arguments.follow, "The file still grows: wait for more at its end, until Ctrl-C");
+    command->add_option("--idle", arguments.idle, "End when a file that is followed has not grown for so many seconds")
+        ->option_text("SECONDS")
+        ->check(CLI::Range(0.001, 1e6));
+}
+
 void AddExtract(CLI::App& app, ExtractArguments& arguments) {
     CLI::App* extract = app.add_subcommand("extract", "Take PIDs out of a stream");
     extract->add_option("INPUT", arguments.input, kInputHelp)->required();
     extract->add_option("--pid", arguments.pids, "PIDs, in decimal or 0x hexadecimal: P[,P...]")->required();
     extract->add_flag("--sections", arguments.sections, "Complete sections, table_id to CRC, instead of packets");
     extract->add_option("-o,--output", arguments.output, "The file to write, or - for standard output")->required();
+    AddSpan(extract, arguments.span);
+    AddFollow(extract, arguments.follow);
     extract->footer(
         "Packets come out as 188 bytes. Left out are scrambled and damaged ones, and the last of the input,\n"
         "which no sync byte follows.\n\n"
@@ -174,12 +266,15 @@ void AddDemux(CLI::App& app, DemuxArguments& arguments) {
     demux->add_option("--audio", arguments.audio, "Audio in this language alone: a code as `tessel info` shows it");
     demux->add_option("--pid", arguments.pids,
                       "These PIDs: P[:es|packets|sections][,...]; with --service, besides its streams");
+    demux->add_flag("--push", arguments.push, "Read a file as a pipe is read, not by the file source");
     demux->add_option(
         "--mode", arguments.mode,
-        "rec: outputs wait for room; strm: as rec, with the checks of a running clock; live: at the speed "
-        "of the stream's own clock, and what is late is dropped");
+        "How what is pushed goes out; rec: outputs wait for room; strm: as rec, with the checks of a running clock; "
+        "live: at the speed of the stream's own clock, and what is late is dropped");
     demux->add_flag("--timestamps", arguments.timestamps,
                     "Beside each elementary stream a CSV file: byte offset, time in 100 ns, flags");
+    AddSpan(demux, arguments.span);
+    AddFollow(demux, arguments.follow);
     demux->add_flag("--json", arguments.json, "The summary for programs");
     demux->footer(
         "Files are SERVICE-PID.EXT: m2v, m1v, h264, m4v, mp2, mpa, ac3, aac, sub, ts for packets, psi for sections.\n"
@@ -191,6 +286,21 @@ void AddDemux(CLI::App& app, DemuxArguments& arguments) {
         "  tessel demux recording.ts --pid 256,0x11:sections -o streams\n"
         "  cat recording.ts | tessel demux - --discard --json");
     demux->callback([&arguments] { RunDemux(arguments); });
+}
+
+void AddCut(CLI::App& app, CutArguments& arguments) {
+    CLI::App* cut = app.add_subcommand("cut", "Take a part of one service out of a file, to be played by itself");
+    cut->add_option("INPUT", arguments.input, "A transport stream in a file")->required();
+    AddSpan(cut, arguments.span);
+    cut->add_option("--service", arguments.service, "Its id or its name; the first that has a program map if left out");
+    cut->add_option("-o,--output", arguments.output, "The file to write, or - for standard output")->required();
+    cut->footer(
+        "The part holds the packets of the service's program map and streams as they are, each stream from its first\n"
+        "whole PES packet to its last, and a PAT that names this service alone. Scrambled packets are left out.\n\n"
+        "Examples:\n"
+        "  tessel cut recording.ts --from 1:30 --to 2:00 -o part.ts\n"
+        "  tessel cut recording.ts --from 0:20:15 --service 101 -o rest.ts");
+    cut->callback([&arguments] { RunCut(arguments); });
 }
 
 void AddFrames(CLI::App& app, FramesArguments& arguments) {
@@ -271,6 +381,8 @@ int Run(int argc, char** argv) {
     AddExtract(app, extract);
     DemuxArguments demux;
     AddDemux(app, demux);
+    CutArguments cut;
+    AddCut(app, cut);
     FramesArguments frames;
     AddFrames(app, frames);
     WatchArguments watch;

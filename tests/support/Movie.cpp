@@ -1,0 +1,134 @@
+#include "tests/support/Movie.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace tessel {
+
+using build::Bytes;
+
+const GUID& TypeOf(Coding coding) {
+    return coding == Coding::kMpeg2   ? MEDIASUBTYPE_MPEG2_VIDEO
+           : coding == Coding::kMpeg4 ? MEDIASUBTYPE_MPEG4_VIDEO
+                                      : MEDIASUBTYPE_AVC_VIDEO;
+}
+
+Movie::Movie(const MovieOptions& options) : m_options(options), m_time(options.start) {
+    Tables(1);
+}
+
+Movie& Movie::Tables(uint16_t transportStreamId) {
+    stream.Pcr(kPcrPid, m_time * 300);
+    Table(0, build::Pat(transportStreamId, {{1, kPmtPid}}));
+    build::PmtFields fields{.program = 1, .pcrPid = kPcrPid};
+    const bool avc = m_options.coding != Coding::kMpeg2 && m_options.coding != Coding::kMpeg4;
+    const uint8_t type = m_options.coding == Coding::kMpeg2 ? 0x02 : avc ? 0x1B : 0x10;
+    if (m_options.video)
+        fields.streams.push_back({type, kVideoPid});
+    fields.streams.push_back({0x03, kAudioPid});
+    Table(kPmtPid, build::Pmt(fields));
+    if (m_options.named)
+        Table(0x11, build::Sdt({.transportStreamId = transportStreamId, .services = {{1}}}));
+    return *this;
+}
+
+Movie& Movie::Frames(size_t count) {
+    for (; count > 0; --count, ++m_frames, m_time += kFrame) {
+        if (m_time >= kWrap && wrap == 0)
+            wrap = stream.bytes().size();
+        stream.Pcr(kPcrPid, m_time % kWrap * 300);
+        const int64_t pts = (m_time + m_lead + kWrap) % kWrap;
+        if (m_frames % m_options.gop == 0 && m_options.video)
+            points.push_back({stream.bytes().size(), Now(), video.size(), audio.size()});
+        if (m_options.video)
+            Add(kVideoPid, 0xE0, Picture(m_frames % m_options.gop), pts, video);
+        if (!m_options.video)
+            points.push_back({stream.bytes().size(), Now(), video.size(), audio.size()});
+        Bytes frame = Filler(576);
+        const uint8_t header[] = {0xFF, 0xFD, 0xA4, 0x00};  // layer II, 192 kbit/s, 48 kHz
+        std::copy(std::begin(header), std::end(header), frame.begin());
+        Add(kAudioPid, 0xC0, frame, pts, audio);
+    }
+    return *this;
+}
+
+Movie& Movie::Padding() {
+    for (int i = 0; i < 5; ++i)
+        stream.Null();
+    return *this;
+}
+
+void Movie::Table(uint16_t pid, const Bytes& section) {
+    stream.Section(pid, section);
+    stream.Section(pid, build::ShortSection(0xFE, {}));
+}
+
+void Movie::Add(uint16_t pid, uint8_t id, const Bytes& data, int64_t pts, Bytes& all) {
+    all.insert(all.end(), data.begin(), data.end());
+    stream.Pes(pid, id, data, {.pts = pts, .unbounded = id == 0xE0});
+}
+
+// Nothing in it looks like a start code or a sync word.
+Bytes Movie::Filler(size_t size) {
+    Bytes bytes(size);
+    for (uint8_t& byte : bytes)
+        byte = static_cast<uint8_t>(2 + m_filler++ % 65);
+    return bytes;
+}
+
+// Some bytes before the headers move them over the packets' edges.
+Bytes Movie::Picture(size_t inGroup) {
+    const bool key = inGroup == 0;
+    const auto reference = static_cast<uint8_t>(key ? m_options.firstReference : inGroup);
+    const auto mpeg2 = [&] {
+        const Bytes picture = {0,
+                               0,
+                               1,
+                               0,
+                               static_cast<uint8_t>(reference >> 2),
+                               static_cast<uint8_t>(reference << 6 | 8),
+                               0xFF,
+                               0xF8,
+                               0,
+                               0,
+                               1,
+                               0xB5,
+                               0x8F,
+                               0xFF,
+                               0xF3,
+                               0x40,
+                               0x80,
+                               0x80};
+        const Bytes sequence = {0,    0, 1, 0xB3, 0x2D, 0x02, 0x40, 0x23, 0xFF, 0xFF, 0xE0,
+                                0x18, 0, 0, 1,    0xB5, 0x14, 0x8A, 0x00, 0x01, 0x00, 0x00};
+        return key ? build::Join({sequence, picture}) : picture;
+    };
+    Bytes headers;
+    switch (m_options.coding) {
+    case Coding::kMpeg2:
+        headers = mpeg2();
+        break;
+    case Coding::kMpeg4:
+        headers = {0, 0, 1, 0xB6, static_cast<uint8_t>(key ? 0x10 : 0x50)};
+        break;
+    case Coding::kAvcParameters:
+        headers = key ? Bytes{0, 0, 1, 9, 0x10, 0, 0, 0, 1, 0x67, 0x42, 0, 0, 1, 0x65, 0x88}
+                      : Bytes{0, 0, 1, 9, 0x30, 0, 0, 0, 1, 0x41, 0x9A, 0, 0, 1, 0x67, 0x42};
+        break;
+    case Coding::kAvcIdr:
+        headers = key ? Bytes{0, 0, 1, 0x65, 0x88} : Bytes{0, 0, 1, 0x01, 0x9A, 0, 0, 1, 0x65};
+        break;
+    case Coding::kAvcRecovery:
+        // Another message, of 260 bytes, comes before it.
+        headers = {0, 0, 1, 6, 5, 0xFF, 5};
+        headers.resize(headers.size() + 260, 0x55);
+        headers = build::Join({headers, {static_cast<uint8_t>(key ? 6 : 1), 1, 0x84, 0x80, 0, 0, 1, 0x41, 0x9A}});
+        break;
+    case Coding::kOther:
+        break;
+    }
+    const size_t size = m_options.pictureSize * (1 + m_frames / 100 % m_options.sizes);
+    return build::Join({Filler(inGroup == 0 ? (m_frames * 7) % 200 : 0), headers, Filler(size)});
+}
+
+}  // namespace tessel

@@ -29,7 +29,10 @@ void CTableEventThread::Start() {
     if (m_thread)
         return;
     m_queue = std::make_shared<CMessageQueue>();
-    m_thread = CThread::Create(kStackSize, [shared = m_shared, queue = m_queue] { return Run(*shared, *queue); });
+    m_thread = CThread::Create(kStackSize, [shared = m_shared, queue = m_queue] {
+        NameThread("ts-events");
+        return Run(*shared, *queue);
+    });
 }
 
 void CTableEventThread::Stop() {

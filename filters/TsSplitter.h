@@ -51,7 +51,7 @@ public:
     HRESULT UnadviseEvents(uint32_t cookie) override { return m_events.Sinks().Unadvise(cookie); }
 
     // IRALThreadExecutor: the worker
-    HRESULT OnThreadStart() override { return S_OK; }
+    HRESULT OnThreadStart() override { return NameThread("ts-parser"), S_OK; }
     HRESULT OnThreadEnd() override { return S_OK; }
     uint32_t DoOneThreadTask() override;
 

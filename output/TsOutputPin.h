@@ -119,7 +119,7 @@ public:
     void NotifyClockChange(const PcrClock& clock, int32_t immediate) override;
 
     // IRALThreadExecutor
-    HRESULT OnThreadStart() override { return S_OK; }
+    HRESULT OnThreadStart() override { return NameThread("ts-pin"), S_OK; }
     HRESULT OnThreadEnd() override { return S_OK; }
     uint32_t DoOneThreadTask() override;
 

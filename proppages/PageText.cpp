@@ -134,4 +134,23 @@ std::u16string ProgramMapText(uint32_t serviceId, IDvbService* service) {
     return u"PMT of Service(id=" + Hex4(serviceId) + u", " + ServiceText(service) + (scrambled ? u", CA!)" : u")");
 }
 
+std::map<ULONG, std::u16string> PidTexts(const Filter& filter) {
+    std::map<ULONG, std::u16string> texts;
+    for (const auto& service : filter.Services()) {
+        const uint32_t id = ValueOf(*service, &IDvbService::GetServiceId);
+        if (const uint32_t pid = ParamOf(service.Get(), param::kPmtPid); pid != 0)
+            texts.try_emplace(pid, ProgramMapText(id, service.Get()));
+        const auto table = filter.ProgramMap(id);
+        if (!table)
+            continue;
+        ComPtr<IDvbCollection> components;
+        table->GetComponents(components.Put());
+        for (const auto& component : ItemsOf<IDvbComponentEx>(components.Get()))
+            texts.try_emplace(ValueOf<IDvbComponent>(*component, &IDvbComponent::GetPid), ComponentText(*component));
+        if (const uint32_t pid = ValueOf(*table, &IDvbProgramMapTable::GetPcrPid); pid != kNullPid)
+            texts.try_emplace(pid, kPcrText);
+    }
+    return texts;
+}
+
 }  // namespace tessel::page

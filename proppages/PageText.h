@@ -1,6 +1,7 @@
 // What the pages say of PIDs, components and services.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,6 +11,8 @@
 #include "services/objects/TableInterfaces.h"
 
 namespace tessel::page {
+
+struct Filter;
 
 // Four hexadecimal digits, or more where the value has more.
 std::u16string Hex4(uint32_t value);
@@ -34,6 +37,9 @@ std::u16string ServiceText(IDvbService* service);
 std::u16string ServiceTitle(IDvbService& service);
 // "PMT of Service(id=0001, TYPE, 'PROVIDER', 'NAME')"
 std::u16string ProgramMapText(uint32_t serviceId, IDvbService* service);
+
+// What the tables say of PIDs: tables, clocks and components of the services.
+std::map<ULONG, std::u16string> PidTexts(const Filter& filter);
 
 inline constexpr std::u16string_view kPcrText = u"Program Clock Reference";
 

@@ -132,7 +132,7 @@ void CPropPagePIDmapping::FillPids() {
     const auto pin = FindPin(m_pin);
     m_pids = pin ? pin->Mapped() : std::set<uint32_t>();
     ShowContent();
-    const auto texts = PidTexts();
+    const auto texts = PidTexts(m_filter);
     Dialog().ClearRows(kMappedPids);
     for (const uint32_t pid : m_pids) {
         const auto text = texts.find(pid);
@@ -174,25 +174,6 @@ void CPropPagePIDmapping::FillFreePids(MEDIA_SAMPLE_CONTENT content, const std::
         else if (m_filter.HasPackets(pid))
             add(pid, {});
     }
-}
-
-std::map<ULONG, std::u16string> CPropPagePIDmapping::PidTexts() {
-    std::map<ULONG, std::u16string> texts;
-    for (const auto& service : m_filter.Services()) {
-        const uint32_t id = ValueOf(*service, &IDvbService::GetServiceId);
-        if (const uint32_t pid = ParamOf(service.Get(), param::kPmtPid); pid != 0)
-            texts.try_emplace(pid, ProgramMapText(id, service.Get()));
-        const auto table = m_filter.ProgramMap(id);
-        if (!table)
-            continue;
-        ComPtr<IDvbCollection> components;
-        table->GetComponents(components.Put());
-        for (const auto& component : ItemsOf<IDvbComponentEx>(components.Get()))
-            texts.try_emplace(ValueOf<IDvbComponent>(*component, &IDvbComponent::GetPid), ComponentText(*component));
-        if (const uint32_t pid = ValueOf(*table, &IDvbProgramMapTable::GetPcrPid); pid != kNullPid)
-            texts.try_emplace(pid, kPcrText);
-    }
-    return texts;
 }
 
 std::optional<std::vector<ULONG>> CPropPagePIDmapping::PidsToMap() {

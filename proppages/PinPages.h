@@ -32,8 +32,6 @@ private:
     void FillPids();
     void FillFreePids(MEDIA_SAMPLE_CONTENT content, const std::map<ULONG, std::u16string>& texts);
     void ShowContent();
-    // What the tables say of PIDs.
-    std::map<ULONG, std::u16string> PidTexts();
     // None after the user was told why.
     std::optional<std::vector<ULONG>> PidsToMap();
     std::optional<page::OutputPin> PinToMapOn(bool* created);

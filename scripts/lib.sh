@@ -25,8 +25,17 @@ need() {
         >/dev/null
 }
 
-build_packages=(cmake g++ ninja-build libcli11-dev nlohmann-json3-dev)
+build_packages=(cmake g++ ninja-build pkg-config libcli11-dev nlohmann-json3-dev libcpp-httplib-dev)
 test_packages=(libgtest-dev libgmock-dev libbenchmark-dev clang clang-format libclang-rt-14-dev ccache ffmpeg python3)
+
+# The browser of the tests, and what drives it; the versions are in package-lock.json.
+need_browser() {
+    need chromium
+    command -v node >/dev/null || need nodejs
+    command -v npm >/dev/null || need npm
+    [ tests/browser/node_modules/.package-lock.json -nt tests/browser/package-lock.json ] && return
+    npm ci --prefix tests/browser --no-audit --no-fund --silent >&2
+}
 
 # configure PRESET [cmake argument...]; quiet unless it fails.
 configure() {

@@ -63,6 +63,15 @@ void Sleep(uint32_t milliseconds) {
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
+void NameThread(const char* name) {
+    pthread_setname_np(pthread_self(), name);
+}
+
+void YieldToOthers() {
+    setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()),
+                std::min(getpriority(PRIO_PROCESS, 0) + NiceStep(THREAD_PRIORITY_LOWEST), 19));
+}
+
 // With the mutex held.
 void CThread::State::ApplyPriority() {
     if (id == 0)

@@ -25,6 +25,12 @@ inline constexpr int32_t THREAD_PRIORITY_TIME_CRITICAL = 15;
 // Sleeps for at least so long.
 void Sleep(uint32_t milliseconds);
 
+// What the system's tools call the calling thread; at most 15 characters.
+void NameThread(const char* name);
+
+// Work of the calling thread, and of threads that it makes, that may wait when the processors are busy.
+void YieldToOthers();
+
 class CThread {
 public:
     // Returns the exit code and throws nothing. What it holds is released before the thread counts as ended.

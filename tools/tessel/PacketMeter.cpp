@@ -9,15 +9,12 @@
 
 namespace tessel::tool {
 
-namespace {
-
-int64_t ReadPcr(ByteReader field) {
+int64_t ReadPcr(std::span<const uint8_t> bytes) {
+    ByteReader field(bytes);
     const int64_t high = field.U32();
     const int64_t low = field.U16();
     return (high << 1 | low >> 15) * 300 + (low & 0x1FF);
 }
-
-}  // namespace
 
 PacketMeter::PacketMeter() : m_pids(kPidCount) {
     if (FAILED(m_parser.CreateBuffer()))
@@ -70,7 +67,7 @@ void PacketMeter::Note(const uint8_t* packet) {
             counts.hasPcr = true;
             if (m_pcrPid.value_or(header.Pid()) == header.Pid()) {
                 m_pcrPid = header.Pid();
-                m_lastPcr = {ReadPcr(ByteReader({packet + 6, 6})), m_parser.StreamPosition()};
+                m_lastPcr = {ReadPcr({packet + 6, 6}), m_parser.StreamPosition()};
             }
         }
     }

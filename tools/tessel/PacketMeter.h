@@ -11,6 +11,9 @@
 
 namespace tessel::tool {
 
+// program_clock_reference, ISO/IEC 13818-1 clause 2.4.3.4, in 27 MHz.
+int64_t ReadPcr(std::span<const uint8_t> bytes);
+
 struct PidCounts {
     int64_t packets = 0;      // clear ones
     int64_t payload = 0;      // bytes of elementary stream, without PES headers and repeated packets

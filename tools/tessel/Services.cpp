@@ -130,6 +130,23 @@ ServiceInfo DescribeService(IDvbService* service, ITableDecoder& tables, bool na
     return info;
 }
 
+const char* TableName(uint32_t tableId) {
+    switch (tableId) {
+    case kProgramAssociationTable:
+        return "PAT";
+    case kProgramMapTable:
+        return "PMT";
+    case kServiceDescriptionTable:
+        return "SDT";
+    case kMasterGuideTable:
+        return "MGT";
+    case kVirtualChannelTable:
+        return "VCT";
+    default:
+        return "any";
+    }
+}
+
 bool HasTable(ITableDecoder& tables, uint32_t tableId) {
     ComPtr<IDvbCollection> list;
     uint32_t count = 0;

@@ -61,6 +61,8 @@ ServiceInfo DescribeService(IDvbService* service, ITableDecoder& tables, bool na
 // Bytes in which all tables ought to have come.
 inline constexpr int64_t kByteLimit = 10'000'000;
 
+// "PAT"; "any" for what is no table that is decoded.
+const char* TableName(uint32_t tableId);
 bool HasTable(ITableDecoder& tables, uint32_t tableId);
 // No table that would add names or channel numbers to a complete list is still on its way.
 bool NoNamesToCome(ITableDecoder& tables, const std::function<bool(uint32_t pid)>& isPresent);

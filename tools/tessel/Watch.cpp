@@ -6,7 +6,6 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "tables/TableFactory.h"
 #include "tools/tessel/Failure.h"
 #include "tools/tessel/PacketMeter.h"
 #include "tools/tessel/Pipeline.h"
@@ -19,23 +18,6 @@ namespace tessel::tool {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-const char* TableName(uint32_t tableId) {
-    switch (tableId) {
-    case kProgramAssociationTable:
-        return "PAT";
-    case kProgramMapTable:
-        return "PMT";
-    case kServiceDescriptionTable:
-        return "SDT";
-    case kMasterGuideTable:
-        return "MGT";
-    case kVirtualChannelTable:
-        return "VCT";
-    default:
-        return "any";
-    }
-}
 
 std::string Shown(const Json& value) {
     if (value.is_null())

@@ -14,6 +14,7 @@
 #include "tools/tessel/Info.h"
 #include "tools/tessel/Interrupt.h"
 #include "tools/tessel/Watch.h"
+#include "tools/tessel/inspect/Inspect.h"
 
 namespace tessel::tool {
 namespace {
@@ -75,6 +76,13 @@ struct FramesArguments {
 struct WatchArguments {
     std::string input;
     bool json = false;
+};
+
+struct InspectArguments {
+    std::string input;
+    std::string listen = "127.0.0.1:8210";
+    bool open = false;
+    bool loop = false;
 };
 
 struct ModuleArguments {
@@ -184,6 +192,15 @@ void RunWatch(const WatchArguments& arguments) {
     InputFile input(arguments.input);
     CatchInterrupts();
     Watch(input, arguments.json ? WatchFormat::kJson : WatchFormat::kText);
+}
+
+void RunInspect(const InspectArguments& arguments) {
+    const InspectRequest request{ParseListenAddress(arguments.listen), arguments.open, arguments.loop};
+    auto input = std::make_unique<InputFile>(arguments.input);
+    if (request.loop && !input->CanRewind())
+        throw Misuse("--loop plays a file again and again; what a pipe has given is gone");
+    CatchInterrupts();
+    Inspect(std::move(input), request);
 }
 
 void RunClasses(const ModuleArguments& arguments) {
@@ -311,6 +328,24 @@ void AddWatch(CLI::App& app, WatchArguments& arguments) {
     watch->callback([&arguments] { RunWatch(arguments); });
 }
 
+void AddInspect(CLI::App& app, InspectArguments& arguments) {
+    CLI::App* inspect = app.add_subcommand("inspect", "Show a playing stream in a browser, and map PIDs");
+    inspect->add_option("INPUT", arguments.input, kInputHelp)->required();
+    inspect
+        ->add_option("--listen", arguments.listen,
+                     "Where browsers find it; of this machine alone unless told otherwise; port 0: any that is free")
+        ->option_text("ADDRESS:PORT [" + arguments.listen + "]");
+    inspect->add_flag("--open", arguments.open, "Open the browser");
+    inspect->add_flag("--loop", arguments.loop, "Play a file again and again");
+    inspect->footer(
+        "A file plays at the speed of its clock, and plays on when it grows; a pipe at the speed at which it comes.\n"
+        "The pages stay when the input has ended. Ctrl-C ends it.\n\n"
+        "Examples:\n"
+        "  tessel inspect recording.ts --open\n"
+        "  cat recording.ts | tessel inspect - --listen 127.0.0.1:0");
+    inspect->callback([&arguments] { RunInspect(arguments); });
+}
+
 void AddModule(CLI::App& app, ModuleArguments& arguments) {
     app.add_option("--registry", arguments.registry,
                    "The file that classes are registered in (tessel/registry in the user's data folder)")
@@ -352,6 +387,8 @@ int Run(int argc, char** argv) {
     AddFrames(app, frames);
     WatchArguments watch;
     AddWatch(app, watch);
+    InspectArguments inspect;
+    AddInspect(app, inspect);
     ModuleArguments module;
     AddModule(app, module);
     const auto named = [&](CLI::App* command) { return command->check_name(argv[1]); };

@@ -7,6 +7,7 @@
 namespace tessel {
 
 inline constexpr int64_t kNoTimestamp = INT64_MIN;
+inline constexpr int64_t kTimestampWrap = int64_t{1} << 33;  // time stamps have 33 bits
 
 struct PesHeader {
     int32_t size;       // bytes before the payload; may lie past what is there

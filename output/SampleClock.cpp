@@ -3,11 +3,12 @@
 #include <algorithm>
 #include <limits>
 
+#include "output/PesHeader.h"
+
 namespace tessel {
 
 namespace {
 
-constexpr int64_t kWrap = int64_t{1} << 33;
 constexpr int64_t kHalfWrap = int64_t{1} << 32;
 
 __extension__ using Wide = __int128;
@@ -23,12 +24,12 @@ void CSampleClock::Start(int64_t ptsOrigin, REFERENCE_TIME timeOrigin) {
 
 int64_t CSampleClock::Unwrap(int64_t raw) {
     if (m_lastRaw - raw > kHalfWrap)
-        m_wrapOffset += kWrap;
+        m_wrapOffset += kTimestampWrap;
     if (raw - m_lastRaw < kHalfWrap) {
         m_lastRaw = raw;
         return raw + m_wrapOffset;
     }
-    return m_wrapOffset > 0 ? raw + m_wrapOffset - kWrap : raw;
+    return m_wrapOffset > 0 ? raw + m_wrapOffset - kTimestampWrap : raw;
 }
 
 REFERENCE_TIME CSampleClock::TimeOf(int64_t raw, REFERENCE_TIME streamOffset) {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "output/PesHeader.h"
+
 namespace tessel {
 
 namespace {
@@ -15,7 +17,6 @@ constexpr REFERENCE_TIME kLeastBiasStep = 10'000;
 constexpr int kMostRounds = 64;
 constexpr int kMostSlowRounds = 2;
 
-constexpr int64_t kWrap = int64_t{1} << 33;
 constexpr int64_t kHalfWrap = int64_t{1} << 32;
 
 }  // namespace
@@ -40,7 +41,7 @@ AccessRule CSeekIndex::RuleOf(const SeekMaster& master) {
 REFERENCE_TIME CSeekIndex::TimeOf(int64_t pts) const {
     // The recording has crossed the wrap of the time stamps.
     if (m_master.pcrOrigin / 300 - pts > kHalfWrap)
-        pts += kWrap;
+        pts += kTimestampWrap;
     return (pts * 3'000 - 10 * m_master.pcrOrigin) / 27 + m_master.timeOrigin;
 }
 

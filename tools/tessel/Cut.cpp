@@ -110,6 +110,9 @@ private:
 // Which PES packets have begun, so that each stream begins and ends with a whole one.
 class PesLedger {
 public:
+    // end: a stream ends in front of the first PES packet that is decoded then or later; kNoTimestamp for none.
+    explicit PesLedger(int64_t end) : m_end(end) {}
+
     // True when the packet belongs to a PES packet that has begun. more: a new one may begin.
     bool Take(const PacketView& view, bool more) {
         Stream& stream = m_streams[view.header.Pid()];
@@ -118,7 +121,8 @@ public:
             return more && stream.begun;
         if (view.header.PayloadUnitStartIndicator()) {
             SetOpen(stream, false);
-            if (!more)
+            stream.ended |= IsPastEnd(view.payload);
+            if (!more || stream.ended)
                 return false;
             stream.begun = true;
             // PES_packet_length counts what follows it; 0 of video: up to the next.
@@ -127,7 +131,7 @@ public:
             SetOpen(stream, stream.left > 0);
             return true;
         }
-        if (!more && !stream.open)
+        if ((!more || stream.ended) && !stream.open)
             return false;
         if (stream.left != INT64_MAX) {
             stream.left -= length;
@@ -144,14 +148,22 @@ private:
     struct Stream {
         bool begun = false;
         bool open = false;
+        bool ended = false;
         int64_t left = 0;
     };
 
+    bool IsPastEnd(std::span<const uint8_t> payload) const {
+        if (m_end == kNoTimestamp || payload.size() < kLeastPesHeader || !IsPesStart(payload))
+            return false;
+        const int64_t timestamp = ParsePesHeader(payload).timestamp;
+        return timestamp != kNoTimestamp && (timestamp - m_end + kTimestampWrap) % kTimestampWrap < kTimestampWrap / 2;
+    }
     void SetOpen(Stream& stream, bool open) {
         m_open += static_cast<int>(open) - static_cast<int>(stream.open);
         stream.open = open;
     }
 
+    const int64_t m_end;
     std::vector<Stream> m_streams = std::vector<Stream>(kPidCount);
     int m_open = 0;
 };
@@ -216,22 +228,24 @@ const ServiceInfo& ChooseService(const std::vector<ServiceInfo>& services, const
 class Cutter {
 public:
     Cutter(FilePackets& packets, const ServiceInfo& service, const Head& head, uint32_t transportStreamId,
-           OutputFile& output)
+           ByteRange range, OutputFile& output)
         : m_packets(packets),
           m_pmtPid(*service.pmtPid),
           m_pat(transportStreamId, service.id, m_pmtPid),
           m_map(m_pmtPid, service.id),
           m_head(head),
           m_streams(head.streams),
+          m_range(range),
+          m_pes(range.endTimestamp),
           m_output(output) {}
 
-    void Do(ByteRange range) {
+    void Do() {
         m_output.Write(m_pat.Next());
         m_output.Write(m_head.packets);
-        const bool endless = range.end == INT64_MAX;
-        m_packets.ForEach(range.begin, endless ? INT64_MAX : range.end + kTail,
+        const bool endless = m_range.end == INT64_MAX;
+        m_packets.ForEach(m_range.begin, endless ? INT64_MAX : m_range.end + kTail,
                           [&](const PacketView& view, int64_t position) {
-                              const bool more = endless || position < range.end - kLookAheadBytes;
+                              const bool more = endless || position < m_range.end - kLookAheadBytes;
                               if (!more && !m_pes.AnyOpen())
                                   return false;
                               Take(view, more);
@@ -269,6 +283,7 @@ private:
     const Head& m_head;
     ProgramMapLog::Pids m_streams;
     size_t m_mapPackets = 0;
+    const ByteRange m_range;
     PesLedger m_pes;
     OutputFile& m_output;
 };
@@ -300,7 +315,7 @@ void Cut(InputFile& input, const std::optional<std::string>& service, const Time
     const Head head = FindHead(packets, *chosen.pmtPid, chosen.id, range);
     OutputFile file(output, input);
     try {
-        Cutter(packets, chosen, head, transportStreamId, file).Do(range);
+        Cutter(packets, chosen, head, transportStreamId, range, file).Do();
     } catch (...) {
         file.Remove();
         throw;

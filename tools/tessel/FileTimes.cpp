@@ -6,6 +6,7 @@
 #include <span>
 
 #include "core/TsFilterBase.h"
+#include "output/PesHeader.h"
 #include "source/TsSource.h"
 #include "tools/tessel/FilePlayer.h"
 #include "tools/tessel/TimeRange.h"
@@ -42,7 +43,6 @@ std::optional<int64_t> FindPcr(std::span<const uint8_t> bytes, size_t packetSize
 bool ClockGoesOn(const std::string& path, size_t packetSize, uint32_t pcrPid, int64_t end) {
     constexpr int kPlaces = 32;
     constexpr size_t kPlaceSize = 128 * 1024;
-    constexpr int64_t kWrap = int64_t{1} << 33;
     constexpr int64_t kSlack = 2 * 90'000;  // what is shown later than it comes, or comes behind the last picture
     std::error_code error;
     const auto size = static_cast<int64_t>(std::filesystem::file_size(path, error));
@@ -59,7 +59,7 @@ bool ClockGoesOn(const std::string& path, size_t packetSize, uint32_t pcrPid, in
         if (!pcr)
             continue;
         if (last)
-            total += (*pcr - *last + kWrap) % kWrap;
+            total += (*pcr - *last + kTimestampWrap) % kTimestampWrap;
         last = pcr;
     }
     return total <= end / 1'000 * 9 + kSlack;

@@ -15,7 +15,7 @@ constexpr int64_t kSecond = 10'000'000;
 constexpr int64_t kMostHours = 100'000;
 constexpr OLECHAR kTimingPin[] = u"Timing";
 constexpr DWORD kToKeyFrame = AM_SEEKING_AbsolutePositioning | AM_SEEKING_SeekToKeyFrame;
-constexpr int64_t kPcrWrap = (int64_t{1} << 33) * 300;
+constexpr int64_t kPcrWrap = kTimestampWrap * 300;
 
 class TimeReader {
 public:
@@ -101,17 +101,18 @@ std::optional<int64_t> PcrOf(const uint8_t* packet, uint32_t pid) {
     return base * 300 + ((packet[10] & 1) << 8 | packet[11]);
 }
 
+// The clock reference at media time 0, 27 MHz.
+std::optional<int64_t> ClockOrigin(CTsSource& source, uint32_t pcrPid) {
+    CScopedLock lock(&source.Clocks().Lock());
+    const PcrClock* const clock = source.Clocks().Find(static_cast<int32_t>(pcrPid));
+    if (clock == nullptr || clock->pcrOrigin == kUnknown)
+        return std::nullopt;
+    return clock->pcrOrigin;
+}
+
 // Where the first packet with a clock reference at or behind time stands, from begin on; none up to the end.
-std::optional<int64_t> FindClockReference(CTsSource& source, const std::string& path, uint32_t pcrPid, int64_t begin,
-                                          REFERENCE_TIME time) {
-    int64_t origin = 0;
-    {
-        CScopedLock lock(&source.Clocks().Lock());
-        const PcrClock* const clock = source.Clocks().Find(static_cast<int32_t>(pcrPid));
-        if (clock == nullptr || clock->pcrOrigin == kUnknown)
-            return std::nullopt;
-        origin = clock->pcrOrigin;
-    }
+std::optional<int64_t> FindClockReference(CTsSource& source, const std::string& path, uint32_t pcrPid, int64_t origin,
+                                          int64_t begin, REFERENCE_TIME time) {
     HRESULT result = S_OK;
     const ComPtr<IStream> file = OpenStreamFile(path.c_str(), GENERIC_READ, &result);
     if (!file)
@@ -181,8 +182,13 @@ ByteRange SeekToPart(CTsSource& source, const TimingStream& stream, const TimeSp
         return source.StartPosition();
     };
     if (span.to && first + *span.to < end) {
-        const auto found = FindClockReference(source, path, stream.pcrPid, seek(*span.to), first + *span.to);
+        const auto origin = ClockOrigin(source, stream.pcrPid);
+        if (!origin)
+            throw CannotCut(path, "its clock is not known");
+        const int64_t to = first + *span.to;
+        const auto found = FindClockReference(source, path, stream.pcrPid, *origin, seek(*span.to), to);
         range.end = found ? *found + kLookAheadBytes : INT64_MAX;
+        range.endTimestamp = (*origin / 300 + to * 9 / 1000) % kTimestampWrap;
     }
     if (span.from)
         range.begin = seek(*span.from);

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "output/PesHeader.h"
 #include "source/TsSource.h"
 #include "tools/tessel/Failure.h"
 #include "tools/tessel/Services.h"
@@ -45,6 +46,8 @@ inline constexpr int64_t kLookAheadBytes = 7;
 struct ByteRange {
     int64_t begin = 0;
     int64_t end = INT64_MAX;
+    // 90 kHz; what is decoded from then on comes within the bytes all the same, for it is sent ahead.
+    int64_t endTimestamp = kNoTimestamp;
 };
 
 // Makes the source, which has opened path and is stopped, begin and end with that part. It begins where decoding may,

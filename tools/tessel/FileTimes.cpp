@@ -9,6 +9,7 @@
 #include "output/PesHeader.h"
 #include "source/TsSource.h"
 #include "tools/tessel/FilePlayer.h"
+#include "tools/tessel/PacketMeter.h"
 #include "tools/tessel/TimeRange.h"
 
 namespace tessel::tool {
@@ -28,12 +29,10 @@ std::optional<int64_t> FindPcr(std::span<const uint8_t> bytes, size_t packetSize
         ++start;
     for (; start + kTransportPacketSize <= bytes.size(); start += packetSize) {
         const uint8_t* const packet = bytes.data() + start;
-        const TsHeader header = DecodeTsHeader(packet);
-        if (header.SyncByte() != kSyncByte || header.Pid() != pid || !header.HasAdaptationField())
+        if (packet[0] != kSyncByte || DecodeTsHeader(packet).Pid() != pid)
             continue;
-        const AdaptationFieldHeader adaptation = DecodeAdaptationFieldHeader(packet);
-        if (adaptation.PcrFlag() && adaptation.length >= 7)
-            return int64_t{packet[6]} << 25 | packet[7] << 17 | packet[8] << 9 | packet[9] << 1 | packet[10] >> 7;
+        if (const auto pcr = PcrOf(packet))
+            return *pcr / 300;
     }
     return std::nullopt;
 }

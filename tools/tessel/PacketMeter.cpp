@@ -4,48 +4,20 @@
 
 #include "Classes/MultiPlatform/ByteReader.h"
 #include "output/PesHeader.h"
-#include "tools/tessel/Failure.h"
-#include "tools/tessel/StreamReader.h"
 
 namespace tessel::tool {
 
-int64_t ReadPcr(std::span<const uint8_t> bytes) {
-    ByteReader field(bytes);
+std::optional<int64_t> PcrOf(const uint8_t* packet) {
+    const TsHeader header = DecodeTsHeader(packet);
+    if (!header.HasAdaptationField() || header.TransportErrorIndicator())
+        return std::nullopt;
+    const AdaptationFieldHeader adaptation = DecodeAdaptationFieldHeader(packet);
+    if (!adaptation.PcrFlag() || adaptation.length < 7)
+        return std::nullopt;
+    ByteReader field({packet + 6, 6});
     const int64_t high = field.U32();
     const int64_t low = field.U16();
     return (high << 1 | low >> 15) * 300 + (low & 0x1FF);
-}
-
-PacketMeter::PacketMeter() : m_pids(kPidCount) {
-    if (FAILED(m_parser.CreateBuffer()))
-        throw Failure("out of memory");
-    m_parser.ResetPositions();
-}
-
-void PacketMeter::Push(std::span<const uint8_t> bytes) {
-    const uint8_t* data = bytes.data();
-    auto length = static_cast<int32_t>(bytes.size());
-    while (length > 0) {
-        // A parsed buffer holds at most one packet and its look-ahead, so there is room again.
-        if (FAILED(m_parser.AddData(&data, &length)))
-            throw Failure("out of memory");
-        Parse();
-    }
-}
-
-void PacketMeter::Finish() {
-    // As the reader of tables has it: of very few bytes the default size holds.
-    if (m_resyncPending && FAILED(m_parser.DetectPacketSize()) && m_parser.BytesReceived() > kFourPackets)
-        return;
-    m_resyncPending = false;
-    Parse();
-}
-
-void PacketMeter::Parse() {
-    if (m_resyncPending && FAILED(m_parser.DetectPacketSize()))
-        return;
-    m_resyncPending = false;
-    m_parser.ParseData(*this);
 }
 
 void PacketMeter::Note(const uint8_t* packet) {
@@ -63,11 +35,11 @@ void PacketMeter::Note(const uint8_t* packet) {
         adaptation = DecodeAdaptationFieldHeader(packet);
         if (adaptation.length > kMaxAdaptationFieldLength)
             return;
-        if (adaptation.PcrFlag() && adaptation.length >= 7) {
+        if (const auto pcr = PcrOf(packet)) {
             counts.hasPcr = true;
             if (m_pcrPid.value_or(header.Pid()) == header.Pid()) {
                 m_pcrPid = header.Pid();
-                m_lastPcr = {ReadPcr({packet + 6, 6}), m_parser.StreamPosition()};
+                m_lastPcr = {*pcr, m_feed.Position()};
             }
         }
     }

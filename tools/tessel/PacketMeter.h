@@ -7,12 +7,12 @@
 #include <span>
 #include <vector>
 
-#include "core/stream/PacketParser.h"
+#include "tools/tessel/PacketFeed.h"
 
 namespace tessel::tool {
 
-// program_clock_reference, ISO/IEC 13818-1 clause 2.4.3.4, in 27 MHz.
-int64_t ReadPcr(std::span<const uint8_t> bytes);
+// program_clock_reference, ISO/IEC 13818-1 clause 2.4.3.4, in 27 MHz; none in a packet without. packet: 188 bytes.
+std::optional<int64_t> PcrOf(const uint8_t* packet);
 
 struct PidCounts {
     int64_t packets = 0;      // clear ones
@@ -26,11 +26,11 @@ struct PidCounts {
 
 class PacketMeter {
 public:
-    PacketMeter();
+    PacketMeter() : m_pids(kPidCount) {}
 
-    void Push(std::span<const uint8_t> bytes);
-    // No more bytes come. Nothing is told of packets that no packet size was found for.
-    void Finish();
+    // See PacketFeed.
+    void Push(std::span<const uint8_t> bytes) { m_feed.Push(bytes, *this); }
+    void Finish() { m_feed.Finish(*this); }
 
     // pid: below 8192.
     const PidCounts& Of(uint32_t pid) const { return m_pids[pid]; }
@@ -49,16 +49,12 @@ private:
     ParserStep ParsePacket(const uint8_t* packet) { return Note(packet), ParserStep::kGoOn; }
     void Note(const uint8_t* packet);
     void CountPayload(PidCounts& counts, const TsHeader& header, std::span<const uint8_t> payload);
-    void Parse();
 
-    PacketParser m_parser{kCapacity};
-    bool m_resyncPending = true;
+    PacketFeed m_feed;
     bool m_foundPackets = false;
     std::optional<uint32_t> m_pcrPid;
     std::optional<Pcr> m_lastPcr;
     std::vector<PidCounts> m_pids;
-
-    static constexpr int32_t kCapacity = 65'536;
 };
 
 }  // namespace tessel::tool

@@ -6,6 +6,7 @@
 #include "source/PacketReader.h"
 #include "source/StreamFile.h"
 #include "tools/tessel/FilePlayer.h"
+#include "tools/tessel/PacketMeter.h"
 
 namespace tessel::tool {
 
@@ -89,18 +90,6 @@ const ComponentInfo* FindClear(const ServiceInfo& service, const GUID& majortype
     return nullptr;
 }
 
-// 27 MHz; none in a packet without.
-std::optional<int64_t> PcrOf(const uint8_t* packet, uint32_t pid) {
-    const TsHeader header = DecodeTsHeader(packet);
-    if (header.Pid() != pid || !header.HasAdaptationField() || header.TransportErrorIndicator())
-        return std::nullopt;
-    const AdaptationFieldHeader adaptation = DecodeAdaptationFieldHeader(packet);
-    if (!adaptation.PcrFlag() || adaptation.length < 7)
-        return std::nullopt;
-    const int64_t base = int64_t{packet[6]} << 25 | packet[7] << 17 | packet[8] << 9 | packet[9] << 1 | packet[10] >> 7;
-    return base * 300 + ((packet[10] & 1) << 8 | packet[11]);
-}
-
 // The clock reference at media time 0, 27 MHz.
 std::optional<int64_t> ClockOrigin(CTsSource& source, uint32_t pcrPid) {
     CScopedLock lock(&source.Clocks().Lock());
@@ -121,7 +110,7 @@ std::optional<int64_t> FindClockReference(CTsSource& source, const std::string& 
     if (!reader.MoveTo(begin))
         return std::nullopt;
     while (const uint8_t* const packet = reader.ReadPacket()) {
-        const auto pcr = PcrOf(packet, pcrPid);
+        const auto pcr = DecodeTsHeader(packet).Pid() == pcrPid ? PcrOf(packet) : std::nullopt;
         if (pcr && ((*pcr - origin) % kPcrWrap + kPcrWrap) % kPcrWrap / 27 * 10 >= time)
             return reader.Position();
     }

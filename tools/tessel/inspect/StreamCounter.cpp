@@ -1,37 +1,6 @@
 #include "tools/tessel/inspect/StreamCounter.h"
 
-#include "tools/tessel/Failure.h"
-
 namespace tessel::tool {
-
-StreamCounter::StreamCounter() : m_pids(std::make_unique<Pid[]>(kPidCount)) {
-    if (FAILED(m_parser.CreateBuffer()))
-        throw Failure("out of memory");
-    m_parser.ResetPositions();
-}
-
-void StreamCounter::Push(std::span<const uint8_t> bytes) {
-    const uint8_t* data = bytes.data();
-    auto length = static_cast<int32_t>(bytes.size());
-    while (length > 0) {
-        // A parsed buffer holds at most one packet and its look-ahead, so there is room again.
-        if (FAILED(m_parser.AddData(&data, &length)))
-            throw Failure("out of memory");
-        Parse();
-    }
-}
-
-void StreamCounter::Finish() {
-    m_resyncPending = false;
-    Parse();
-}
-
-void StreamCounter::Parse() {
-    if (m_resyncPending && FAILED(m_parser.DetectPacketSize()))
-        return;
-    m_resyncPending = false;
-    m_parser.ParseData(*this);
-}
 
 StreamCounter::Counts StreamCounter::Of(uint32_t pid) const {
     const Pid& counts = m_pids[pid];
@@ -42,7 +11,7 @@ StreamCounter::Counts StreamCounter::Of(uint32_t pid) const {
 
 void StreamCounter::Note(const uint8_t* packet) {
     const TsHeader header = DecodeTsHeader(packet);
-    if (m_parser.StreamPosition() >= m_break) {
+    if (m_feed.Position() >= m_break) {
         m_break = INT64_MAX;
         for (uint32_t pid = 0; pid < kPidCount; ++pid)
             m_pids[pid].lastCounter = -1;
@@ -60,11 +29,11 @@ void StreamCounter::Note(const uint8_t* packet) {
             return Add(m_damaged);
         if (adaptation.DiscontinuityIndicator())
             pid.lastCounter = -1;
-        if (adaptation.PcrFlag() && adaptation.length >= 7) {
+        if (const auto pcr = PcrOf(packet)) {
             pid.hasPcr.store(true, std::memory_order_relaxed);
             if (m_pcrPid.value_or(header.Pid()) == header.Pid()) {
                 m_pcrPid = header.Pid();
-                m_lastPcr = {ReadPcr({packet + 6, 6}), m_parser.StreamPosition()};
+                m_lastPcr = {*pcr, m_feed.Position()};
             }
         }
     }

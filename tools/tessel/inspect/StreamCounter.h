@@ -6,20 +6,19 @@
 #include <optional>
 #include <span>
 
-#include "core/stream/PacketParser.h"
 #include "tools/tessel/PacketMeter.h"
 
 namespace tessel::tool {
 
 class StreamCounter {
 public:
-    StreamCounter();
+    StreamCounter() : m_pids(std::make_unique<Pid[]>(kPidCount)) {}
 
     // The one thread that plays.
-    void Push(std::span<const uint8_t> bytes);
-    void Finish();
+    void Push(std::span<const uint8_t> bytes) { m_feed.Push(bytes, *this); }
+    void Finish() { m_feed.Finish(*this); }
     // What comes next does not go on from what came.
-    void Break() { m_break = m_parser.BytesReceived(); }
+    void Break() { m_break = m_feed.BytesReceived(); }
     // See PacketMeter.
     const std::optional<PacketMeter::Pcr>& LastPcr() const { return m_lastPcr; }
 
@@ -49,17 +48,13 @@ private:
     ParserStep ParsePacket(const uint8_t* packet) { return Note(packet), ParserStep::kGoOn; }
     void Note(const uint8_t* packet);
     void CheckCounter(Pid& pid, uint8_t counter);
-    void Parse();
 
-    PacketParser m_parser{kCapacity};
-    bool m_resyncPending = true;
+    PacketFeed m_feed;
     std::optional<uint32_t> m_pcrPid;
     std::optional<PacketMeter::Pcr> m_lastPcr;
     int64_t m_break = INT64_MAX;  // position
     std::unique_ptr<Pid[]> m_pids;
     Number m_packets{0}, m_damaged{0};
-
-    static constexpr int32_t kCapacity = 65'536;
 };
 
 }  // namespace tessel::tool

@@ -93,4 +93,14 @@ bool StartClock(PcrClocks& clocks, int32_t pcrPid, std::span<const OutputPinPtr>
     return true;
 }
 
+bool IsAheadOfOthers(int32_t pcrPid, std::span<const OutputPinPtr> pins, int32_t queuedJumps) {
+    return std::any_of(pins.begin(), pins.end(), [&](const OutputPinPtr& pin) {
+        if (!pin->IsConnected() || pin->HasRuntimeError() || pin->IsEosDelivered() ||
+            pin->Media() == MediaClass::kSubtitle)
+            return false;
+        const auto content = pin->Content();
+        return content && content->IsActive() && content->GetPcrPid() == pcrPid && content->QueuedJumps() > queuedJumps;
+    });
+}
+
 }  // namespace tessel

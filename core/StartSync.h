@@ -29,4 +29,7 @@ struct SyncOrigin {
 bool StartClock(PcrClocks& clocks, int32_t pcrPid, std::span<const OutputPinPtr> pins, const SyncSettings& settings,
                 SyncOrigin* out);
 
+// Whether outputs that are still at work have more jumps left, so that a start without new input may yet come.
+bool IsAheadOfOthers(int32_t pcrPid, std::span<const OutputPinPtr> pins, int32_t queuedJumps);
+
 }  // namespace tessel

@@ -240,6 +240,11 @@ HRESULT CTsFilterBase::StartSync(int32_t pcrPid, int32_t queuedJumps, int64_t* p
     return S_OK;
 }
 
+bool CTsFilterBase::IsAheadOfOthers(int32_t pcrPid, int32_t queuedJumps) {
+    const std::vector<OutputPinPtr> pins = m_pins.All();
+    return tessel::IsAheadOfOthers(pcrPid, pins, queuedJumps);
+}
+
 void CTsFilterBase::WaitForStreamTime(REFERENCE_TIME at, const std::shared_ptr<CEvent>& event, uint32_t milliseconds) {
     const ComPtr<IReferenceClock> clock = Clock();
     DWORD_PTR cookie = 0;

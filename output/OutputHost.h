@@ -44,6 +44,9 @@ public:
     // The common start of all contents on a PCR PID; a failure means not yet. queuedJumps: of the content that asks.
     // ptsOrigin in 90 kHz.
     virtual HRESULT StartSync(int32_t pcrPid, int32_t queuedJumps, int64_t* ptsOrigin, REFERENCE_TIME* timeOrigin) = 0;
+    // Whether a content with so few jumps left has others on its PCR PID to wait for, which have yet to reach where it
+    // is.
+    virtual bool IsAheadOfOthers(int32_t pcrPid, int32_t queuedJumps) = 0;
     // Waits until stream time is at, event is set, or so many milliseconds have passed.
     virtual void WaitForStreamTime(REFERENCE_TIME at, const std::shared_ptr<CEvent>& event, uint32_t milliseconds) = 0;
 

@@ -53,6 +53,10 @@ public:
     // Forgets all data, and asks the map anew for what the pin wants.
     void ResetStreamStatus();
     bool IsActive() const { return m_active.load(std::memory_order_relaxed); }
+    // It cannot start yet, but may without more input.
+    bool WaitsForOthers() const {
+        return m_state.load() == State::kWaitingForStart && m_host.IsAheadOfOthers(m_pcrPid, QueuedJumps());
+    }
     // Waiting for a program map table before anything goes out.
     bool IsWaitingForProgram() const { return m_state.load() == State::kWaitingForProgram; }
     // Moves with every activation, deactivation and reset.

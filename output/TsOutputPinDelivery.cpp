@@ -9,6 +9,8 @@ namespace {
 // Milliseconds after which a parser that waits for room looks again, even if nobody said that there is some.
 constexpr uint32_t kPacketWait = 50;
 constexpr uint32_t kSectionWait = 20;
+// Milliseconds after which an output that has got its end looks whether it can start now.
+constexpr uint32_t kStartWait = 5;
 
 }  // namespace
 
@@ -205,7 +207,15 @@ void CTsOutputPin::RunTask(uint32_t epoch) {
         return;
     if (!m_eosPending || m_eosDelivered)
         return;
+    // Asked first: if nobody is behind, then that it is not ready is final.
+    const bool waits = content->WaitsForOthers();
     if (content->IsReadyToSend() && content->GetPendingBytes(m_startPending, true) > 0) {
+        m_event->Set();
+        return;
+    }
+    if (waits) {
+        if (MayWait())
+            m_interrupt->Wait(kStartWait);
         m_event->Set();
         return;
     }

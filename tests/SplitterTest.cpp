@@ -472,6 +472,33 @@ TEST_P(SplitterJumps, TimesGoOn) {
     }
 }
 
+// The end of the stream comes while sound is behind a jump already, and pictures are held up in front of it.
+TEST(Splitter, WhatIsBehindAJumpWaitsForTheOthersAtTheEndToo) {
+    for (const StreamingMode mode : {StreamingMode::kStream, StreamingMode::kRecording}) {
+        SplitterGraph graph(mode);
+        TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kVideoPid);
+        TestSink& audio = graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kAudioPid);
+        CEvent released(EventReset::kManual);
+        video.OnSample([&](IMediaSample&) {
+            EXPECT_TRUE(released.Wait(kTestWait)) << "the end of the test";
+            return S_OK;
+        });
+        ASSERT_EQ(graph.Run(), S_OK);
+        ProgrammeBuilder builder = TwoStreams();
+        builder.SetTime(0).Tables().Frames(45).SetTime(20'000'000).Frames(45).Padding();
+        ASSERT_EQ(graph.source->Push(builder.Take()), S_OK);
+        ASSERT_EQ(graph.End(), S_OK);
+        ASSERT_TRUE(audio.WaitForSamples(45));
+        Sleep(50);  // for an end that comes too early
+        EXPECT_EQ(audio.Ends(), 0u);
+        released.Set();
+        for (TestSink* sink : {&video, &audio}) {
+            ASSERT_TRUE(sink->WaitForEnd());
+            EXPECT_TRUE(sink->Bytes() == builder.Payload(sink == &video ? kVideoPid : kAudioPid));
+        }
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(All, SplitterJumps,
                          testing::Combine(testing::Values(StreamingMode::kLive, StreamingMode::kStream,
                                                           StreamingMode::kRecording),

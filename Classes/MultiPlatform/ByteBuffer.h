@@ -40,11 +40,6 @@ public:
         m_write += length;
     }
 
-    // Room() bytes behind the unread ones may be written without moving those; NoteWritten makes them bytes to read.
-    uint8_t* WritePointer() { return m_data + m_write; }
-    int32_t Room() const { return Capacity() - m_write; }
-    void NoteWritten(int32_t count) { m_write += count; }
-
     // Releases count (at most Available()) bytes at the read offset; nothing while held.
     void Skip(int32_t count) {
         if (Held())

@@ -121,7 +121,7 @@ void CTsFilterBase::NoteArrival() {
         m_parser.NoteArrival(CurrentStreamTime());
 }
 
-HRESULT CTsFilterBase::ParseData(Wake wake) {
+HRESULT CTsFilterBase::ParseData() {
     if (!TakeParseTurn())
         return S_FALSE;
     HRESULT result = S_OK;
@@ -131,7 +131,7 @@ HRESULT CTsFilterBase::ParseData(Wake wake) {
         result = m_parser.ParseData(*this);
         // The bytes that the outputs noted may move when the lock is released.
         m_router.FlushPackets();
-        if (result != kParsePaused && wake == Wake::kNow)
+        if (result != kParsePaused)
             m_router.SignalDelivery();
     } while (result == kParsePaused);
     RunDeferred();
@@ -155,11 +155,6 @@ HRESULT CTsFilterBase::ParseInPlace(const uint8_t** data, int32_t* length) {
     return result;
 }
 
-void CTsFilterBase::WakeOutputs() {
-    CScopedLock lock(&m_streamingLock);
-    m_router.SignalDelivery();
-}
-
 inline ParserStep CTsFilterBase::ParsePacket(const uint8_t* packet) {
     const TsHeader header = DecodeTsHeader(packet);
     if (m_announcement.position >= 0 && m_announcement.position == m_parser.StreamPosition()) [[unlikely]]
@@ -179,6 +174,8 @@ inline ParserStep CTsFilterBase::ParsePacket(const uint8_t* packet) {
             // Notices about a jump stand at the right byte only when all before it has gone in.
             m_router.FlushPackets();
             m_clocks.AdjustPcr(packet, header, adaptation, m_parser.StreamPosition(), m_parser.CurrentArrival());
+            if (EndsInput())
+                return ParserStep::kRefused;
         }
     }
 
@@ -195,7 +192,7 @@ ParserStep CTsFilterBase::ParseTablePacket(const uint8_t* packet, const TsHeader
     bool announced = false;
     const HRESULT status = ParseSections(packet, header, adaptation, &announced);
     if (announced)
-        return ParserStep::kAgain;
+        return EndsInput() ? ParserStep::kRefused : ParserStep::kAgain;
     if (SUCCEEDED(status))
         return OfferTablePacket(packet, header, adaptation);
     return m_hasDeferred.load(std::memory_order_relaxed) ? ParserStep::kPause : ParserStep::kGoOn;

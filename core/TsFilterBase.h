@@ -115,9 +115,10 @@ public:
     void CommitData(int32_t written) { m_parser.Commit(written); }
     HRESULT FlushBuffer() { return m_parser.FlushBuffer(); }
     HRESULT DetectPacketSize() { return m_parser.DetectPacketSize(); }
-    // S_OK out of data, S_FALSE stopped by the outputs (file mode) or by a stop, E_UNEXPECTED without a buffer.
+    // S_OK out of data, S_FALSE stopped by the outputs (file mode), by a stop or where the input ends, E_UNEXPECTED
+    // without a buffer.
     // Takes the streaming lock for the parsing and calls receivers and sinks without it.
-    HRESULT ParseData() { return ParseData(Wake::kNow); }
+    HRESULT ParseData();
     // As ParseData, on the caller's bytes where they lie, when nothing waits and nobody else parses; moves the pointer
     // on and the length down by what it took. S_OK when no packet is left to parse; S_FALSE when it could do nothing;
     // kParsePaused where receivers or sinks are to be called: the rest is for AddData and ParseData.
@@ -170,11 +171,6 @@ protected:
         uint32_t pid = 0;
     };
 
-    // Whether the outputs are woken for what they got, or by a later WakeOutputs. A wait for room wakes its own.
-    enum class Wake { kNow, kLater };
-    HRESULT ParseData(Wake wake);
-    void WakeOutputs();
-
     explicit CTsFilterBase(const char* name, int32_t requestedCapacity = PacketParser::kDefaultCapacity,
                            IUnknown* outer = nullptr);
 
@@ -196,6 +192,9 @@ protected:
     void SetScanning(bool scanning) { m_scanning.store(scanning, std::memory_order_relaxed); }
     bool IsScanning() const { return m_scanning.load(std::memory_order_relaxed); }
 
+    // Whether the packet that is being parsed ends the input: then it stays unread. Asked behind a clock reference and a
+    // PAT of another stream.
+    virtual bool EndsInput() const { return false; }
     // A PAT carries another transport_stream_id than before.
     virtual void NewTSID(uint32_t transportStreamId);
     void SetCurrentTransportStreamId(uint32_t transportStreamId) {

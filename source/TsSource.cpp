@@ -8,9 +8,6 @@ namespace tessel {
 
 namespace {
 
-// Room for a block of the file behind what is left of the last one.
-constexpr int32_t kBufferSize = CStreamFile::kBlockSize + CPacketReader::kReadSize;
-
 constexpr size_t kMostName = 259;
 
 constexpr CLSID kPages[] = {kPageServices, kPageProgramAssociationTable, kPagePidMapping, kPageOutputPins};

@@ -10,6 +10,7 @@
 #include "core/TsFilterBase.h"
 #include "filters/threads/FilterWorker.h"
 #include "platform/com/PropertyPages.h"
+#include "source/PacketReader.h"
 #include "source/SeekIndex.h"
 
 namespace tessel {
@@ -103,7 +104,11 @@ private:
         }
     };
     enum class Input { kNone, kRead, kFull, kEnd };
+    // Of the file, that playback reads at once: whole blocks. The outputs deliver the last ones meanwhile.
+    static constexpr int32_t kPieceSize = 0x100000;
+    static constexpr int32_t kBufferSize = kPieceSize + CPacketReader::kReadSize;
 
+    bool EndsInput() const override { return m_discontinuity; }
     void NewTSID(uint32_t transportStreamId) override;
     HRESULT OnTableReady(uint32_t tableId, uint32_t key) override;
 
@@ -119,10 +124,8 @@ private:
 
     // Playback
     Input ReadInput() OS_REQUIRES(StreamingLock());
-    enum class Step { kGoOn, kEnd, kWait };
-    // kWait: it is better to wait a little before the next.
-    Step RunTask();
-    Step ReadAndParse();
+    // False: it is better to wait a little before the next.
+    bool ReadAndParse();
     std::optional<uint32_t> EndInput(uint32_t epoch);
     void EndOutputs(uint32_t epoch);
     void AbortPlayback(uint32_t epoch);

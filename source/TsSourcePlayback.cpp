@@ -13,8 +13,6 @@ namespace {
 constexpr uint32_t kRetryWait = 10;
 // Milliseconds that a stop waits for the worker.
 constexpr uint32_t kTaskWait = 100;
-// The outputs' threads are woken once for so many reads: waking costs more than parsing.
-constexpr int kReadsOfTask = 8;
 
 }  // namespace
 
@@ -119,9 +117,9 @@ CTsSource::Input CTsSource::ReadInput() {
         const int64_t left = m_endPosition - m_readPosition;
         if (left <= 0)
             return Input::kEnd;
-        // Up to the end of a block of the file, so that the next one can be read at once.
-        constexpr int64_t kBlock = CStreamFile::kBlockSize;
-        wanted = static_cast<int32_t>(std::min(kBlock - m_readPosition % kBlock, left));
+        // Up to the end of a block of the file, so that the next ones can be read whole.
+        static_assert(kPieceSize % CStreamFile::kBlockSize == 0);
+        wanted = static_cast<int32_t>(std::min(kPieceSize - m_readPosition % kPieceSize, left));
     }
     const std::span<uint8_t> reserved = ReserveData(wanted);
     if (reserved.empty())
@@ -135,31 +133,24 @@ CTsSource::Input CTsSource::ReadInput() {
 uint32_t CTsSource::DoOneThreadTask() {
     const std::shared_ptr<CEvent> work = m_workEvent;
     const std::shared_ptr<CEvent> hurry = m_hurry;
-    Step step = Step::kEnd;
+    bool goesOn = true;
     {
         // What is called from here may let go of the filter.
         const ComPtr<IBaseFilter> self(this);
-        step = RunTask();
+        // Whoever ends the input waits for the turn, so it is held for the whole task.
+        goesOn = TakeParseTurn();
+        if (goesOn) {
+            goesOn = ReadAndParse();
+            ParseTurn().Release();
+        }
     }
-    if (step == Step::kWait)
+    if (!goesOn)
         hurry->Wait(kRetryWait);
     work->Set();
     return INFINITE;
 }
 
-CTsSource::Step CTsSource::RunTask() {
-    // Whoever ends the input waits for the turn, so it is held for the whole task.
-    if (!TakeParseTurn())
-        return Step::kWait;
-    Step step = Step::kGoOn;
-    for (int reads = 0; step == Step::kGoOn && reads < kReadsOfTask; ++reads)
-        step = ReadAndParse();
-    WakeOutputs();
-    ParseTurn().Release();
-    return step;
-}
-
-CTsSource::Step CTsSource::ReadAndParse() {
+bool CTsSource::ReadAndParse() {
     Input input = Input::kNone;
     uint32_t epoch = 0;
     {
@@ -170,20 +161,18 @@ CTsSource::Step CTsSource::ReadAndParse() {
             input = ReadInput();
     }
     if (input == Input::kNone)
-        return Step::kWait;
+        return false;
     if (input == Input::kEnd) {
         if (const std::optional<uint32_t> ended = EndInput(epoch))
             EndOutputs(*ended);
-        return Step::kEnd;
+        return true;
     }
-    const HRESULT result = ParseData(Wake::kLater);
-    if (result == S_OK && m_discontinuity)
+    const HRESULT result = ParseData();
+    if (SUCCEEDED(result) && m_discontinuity)
         AbortPlayback(epoch);
     else if (FAILED(result))
         EndInput(epoch);
-    else if (result == S_OK)
-        return Step::kGoOn;
-    return input == Input::kFull ? Step::kWait : Step::kEnd;
+    return input != Input::kFull || result == S_OK;
 }
 
 // The epoch that begins with the end; none when the input has been ended, or begun anew, since epoch.

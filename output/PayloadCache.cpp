@@ -1,8 +1,8 @@
 #include "output/PayloadCache.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "platform/com/ComPtr.h"
@@ -11,35 +11,40 @@ namespace tessel {
 
 namespace {
 
-constexpr size_t kAlignment = 64;
-constexpr size_t kAllocated = (CBlockPool::kBlockSize + kAlignment - 1) / kAlignment * kAlignment;
-constexpr size_t kMostFree = 16;
-// A block that has so much in it is ended for the sake of a unit: at most half of the memory is wasted.
-constexpr int32_t kWorthABlock = CBlockPool::kBlockSize / 2;
+constexpr size_t kMostFree = 8;
+// Fewer bytes are copied as fast.
+constexpr int32_t kWorthLending = 1'024;
 
 }  // namespace
 
 CBlockPool::~CBlockPool() {
-    for (uint8_t* block : m_free)
-        std::free(block);
+    for (PayloadBlock* block : m_free)
+        delete block;
 }
 
-uint8_t* CBlockPool::Take() {
+PayloadBlock* CBlockPool::Take() {
     {
         // The last one first: it is likely to be in the processor's cache.
         const std::lock_guard lock(m_mutex);
         if (!m_free.empty()) {
-            uint8_t* block = m_free.back();
+            PayloadBlock* block = m_free.back();
             m_free.pop_back();
+            block->uses.store(1, std::memory_order_relaxed);
             return block;
         }
         if (m_free.capacity() == 0)
             m_free.reserve(kMostFree);
     }
-    return static_cast<uint8_t*>(std::aligned_alloc(kAlignment, kAllocated));
+    auto* const block = new (std::nothrow) PayloadBlock;
+    if (block != nullptr)
+        block->uses.store(1, std::memory_order_relaxed);
+    return block;
 }
 
-void CBlockPool::TakeBack(uint8_t* block) {
+void CBlockPool::TakeBack(void* taken) {
+    auto* const block = static_cast<PayloadBlock*>(taken);
+    if (block->uses.fetch_sub(1, std::memory_order_acq_rel) != 1)
+        return;
     {
         const std::lock_guard lock(m_mutex);
         if (m_free.size() < kMostFree && m_free.size() < m_free.capacity()) {
@@ -47,7 +52,7 @@ void CBlockPool::TakeBack(uint8_t* block) {
             return;
         }
     }
-    std::free(block);
+    delete block;
 }
 
 CPayloadCache::~CPayloadCache() {
@@ -67,9 +72,14 @@ bool CPayloadCache::Reserve(int32_t length) {
 }
 
 void CPayloadCache::AddBlock() {
+    // All of it has been read, and some is still lent.
+    if (!m_blocks.empty() && m_available == 0) {
+        m_pool->TakeBack(m_blocks.back().memory);
+        m_blocks.pop_back();
+    }
     m_blocks.push_back({m_spare, 0, 0});
-    m_write = std::exchange(m_spare, nullptr);
-    m_room = CBlockPool::kBlockSize;
+    m_write = std::exchange(m_spare, nullptr)->bytes;
+    m_room = PayloadBlock::kSize;
 }
 
 void CPayloadCache::Append(const uint8_t* bytes, int32_t length) {
@@ -94,14 +104,14 @@ void CPayloadCache::NoteWritten(int32_t count) {
 }
 
 void CPayloadCache::BeginUnit() {
-    if (m_room != 0 && m_blocks.back().write >= kWorthABlock && Reserve(m_room + 1))
+    if (m_room != 0 && m_room < kLargestSample && Reserve(m_room + 1))
         EndLast();
 }
 
 void CPayloadCache::CopyTo(uint8_t* target, int32_t count) const {
     for (auto block = m_blocks.begin(); count > 0; ++block) {
         const int32_t piece = std::min(count, block->write - block->read);
-        std::memcpy(target, block->memory + block->read, static_cast<size_t>(piece));
+        std::memcpy(target, block->memory->bytes + block->read, static_cast<size_t>(piece));
         target += piece;
         count -= piece;
     }
@@ -116,28 +126,27 @@ void CPayloadCache::Skip(int32_t count) {
         count -= piece;
         if (block.read != block.write)
             return;
-        if (m_blocks.size() == 1 && m_room != 0) {
+        if (m_blocks.size() > 1 || m_room == 0) {
+            m_pool->TakeBack(block.memory);
+            m_blocks.erase(m_blocks.begin());
+        } else if (block.memory->uses.load(std::memory_order_acquire) == 1) {
             // The one that is written to begins anew.
             block.read = block.write = 0;
-            m_write = block.memory;
-            m_room = CBlockPool::kBlockSize;
-            return;
+            m_write = block.memory->bytes;
+            m_room = PayloadBlock::kSize;
         }
-        m_pool->TakeBack(block.memory);
-        m_blocks.erase(m_blocks.begin());
     }
 }
 
 bool CPayloadCache::LendTo(IMediaSample& sample, int32_t count) {
-    if (m_blocks.empty() || m_blocks.front().read != 0 || m_blocks.front().write != count || count < kWorthABlock)
+    if (count < kWorthLending || m_blocks.front().write - m_blocks.front().read < count)
         return false;
+    const Block& block = m_blocks.front();
     const auto lendable = ComPtr<IMediaSample>(&sample).As<ILendableSample>();
-    if (!lendable || !lendable->Lend(m_pool, m_blocks.front().memory, CBlockPool::kBlockSize))
+    if (!lendable || !lendable->Lend(m_pool, block.memory, block.memory->bytes + block.read, count))
         return false;
-    if (m_blocks.size() == 1)
-        EndLast();
-    m_blocks.erase(m_blocks.begin());
-    m_available -= count;
+    block.memory->uses.fetch_add(1, std::memory_order_relaxed);
+    Skip(count);
     return true;
 }
 

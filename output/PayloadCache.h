@@ -1,6 +1,7 @@
 // Payload on its way from the parsing thread to the delivery thread.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -10,26 +11,35 @@
 
 namespace tessel {
 
-// Memory in blocks of one size, which come back from samples on any thread.
+// Memory that goes out to several users, samples among them, and is free again when the last one has no more use for it.
+struct PayloadBlock {
+    static constexpr int32_t kSize = 2 * 75'200;
+
+    std::atomic<int32_t> uses;
+    alignas(64) uint8_t bytes[kSize];
+};
+
 class CBlockPool final : public ISampleMemory {
 public:
-    static constexpr int32_t kBlockSize = 75'200;
-
     ~CBlockPool();
 
-    // Null when memory is out.
-    uint8_t* Take();
-    void TakeBack(uint8_t* block) override;
+    // A block with one use; null when memory is out.
+    PayloadBlock* Take();
+    // One use less. block: a PayloadBlock of this pool.
+    void TakeBack(void* block) override;
 
 private:
     std::mutex m_mutex;
-    std::vector<uint8_t*> m_free;
+    std::vector<PayloadBlock*> m_free;
 };
 
-// The bytes lie in blocks as large as a sample. Those that fill one, or are all that is in one, go to a sample without
-// a copy; so a unit, which goes out by itself, begins in a new block when that costs little.
+// The bytes lie in blocks that have room for several samples. Those of a sample that lie in one block are lent to it,
+// without a copy; so a unit, which goes out by itself, begins where all of a sample has room.
 class CPayloadCache {
 public:
+    // Of a sample: 400 packets.
+    static constexpr int32_t kLargestSample = 75'200;
+
     CPayloadCache() : m_pool(std::make_shared<CBlockPool>()) {}
     ~CPayloadCache();
 
@@ -38,7 +48,7 @@ public:
 
     int32_t Available() const { return m_available; }
 
-    // Makes sure that length (at most a block's size) bytes can be appended; false when memory is out.
+    // Makes sure that length (at most PayloadBlock::kSize) bytes can be appended; false when memory is out.
     bool Reserve(int32_t length);
     // Bytes that have been reserved.
     void Append(const uint8_t* bytes, int32_t length);
@@ -53,13 +63,12 @@ public:
     void CopyTo(uint8_t* target, int32_t count) const;
     void Skip(int32_t count);
     void Clear() { Skip(m_available); }
-    // Lends the block whose bytes are the next count ones, and no others, and skips them. False when there is none, or
-    // the sample cannot have it.
+    // Lends the next count bytes, and skips them. False when they lie in two blocks or the sample cannot have them.
     bool LendTo(IMediaSample& sample, int32_t count);
 
 private:
     struct Block {
-        uint8_t* memory;
+        PayloadBlock* memory;
         int32_t read;
         int32_t write;
     };
@@ -72,7 +81,7 @@ private:
 
     const std::shared_ptr<CBlockPool> m_pool;
     std::vector<Block> m_blocks;  // with room for one more while there is a spare one
-    uint8_t* m_spare = nullptr;   // reserved
+    PayloadBlock* m_spare = nullptr;  // reserved
     // In the last block; no room when the next bytes are for a new one.
     uint8_t* m_write = nullptr;
     int32_t m_room = 0;

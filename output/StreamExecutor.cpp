@@ -13,7 +13,7 @@ namespace tessel {
 
 namespace {
 
-constexpr LONG kSampleSize = CBlockPool::kBlockSize;  // 400 packets
+constexpr LONG kSampleSize = CPayloadCache::kLargestSample;
 
 // 100 ns.
 constexpr REFERENCE_TIME kFarApart = 30'000'000;

@@ -7,12 +7,16 @@
 #include <random>
 
 #include "platform/com/ComPtr.h"
+#include "platform/media/MediaResult.h"
 #include "platform/media/MemAllocator.h"
 
 namespace tessel {
 namespace {
 
-constexpr int32_t kBlock = CBlockPool::kBlockSize;
+constexpr int32_t kBlock = PayloadBlock::kSize;
+constexpr int32_t kSample = CPayloadCache::kLargestSample;
+
+using Bytes = std::vector<uint8_t>;
 
 ComPtr<CMemAllocator> MakeAllocator(ALLOCATOR_PROPERTIES request) {
     ComPtr<CMemAllocator> allocator(new CMemAllocator());
@@ -80,46 +84,54 @@ private:
     int64_t m_out = 0;
 };
 
-TEST(PayloadCache, LendsWhatIsABlockByItself) {
-    const auto allocator = MakeAllocator({3, kBlock, 1, 0});
+TEST(PayloadCache, LendsWhatLiesInOneBlock) {
+    const auto allocator = MakeAllocator({4, kSample, 1, 0});
     CPayloadCache cache;
     Stream stream(cache);
     stream.Append(50'000);
-    cache.BeginUnit();
-    stream.Append(2 * kBlock + 20'000);
-    cache.BeginUnit();  // too little in that block to end it
-    stream.Append(10'000);
+    cache.BeginUnit();  // there is room for another sample
+    stream.Append(kBlock - kSample - 49'999);
+    cache.BeginUnit();  // too little room
+    stream.Append(kBlock + 20'000);
 
     const auto first = SampleOf(*allocator);
-    EXPECT_FALSE(stream.Take(*first, 49'999));
+    EXPECT_FALSE(stream.Take(*first, 100));
     EXPECT_TRUE(stream.Take(*first, 50'000));
+    EXPECT_EQ(first->GetSize(), 50'000) << "what lies behind is not the sample's";
+    EXPECT_EQ(first->SetActualDataLength(50'001), VFW_E_BUFFER_OVERFLOW);
     const uint8_t* const lent = PointerOf(*first);
-    const auto second = SampleOf(*allocator);
     stream.Copy(1);
-    EXPECT_FALSE(stream.Take(*second, kBlock - 1)) << "its begin is gone";
-    stream.Copy(kBlock - 1);
-    EXPECT_TRUE(stream.Take(*second, kBlock));
-    EXPECT_FALSE(stream.Take(*SampleOf(*allocator), 20'000)) << "it shares the block";
+    const auto second = SampleOf(*allocator);
+    EXPECT_TRUE(stream.Take(*second, kBlock - kSample - 50'000)) << "up to the end of the block";
+    EXPECT_EQ(PointerOf(*second), lent + 50'001);
+    const auto third = SampleOf(*allocator);
+    EXPECT_TRUE(stream.Take(*third, kSample));
+    stream.Skip(kBlock - kSample - 10'000);
+    EXPECT_FALSE(stream.Take(*SampleOf(*allocator), 20'000)) << "in two blocks";
     stream.Copy(20'000);
     EXPECT_EQ(cache.Available(), 10'000);
-    EXPECT_EQ(PointerOf(*first), lent) << "nothing that came later moved what was lent";
 }
 
-// A block that is lent while it is written to ends there.
-TEST(PayloadCache, GoesOnBehindALentBlock) {
-    const auto allocator = MakeAllocator({2, kBlock, 1, 0});
+// What is lent stays as it is, whatever is written meanwhile, and the memory comes back with the last sample.
+TEST(PayloadCache, WritesBehindWhatIsLent) {
+    const auto allocator = MakeAllocator({16, kSample, 1, 0});
     CPayloadCache cache;
     Stream stream(cache);
-    for (int i = 0; i < 5; ++i) {
-        const auto sample = SampleOf(*allocator);
+    std::vector<std::pair<ComPtr<IMediaSample>, Bytes>> held;
+    for (int i = 0; i < 12; ++i) {
+        held.emplace_back(SampleOf(*allocator), Bytes());
+        cache.BeginUnit();
         stream.Append(40'000);
-        EXPECT_TRUE(stream.Take(*sample, 40'000));
-        EXPECT_EQ(cache.Room(), 0);
+        ASSERT_TRUE(stream.Take(*held.back().first, 40'000)) << i;
+        const uint8_t* const bytes = PointerOf(*held.back().first);
+        held.back().second.assign(bytes, bytes + 40'000);
     }
+    for (const auto& [sample, bytes] : held)
+        EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), PointerOf(*sample)));
 }
 
 TEST(PayloadCache, GivesTheBytesInOrderWhateverTheSteps) {
-    const auto allocator = MakeAllocator({4, kBlock, 1, 0});
+    const auto allocator = MakeAllocator({4, kSample, 1, 0});
     CPayloadCache cache;
     Stream stream(cache);
     std::mt19937 random(7);
@@ -144,7 +156,7 @@ TEST(PayloadCache, GivesTheBytesInOrderWhateverTheSteps) {
                 stream.Skip(cache.Available());
             break;
         default: {
-            const int32_t count = std::min(cache.Available(), kBlock);
+            const int32_t count = std::min(cache.Available(), kSample);
             held.push_back(SampleOf(*allocator));
             if (stream.Take(*held.back(), count))
                 ++lent;
@@ -154,29 +166,31 @@ TEST(PayloadCache, GivesTheBytesInOrderWhateverTheSteps) {
         }
         ASSERT_FALSE(testing::Test::HasFailure()) << "step " << i;
     }
-    EXPECT_GT(lent, 20);
+    EXPECT_GT(lent, 100);
 }
 
 TEST(LendableSample, HasItsOwnMemoryAgainAfterARound) {
     const auto pool = std::make_shared<CBlockPool>();
     for (const ALLOCATOR_PROPERTIES& request :
-         {ALLOCATOR_PROPERTIES{1, kBlock, 16, 0}, {1, kBlock, 4096, 0}, {1, kBlock, 1, 8}, {1, kBlock + 1, 1, 0}}) {
+         {ALLOCATOR_PROPERTIES{1, kSample, 64, 0}, {1, kSample, 4096, 0}, {1, kSample, 1, 8}, {1, kSample - 1, 1, 0}}) {
         const auto allocator = MakeAllocator(request);
         auto sample = SampleOf(*allocator);
         const uint8_t* const own = PointerOf(*sample);
-        uint8_t* const block = pool->Take();
-        const bool fits = request.cbAlign <= 64 && request.cbPrefix == 0 && request.cbBuffer <= kBlock;
+        PayloadBlock* const block = pool->Take();
         // A block may happen to lie on a page.
-        const bool lent = sample.As<ILendableSample>()->Lend(pool, block, kBlock);
-        EXPECT_EQ(lent, fits || (request.cbAlign == 4096 && reinterpret_cast<uintptr_t>(block) % 4096 == 0));
-        EXPECT_EQ(PointerOf(*sample), lent ? block : own);
-        if (!lent)
+        const bool fits = reinterpret_cast<uintptr_t>(block->bytes) % static_cast<uintptr_t>(request.cbAlign) == 0 &&
+                          request.cbPrefix == 0 && request.cbBuffer >= kSample;
+        EXPECT_EQ(sample.As<ILendableSample>()->Lend(pool, block, block->bytes, kSample), fits);
+        EXPECT_EQ(PointerOf(*sample), fits ? block->bytes : own);
+        if (!fits)
             pool->TakeBack(block);
         sample.Reset();
-        uint8_t* const again = pool->Take();
+        PayloadBlock* const again = pool->Take();
         EXPECT_EQ(again, block) << "it came back";
         pool->TakeBack(again);
-        EXPECT_EQ(PointerOf(*SampleOf(*allocator)), own);
+        sample = SampleOf(*allocator);
+        EXPECT_EQ(PointerOf(*sample), own);
+        EXPECT_GE(sample->GetSize(), request.cbBuffer);
     }
 }
 

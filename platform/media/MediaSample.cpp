@@ -25,9 +25,8 @@ ULONG CMediaSample::Release() {
     if (left > 0)
         return static_cast<ULONG>(left);
     if (m_lender) {
-        m_lender->TakeBack(m_lent);
+        m_lender->TakeBack(m_block);
         m_lender = nullptr;
-        m_lent = nullptr;
     }
     m_length = m_size;
     m_start.reset();
@@ -46,12 +45,14 @@ HRESULT CMediaSample::GetPointer(uint8_t** out) {
     return S_OK;
 }
 
-bool CMediaSample::Lend(const std::shared_ptr<ISampleMemory>& owner, uint8_t* memory, LONG size) {
-    const auto misplaced = reinterpret_cast<uintptr_t>(memory) % static_cast<uintptr_t>(m_align) != 0;
-    if (m_lender || size < m_size || m_prefix != 0 || misplaced)
+bool CMediaSample::Lend(const std::shared_ptr<ISampleMemory>& owner, void* block, uint8_t* part, LONG size) {
+    const auto misplaced = reinterpret_cast<uintptr_t>(part) % static_cast<uintptr_t>(m_align) != 0;
+    if (m_lender || size > m_size || m_prefix != 0 || misplaced)
         return false;
     m_lender = owner;
-    m_lent = memory;
+    m_block = block;
+    m_lent = part;
+    m_lentSize = size;
     return true;
 }
 
@@ -83,7 +84,7 @@ HRESULT CMediaSample::SetTime(const REFERENCE_TIME* start, const REFERENCE_TIME*
 HRESULT CMediaSample::SetActualDataLength(LONG length) {
     if (length < 0)
         return E_INVALIDARG;
-    if (length > m_size)
+    if (length > GetSize())
         return VFW_E_BUFFER_OVERFLOW;
     m_length = length;
     return S_OK;

@@ -10,8 +10,8 @@
 // Who lends samples their memory.
 class ISampleMemory {
 public:
-    // On any thread.
-    virtual void TakeBack(uint8_t* memory) = 0;
+    // A sample has no more use for what it was lent of the block. On any thread.
+    virtual void TakeBack(void* block) = 0;
 
 protected:
     ~ISampleMemory() = default;
@@ -22,9 +22,10 @@ class ILendableSample : public IUnknown {
 public:
     static constexpr IID kIid = MakeGuid("{4F6D3C1A-52B7-4E0B-9C55-8C0E1B7A64D2}");
 
-    // Until it is back at its allocator the sample has that memory in place of its own. False, with nothing done, when
-    // the memory is smaller than its own, or does not lie as the allocator has to place it.
-    virtual bool Lend(const std::shared_ptr<ISampleMemory>& owner, uint8_t* memory, LONG size) = 0;
+    // Until it is back at its allocator the sample has that part of the owner's block, size bytes, in place of its own
+    // memory. False, with nothing done, when the part is larger than its own memory, or does not lie as the allocator
+    // has to place it.
+    virtual bool Lend(const std::shared_ptr<ISampleMemory>& owner, void* block, uint8_t* part, LONG size) = 0;
 
 protected:
     ~ILendableSample() = default;
@@ -47,7 +48,7 @@ public:
     ULONG Release() override;
 
     HRESULT GetPointer(uint8_t** out) override;
-    LONG GetSize() override { return m_size; }
+    LONG GetSize() override { return m_lender ? m_lentSize : m_size; }
     HRESULT GetTime(REFERENCE_TIME* start, REFERENCE_TIME* end) override;
     HRESULT SetTime(const REFERENCE_TIME* start, const REFERENCE_TIME* end) override;
     HRESULT IsSyncPoint() override { return m_syncPoint ? S_OK : S_FALSE; }
@@ -63,7 +64,7 @@ public:
     HRESULT GetMediaTime(int64_t* start, int64_t* end) override;
     HRESULT SetMediaTime(const int64_t* start, const int64_t* end) override;
 
-    bool Lend(const std::shared_ptr<ISampleMemory>& owner, uint8_t* memory, LONG size) override;
+    bool Lend(const std::shared_ptr<ISampleMemory>& owner, void* block, uint8_t* part, LONG size) override;
 
 private:
     IMemAllocator* const m_allocator;
@@ -75,7 +76,9 @@ private:
 
     // Back to these values with every round.
     std::shared_ptr<ISampleMemory> m_lender;
+    void* m_block = nullptr;
     uint8_t* m_lent = nullptr;
+    LONG m_lentSize = 0;
     LONG m_length;
     std::optional<REFERENCE_TIME> m_start;
     std::optional<REFERENCE_TIME> m_end;

@@ -11,7 +11,8 @@
 
 namespace tessel {
 
-// Memory that goes out to several users, samples among them, and is free again when the last one has no more use for it.
+// Memory that goes out to several users, samples among them, and is free again when the last one has no more use for
+// it.
 struct PayloadBlock {
     static constexpr int32_t kSize = 2 * 75'200;
 
@@ -80,7 +81,7 @@ private:
     }
 
     const std::shared_ptr<CBlockPool> m_pool;
-    std::vector<Block> m_blocks;  // with room for one more while there is a spare one
+    std::vector<Block> m_blocks;      // with room for one more while there is a spare one
     PayloadBlock* m_spare = nullptr;  // reserved
     // In the last block; no room when the next bytes are for a new one.
     uint8_t* m_write = nullptr;

@@ -99,8 +99,8 @@ void PacketRouter::RenewSnapshot() {
     m_snapshotCount = static_cast<size_t>(taken);
 }
 
-bool PacketRouter::Offer(uint32_t offered, const uint8_t* packet, const TsHeader& header,
-                         const AdaptationFieldHeader& adaptation, bool pidHasSectionFilter) {
+bool PacketRouter::Offer(uint32_t offered, const uint8_t* packet, TsHeader header, AdaptationFieldHeader adaptation,
+                         bool pidHasSectionFilter) {
     uint32_t accepting = m_deliverable.load(std::memory_order_relaxed);
     for (uint32_t left = offered; left != 0; left &= left - 1) {
         const int slot = std::countr_zero(left);

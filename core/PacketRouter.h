@@ -86,7 +86,7 @@ private:
     using Slots = std::array<std::shared_ptr<IPacketSink>, kMaxSinks>;
 
     void RenewSnapshot();
-    bool Offer(uint32_t offered, const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
+    bool Offer(uint32_t offered, const uint8_t* packet, TsHeader header, AdaptationFieldHeader adaptation,
                bool pidHasSectionFilter);
     void Flush();
     void Change(Mask& mask, const IPacketSink* sink, bool on);

@@ -155,7 +155,7 @@ HRESULT CTsFilterBase::ParseInPlace(const uint8_t** data, int32_t* length) {
     return result;
 }
 
-inline ParserStep CTsFilterBase::ParsePacket(const uint8_t* packet) {
+[[gnu::always_inline]] inline ParserStep CTsFilterBase::ParsePacket(const uint8_t* packet) {
     const TsHeader header = DecodeTsHeader(packet);
     if (m_announcement.position >= 0 && m_announcement.position == m_parser.StreamPosition()) [[unlikely]]
         return OfferAnnouncement(packet, header);
@@ -168,15 +168,10 @@ inline ParserStep CTsFilterBase::ParsePacket(const uint8_t* packet) {
     AdaptationFieldHeader adaptation;
     if (header.HasAdaptationField()) {
         adaptation = DecodeAdaptationFieldHeader(packet);
-        if (adaptation.length > kMaxAdaptationFieldLength)
+        if (adaptation.Length() > kMaxAdaptationFieldLength)
             return ParserStep::kGoOn;
-        if (m_clocks.Wants(adaptation)) {
-            // Notices about a jump stand at the right byte only when all before it has gone in.
-            m_router.FlushPackets();
-            m_clocks.AdjustPcr(packet, header, adaptation, m_parser.StreamPosition(), m_parser.CurrentArrival());
-            if (EndsInput())
-                return ParserStep::kRefused;
-        }
+        if (m_clocks.Wants(adaptation) && !FollowClock(packet, header, adaptation)) [[unlikely]]
+            return ParserStep::kRefused;
     }
 
     const bool hasSectionFilter = m_sectionFilterSlots[pid].load(std::memory_order_acquire) != nullptr;
@@ -187,8 +182,14 @@ inline ParserStep CTsFilterBase::ParsePacket(const uint8_t* packet) {
     return ParseTablePacket(packet, header, adaptation);
 }
 
-ParserStep CTsFilterBase::ParseTablePacket(const uint8_t* packet, const TsHeader& header,
-                                           const AdaptationFieldHeader& adaptation) {
+bool CTsFilterBase::FollowClock(const uint8_t* packet, TsHeader header, AdaptationFieldHeader adaptation) {
+    // Notices about a jump stand at the right byte only when all before it has gone in.
+    m_router.FlushPackets();
+    m_clocks.AdjustPcr(packet, header, adaptation, m_parser.StreamPosition(), m_parser.CurrentArrival());
+    return !EndsInput();
+}
+
+ParserStep CTsFilterBase::ParseTablePacket(const uint8_t* packet, TsHeader header, AdaptationFieldHeader adaptation) {
     bool announced = false;
     const HRESULT status = ParseSections(packet, header, adaptation, &announced);
     if (announced)
@@ -238,7 +239,7 @@ HRESULT CTsFilterBase::ParseSections(const uint8_t* packet, const TsHeader& head
     return status;
 }
 
-ParserStep CTsFilterBase::OfferAnnouncement(const uint8_t* packet, const TsHeader& header) {
+ParserStep CTsFilterBase::OfferAnnouncement(const uint8_t* packet, TsHeader header) {
     const Announcement announcement = std::exchange(m_announcement, {});
     if (!IsScanning())
         m_router.OfferSection(header, announcement.section);

@@ -268,8 +268,13 @@ private:
 
     friend PacketParser;
     ParserStep ParsePacket(const uint8_t* packet);
+    // What most packets do not need is in operations of its own. These two take the headers by value, so that
+    // ParsePacket can keep them in registers.
+    //
+    // The step of a clock. False where the input ends.
+    bool FollowClock(const uint8_t* packet, TsHeader header, AdaptationFieldHeader adaptation);
     // Of a PID with a section filter: one packet in fifty.
-    ParserStep ParseTablePacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation);
+    ParserStep ParseTablePacket(const uint8_t* packet, TsHeader header, AdaptationFieldHeader adaptation);
     ParserStep OfferTablePacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation);
     // A section that announced another transport stream. The contents start anew before they get it, so it waits,
     // with its packet, until that has been done.
@@ -282,7 +287,7 @@ private:
     // What the section filter of the packet's PID makes of it; a failure keeps the packet from the outputs.
     HRESULT ParseSections(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
                           bool* announced);
-    ParserStep OfferAnnouncement(const uint8_t* packet, const TsHeader& header);
+    ParserStep OfferAnnouncement(const uint8_t* packet, TsHeader header);
     HRESULT DispatchSection(std::span<const uint8_t> section);
     void DeleteSectionFilters(uint32_t firstPid) OS_REQUIRES(m_tableLock);
     void InstallSectionFilters(DefaultFilters which);

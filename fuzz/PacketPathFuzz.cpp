@@ -49,7 +49,7 @@ public:
                       bool) override {
         Require(packet[0] == kSyncByte && header.SyncByte() == kSyncByte && header.Pid() < kPidCount);
         Require(!header.TransportErrorIndicator() && header.TransportScramblingControl() == 0);
-        Require(adaptation.length <= kMaxAdaptationFieldLength);
+        Require(adaptation.Length() <= kMaxAdaptationFieldLength);
         ReadBytes({packet, kTransportPacketSize});
         ++m_delivered;
         if ((m_behaviour & 4) != 0)

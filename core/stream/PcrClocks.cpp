@@ -134,7 +134,7 @@ void PcrClocks::AdjustPcr(const uint8_t* packet, const TsHeader& header, const A
     if (clock && adaptation.DiscontinuityIndicator() && clock->discontinuityPending == 0 && !Discontinue(*clock))
         return;
     // A PCR that does not fit its adaptation field is none.
-    if (!adaptation.PcrFlag() || adaptation.length < kLeastLengthWithPcr)
+    if (!adaptation.PcrFlag() || adaptation.Length() < kLeastLengthWithPcr)
         return;
     const int64_t pcr = DecodePcr(packet);
     if (!clock) {

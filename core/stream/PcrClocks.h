@@ -82,7 +82,7 @@ public:
 
     // Whether AdjustPcr could do anything with such a packet; all but a few packets end here.
     bool Wants(const AdaptationFieldHeader& adaptation) const {
-        return (adaptation.flags & kClockFlags) != 0 && m_awake.load(std::memory_order_relaxed);
+        return (adaptation.word & kClockFlags) != 0 && m_awake.load(std::memory_order_relaxed);
     }
     // The clock step of a packet with an adaptation field of 1 to 183 bytes. packet: 188 bytes; position: its
     // offset in the stream; arrival: of the input sample that it came in.

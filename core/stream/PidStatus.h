@@ -16,10 +16,10 @@ public:
     void Update(uint32_t pid, bool scrambled) {
         std::atomic<uint8_t>& byte = m_bytes[pid / 4];
         const uint32_t shift = pid % 4;
-        const uint8_t before = byte.load(std::memory_order_relaxed);
-        const auto after = static_cast<uint8_t>((before & ~(0x11u << shift)) | ((scrambled ? 0x11u : 0x10u) << shift));
-        if (after != before)
-            byte.store(after, std::memory_order_relaxed);
+        const uint32_t before = byte.load(std::memory_order_relaxed);
+        const uint32_t bits = scrambled ? 0x11 : 0x10;
+        if ((before >> shift & 0x11) != bits) [[unlikely]]
+            byte.store(static_cast<uint8_t>((before & ~(0x11u << shift)) | bits << shift), std::memory_order_relaxed);
     }
 
     // pid: below 8192.

@@ -32,29 +32,29 @@ inline TsHeader DecodeTsHeader(const uint8_t* packet) {
 }
 
 struct AdaptationFieldHeader {
-    uint8_t length = 0;  // adaptation_field_length
-    uint8_t flags = 0;   // 0 when the length is 0
+    uint16_t word = 0;  // the first 2 bytes, big-endian; no flags when the length is 0
 
-    bool DiscontinuityIndicator() const { return (flags & 0x80) != 0; }
-    bool RandomAccessIndicator() const { return (flags & 0x40) != 0; }
-    bool ElementaryStreamPriorityIndicator() const { return (flags & 0x20) != 0; }
-    bool PcrFlag() const { return (flags & 0x10) != 0; }
-    bool OpcrFlag() const { return (flags & 0x08) != 0; }
-    bool SplicingPointFlag() const { return (flags & 0x04) != 0; }
-    bool TransportPrivateDataFlag() const { return (flags & 0x02) != 0; }
-    bool AdaptationFieldExtensionFlag() const { return (flags & 0x01) != 0; }
+    uint8_t Length() const { return static_cast<uint8_t>(word >> 8); }  // adaptation_field_length
+    bool DiscontinuityIndicator() const { return (word & 0x80) != 0; }
+    bool RandomAccessIndicator() const { return (word & 0x40) != 0; }
+    bool ElementaryStreamPriorityIndicator() const { return (word & 0x20) != 0; }
+    bool PcrFlag() const { return (word & 0x10) != 0; }
+    bool OpcrFlag() const { return (word & 0x08) != 0; }
+    bool SplicingPointFlag() const { return (word & 0x04) != 0; }
+    bool TransportPrivateDataFlag() const { return (word & 0x02) != 0; }
+    bool AdaptationFieldExtensionFlag() const { return (word & 0x01) != 0; }
 };
 
 inline constexpr uint8_t kMaxAdaptationFieldLength = 183;
 
 // packet: 188 bytes whose header says that it has an adaptation field.
 inline AdaptationFieldHeader DecodeAdaptationFieldHeader(const uint8_t* packet) {
-    return {packet[4], packet[4] >= 1 ? packet[5] : uint8_t{0}};
+    return {static_cast<uint16_t>(packet[4] << 8 | (packet[4] != 0 ? packet[5] : 0))};
 }
 
 // Bytes before the payload. The result may lie past the packet: adaptation_field_length can be anything.
 inline int32_t PayloadOffset(const TsHeader& header, const AdaptationFieldHeader& adaptation) {
-    return header.HasAdaptationField() ? 4 + 1 + adaptation.length : 4;
+    return header.HasAdaptationField() ? 4 + 1 + adaptation.Length() : 4;
 }
 
 }  // namespace tessel

@@ -12,7 +12,7 @@ std::optional<int64_t> PcrOf(const uint8_t* packet) {
     if (!header.HasAdaptationField() || header.TransportErrorIndicator())
         return std::nullopt;
     const AdaptationFieldHeader adaptation = DecodeAdaptationFieldHeader(packet);
-    if (!adaptation.PcrFlag() || adaptation.length < 7)
+    if (!adaptation.PcrFlag() || adaptation.Length() < 7)
         return std::nullopt;
     ByteReader field({packet + 6, 6});
     const int64_t high = field.U32();
@@ -33,7 +33,7 @@ void PacketMeter::Note(const uint8_t* packet) {
     AdaptationFieldHeader adaptation;
     if (header.HasAdaptationField()) {
         adaptation = DecodeAdaptationFieldHeader(packet);
-        if (adaptation.length > kMaxAdaptationFieldLength)
+        if (adaptation.Length() > kMaxAdaptationFieldLength)
             return;
         if (const auto pcr = PcrOf(packet)) {
             counts.hasPcr = true;

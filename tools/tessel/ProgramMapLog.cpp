@@ -22,7 +22,7 @@ PacketView::PacketView(const uint8_t* bytes) : packet(bytes), header(DecodeTsHea
 
 bool PacketView::IsClear() const {
     return !header.TransportErrorIndicator() && header.TransportScramblingControl() == 0 &&
-           adaptation.length <= kMaxAdaptationFieldLength;
+           adaptation.Length() <= kMaxAdaptationFieldLength;
 }
 
 bool ProgramMapLog::Take(const PacketView& view) {

@@ -25,7 +25,7 @@ void StreamCounter::Note(const uint8_t* packet) {
         Add(pid.scrambled);
     if (header.HasAdaptationField()) {
         const AdaptationFieldHeader adaptation = DecodeAdaptationFieldHeader(packet);
-        if (adaptation.length > kMaxAdaptationFieldLength)
+        if (adaptation.Length() > kMaxAdaptationFieldLength)
             return Add(m_damaged);
         if (adaptation.DiscontinuityIndicator())
             pid.lastCounter = -1;

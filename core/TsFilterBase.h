@@ -192,8 +192,8 @@ protected:
     void SetScanning(bool scanning) { m_scanning.store(scanning, std::memory_order_relaxed); }
     bool IsScanning() const { return m_scanning.load(std::memory_order_relaxed); }
 
-    // Whether the packet that is being parsed ends the input: then it stays unread. Asked behind a clock reference and a
-    // PAT of another stream.
+    // Whether the packet that is being parsed ends the input: then it stays unread. Asked behind a clock reference and
+    // a PAT of another stream.
     virtual bool EndsInput() const { return false; }
     // A PAT carries another transport_stream_id than before.
     virtual void NewTSID(uint32_t transportStreamId);

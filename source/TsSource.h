@@ -104,9 +104,10 @@ private:
         }
     };
     enum class Input { kNone, kRead, kFull, kEnd };
-    // Of the file, that playback reads at once: whole blocks. The outputs deliver the last ones meanwhile.
-    static constexpr int32_t kPieceSize = 0x100000;
-    static constexpr int32_t kBufferSize = kPieceSize + CPacketReader::kReadSize;
+    // What playback reads at once: a block of the file at its start, for the sake of the first picture, and then more
+    // and more of them. The outputs deliver the last ones meanwhile.
+    static constexpr int32_t kLargestPiece = 0x100000;
+    static constexpr int32_t kBufferSize = kLargestPiece + CPacketReader::kReadSize;
 
     bool EndsInput() const override { return m_discontinuity; }
     void NewTSID(uint32_t transportStreamId) override;
@@ -180,6 +181,7 @@ private:
         int32_t frameDuration = 0;
     };
     Start m_start OS_GUARDED_BY(StreamingLock());
+    int64_t m_pieceSize OS_GUARDED_BY(StreamingLock()) = 0;
     std::atomic<int64_t> m_endPosition{INT64_MAX};
     std::atomic<int64_t> m_readPosition{0};  // written with the streaming lock
 

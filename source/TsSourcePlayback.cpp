@@ -47,6 +47,7 @@ HRESULT CTsSource::StartStreaming() {
         if (FAILED(m_stream->Seek(m_start.filePos, STREAM_SEEK_SET, nullptr)))
             return E_FAIL;
         m_readPosition = m_start.filePos;
+        m_pieceSize = CStreamFile::kBlockSize;
         m_position = m_start.time;
         m_endOfStream = m_aborted = false;
         ++m_inputEpoch;
@@ -118,8 +119,8 @@ CTsSource::Input CTsSource::ReadInput() {
         if (left <= 0)
             return Input::kEnd;
         // Up to the end of a block of the file, so that the next ones can be read whole.
-        static_assert(kPieceSize % CStreamFile::kBlockSize == 0);
-        wanted = static_cast<int32_t>(std::min(kPieceSize - m_readPosition % kPieceSize, left));
+        wanted = static_cast<int32_t>(std::min(m_pieceSize - m_readPosition % m_pieceSize, left));
+        m_pieceSize = std::min<int64_t>(2 * m_pieceSize, kLargestPiece);
     }
     const std::span<uint8_t> reserved = ReserveData(wanted);
     if (reserved.empty())

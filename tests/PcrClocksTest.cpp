@@ -189,7 +189,7 @@ TEST(PcrClocks, UpdatesMakeAndDropClocks) {
     for (const bool live : {true, false}) {
         SCOPED_TRACE(live);
         Host host(live);
-        const AdaptationFieldHeader pcr = {7, 0x10};
+        const AdaptationFieldHeader pcr{0x0710};  // 7 bytes, PCR_flag
         host.Pcr(0, 0);
         EXPECT_THAT(host.ClockPids(), IsEmpty()) << "no update is open";
         EXPECT_FALSE(host.clocks.Wants(pcr));
@@ -197,7 +197,7 @@ TEST(PcrClocks, UpdatesMakeAndDropClocks) {
         host.clocks.BeginUpdate(kDrop);
         host.clocks.BeginUpdate(kDrop);
         EXPECT_TRUE(host.clocks.Wants(pcr));
-        EXPECT_FALSE(host.clocks.Wants({7, 0x6F})) << "neither a PCR nor a discontinuity";
+        EXPECT_FALSE(host.clocks.Wants({0x076F})) << "neither a PCR nor a discontinuity";
         host.Pcr(1, 0, kNoArrival, 0x30);
         host.Pcr(1, 0, kNoArrival, kNullPid);
         host.Feed(0x31, {.discontinuity = true}, 0);

@@ -104,8 +104,8 @@ private:
         }
     };
     enum class Input { kNone, kRead, kFull, kEnd };
-    // What playback reads at once: a block of the file at its start, for the sake of the first picture, and then more
-    // and more of them. The outputs deliver the last ones meanwhile.
+    // What playback reads at once: a block of the file while it begins, so that a seek is not held up, and more of them
+    // the longer it goes on. The outputs deliver the last ones meanwhile.
     static constexpr int32_t kLargestPiece = 0x100000;
     static constexpr int32_t kBufferSize = kLargestPiece + CPacketReader::kReadSize;
 
@@ -181,7 +181,6 @@ private:
         int32_t frameDuration = 0;
     };
     Start m_start OS_GUARDED_BY(StreamingLock());
-    int64_t m_pieceSize OS_GUARDED_BY(StreamingLock()) = 0;
     std::atomic<int64_t> m_endPosition{INT64_MAX};
     std::atomic<int64_t> m_readPosition{0};  // written with the streaming lock
 

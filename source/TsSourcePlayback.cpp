@@ -1,5 +1,6 @@
 // The file source's worker, and what starts and ends it.
 #include <algorithm>
+#include <bit>
 
 #include "platform/media/MediaResult.h"
 #include "source/StreamFile.h"
@@ -13,6 +14,9 @@ namespace {
 constexpr uint32_t kRetryWait = 10;
 // Milliseconds that a stop waits for the worker.
 constexpr uint32_t kTaskWait = 100;
+
+// Pieces of a size are read when so many times their bytes have been.
+constexpr uint64_t kPiecesRead = 32;
 
 }  // namespace
 
@@ -47,7 +51,6 @@ HRESULT CTsSource::StartStreaming() {
         if (FAILED(m_stream->Seek(m_start.filePos, STREAM_SEEK_SET, nullptr)))
             return E_FAIL;
         m_readPosition = m_start.filePos;
-        m_pieceSize = CStreamFile::kBlockSize;
         m_position = m_start.time;
         m_endOfStream = m_aborted = false;
         ++m_inputEpoch;
@@ -119,8 +122,9 @@ CTsSource::Input CTsSource::ReadInput() {
         if (left <= 0)
             return Input::kEnd;
         // Up to the end of a block of the file, so that the next ones can be read whole.
-        wanted = static_cast<int32_t>(std::min(m_pieceSize - m_readPosition % m_pieceSize, left));
-        m_pieceSize = std::min<int64_t>(2 * m_pieceSize, kLargestPiece);
+        const auto share = std::bit_floor(static_cast<uint64_t>(m_readPosition - m_start.filePos) / kPiecesRead);
+        const int64_t piece = std::clamp<int64_t>(static_cast<int64_t>(share), CStreamFile::kBlockSize, kLargestPiece);
+        wanted = static_cast<int32_t>(std::min(piece - m_readPosition % piece, left));
     }
     const std::span<uint8_t> reserved = ReserveData(wanted);
     if (reserved.empty())

@@ -11,10 +11,13 @@
 
 namespace tessel {
 
+// Bytes that a sample has at most: 400 packets.
+inline constexpr int32_t kLargestSample = 75'200;
+
 // Memory that goes out to several users, samples among them, and is free again when the last one has no more use for
 // it.
 struct PayloadBlock {
-    static constexpr int32_t kSize = 2 * 75'200;
+    static constexpr int32_t kSize = 2 * kLargestSample;
 
     std::atomic<int32_t> uses;
     alignas(64) uint8_t bytes[kSize];
@@ -38,9 +41,6 @@ private:
 // without a copy; so a unit, which goes out by itself, begins where all of a sample has room.
 class CPayloadCache {
 public:
-    // Of a sample: 400 packets.
-    static constexpr int32_t kLargestSample = 75'200;
-
     CPayloadCache() : m_pool(std::make_shared<CBlockPool>()) {}
     ~CPayloadCache();
 
@@ -60,11 +60,12 @@ public:
     // The next byte begins a unit.
     void BeginUnit();
 
-    // count: at most Available().
+    // Of these three, count: at most Available().
     void CopyTo(uint8_t* target, int32_t count) const;
     void Skip(int32_t count);
     void Clear() { Skip(m_available); }
-    // Lends the next count bytes, and skips them. False when they lie in two blocks or the sample cannot have them.
+    // Lends the next count bytes, and skips them. False when they lie in two blocks, are too few to be worth it, or the
+    // sample cannot have them.
     bool LendTo(IMediaSample& sample, int32_t count);
 
 private:

@@ -13,8 +13,6 @@ namespace tessel {
 
 namespace {
 
-constexpr LONG kSampleSize = CPayloadCache::kLargestSample;
-
 // 100 ns.
 constexpr REFERENCE_TIME kFarApart = 30'000'000;
 constexpr REFERENCE_TIME kFarAhead = 300'000'000;
@@ -33,7 +31,7 @@ CStreamExecutor::CStreamExecutor(CTsOutputPin& pin, IOutputHost& host)
       m_noticeLock("content's notices", kRankLeaf) {}
 
 LONG CStreamExecutor::GetBufferSize() const {
-    return kSampleSize;
+    return kLargestSample;
 }
 
 HRESULT CStreamExecutor::Active() {

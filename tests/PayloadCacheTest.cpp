@@ -14,7 +14,7 @@ namespace tessel {
 namespace {
 
 constexpr int32_t kBlock = PayloadBlock::kSize;
-constexpr int32_t kSample = CPayloadCache::kLargestSample;
+constexpr int32_t kSample = kLargestSample;
 
 using Bytes = std::vector<uint8_t>;
 

@@ -273,7 +273,7 @@ TEST_F(FileSource, EndsWithAnAbortWhereTheClockJumps) {
         ASSERT_GT(graph.Duration(), 0);
         graph.Play();
         EXPECT_EQ(graph.AbortResult(), VFW_E_INVALID_FILE_FORMAT);
-        EXPECT_LE(graph.video->Bytes().size(), video + 65'536);
+        EXPECT_LE(graph.video->Bytes().size(), video) << "nothing that lies behind";
         EXPECT_LE(graph.Position(), movie.points.back().time);
         // Behind the jump it plays.
         ASSERT_TRUE(SUCCEEDED(graph.graph->Pause()));

@@ -52,7 +52,7 @@ bool CMediaSample::Lend(const std::shared_ptr<ISampleMemory>& owner, void* block
     m_lender = owner;
     m_block = block;
     m_lent = part;
-    m_lentSize = size;
+    m_lentSize = m_length = size;
     return true;
 }
 

@@ -147,6 +147,11 @@ HRESULT CTsSource::SetPositions(int64_t* current, DWORD currentFlags, int64_t*, 
     }
     REFERENCE_TIME reached = requested;
     const HRESULT result = SeekTo(requested, toKeyFrame, &reached);
+    // Before it plays on, for it may be at its end at once.
+    if (SUCCEEDED(result)) {
+        m_endOfStream = false;
+        m_position = requested;
+    }
     ApplyOffsets();
     if (streams) {
         for (const OutputPinPtr& pin : pins)
@@ -155,11 +160,7 @@ HRESULT CTsSource::SetPositions(int64_t* current, DWORD currentFlags, int64_t*, 
         if (FAILED(started) && SUCCEEDED(result))
             return started;
     }
-    if (FAILED(result))
-        return result;
-    m_endOfStream = false;
-    m_position = requested;
-    if (toKeyFrame)
+    if (SUCCEEDED(result) && toKeyFrame)
         *current = reached;
     return result;
 }

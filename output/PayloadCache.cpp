@@ -35,10 +35,7 @@ PayloadBlock* CBlockPool::Take() {
         if (m_free.capacity() == 0)
             m_free.reserve(kMostFree);
     }
-    auto* const block = new (std::nothrow) PayloadBlock;
-    if (block != nullptr)
-        block->uses.store(1, std::memory_order_relaxed);
-    return block;
+    return new (std::nothrow) PayloadBlock;
 }
 
 void CBlockPool::TakeBack(void* taken) {

@@ -19,7 +19,7 @@ inline constexpr int32_t kLargestSample = 75'200;
 struct PayloadBlock {
     static constexpr int32_t kSize = 2 * kLargestSample;
 
-    std::atomic<int32_t> uses;
+    std::atomic<int32_t> uses{1};
     alignas(64) uint8_t bytes[kSize];
 };
 

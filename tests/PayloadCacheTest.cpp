@@ -112,7 +112,7 @@ TEST(PayloadCache, LendsWhatLiesInOneBlock) {
     EXPECT_EQ(cache.Available(), 10'000);
 }
 
-// What is lent stays as it is, whatever is written meanwhile, and the memory comes back with the last sample.
+// What is lent stays as it is, whatever is written meanwhile.
 TEST(PayloadCache, WritesBehindWhatIsLent) {
     const auto allocator = MakeAllocator({16, kSample, 1, 0});
     CPayloadCache cache;

@@ -1,7 +1,8 @@
 """Helpers of the end-to-end tests: the tool, its streams, and a second opinion on what it should select.
 
 TESSEL names the tool, TESSEL_SOURCE the checkout, TESSEL_E2E_CACHE a folder for streams made here.
-TESSEL_STREAMS may name a folder of recordings with a facts.json; what needs it is skipped without.
+TESSEL_STREAMS may name a folder of recordings with a facts.json, TESSEL_FAULTS the library that makes the system
+fail; what needs them is skipped without.
 """
 import collections
 import hashlib
@@ -17,6 +18,7 @@ import unittest
 PACKET = 188
 NULL_PID = 0x1FFF
 TOOL = os.environ.get("TESSEL", "")
+FAULTS = os.environ.get("TESSEL_FAULTS", "")
 SOURCE = pathlib.Path(os.environ.get("TESSEL_SOURCE", pathlib.Path(__file__).parents[2]))
 CACHE = pathlib.Path(os.environ.get("TESSEL_E2E_CACHE", pathlib.Path(tempfile.gettempdir(), "tessel-e2e")))
 SAMPLE = SOURCE / "samples" / "tessel-sample.ts"
@@ -32,6 +34,14 @@ def run(*arguments, **options):
         options.setdefault("stdin", subprocess.DEVNULL)
     options.setdefault("stdout", subprocess.PIPE)
     return subprocess.run([TOOL, *map(str, arguments)], stderr=subprocess.PIPE, timeout=240, **options)
+
+
+def faulty(**faults):
+    """The environment of a tool in which the system fails: faulty(read_file=path, read_from=188_000, read_bytes=512),
+    faulty(allocation=17), faulty(thread=1); tests/faults/Faults.cpp has the others."""
+    if not FAULTS:
+        raise unittest.SkipTest("TESSEL_FAULTS is not set; it names the library of tests/faults")
+    return dict(os.environ, LD_PRELOAD=FAULTS, **{f"FAULT_{name.upper()}": str(fault) for name, fault in faults.items()})
 
 
 class ToolTest(unittest.TestCase):

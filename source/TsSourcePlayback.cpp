@@ -39,6 +39,7 @@ HRESULT CTsSource::Stop() {
 
 HRESULT CTsSource::StartStreaming() {
     {
+        CScopedLock seeking(&m_seekLock);
         CScopedLock lock(&StreamingLock());
         if (!m_stream)
             return E_UNEXPECTED;
@@ -54,10 +55,10 @@ HRESULT CTsSource::StartStreaming() {
         m_position = m_start.time;
         m_endOfStream = m_aborted = false;
         ++m_inputEpoch;
+        ApplyOffsets();
         TakeInput();
     }
     RunDeferred();
-    ApplyOffsets();
     const HRESULT result = m_worker.Start(WorkerPriority());
     m_workEvent->Set();
     return result;

@@ -51,9 +51,11 @@ bool CTsSource::FindMaster(Master* out) {
 }
 
 bool CTsSource::InitSeek() {
-    CScopedLock lock(&StreamingLock());
+    // Asked without the streaming lock, which the worker holds for as long as a receiver keeps it waiting. A start
+    // takes the seek lock, so what does not stream now will not begin to.
     if (IsStreaming())
         return m_seekReady;
+    CScopedLock lock(&StreamingLock());
     Master master;
     const bool found = m_stream && FindMaster(&master);
     if (found && master == m_master)

@@ -231,6 +231,33 @@ TEST_F(FileSource, SeeksToTheSamePlaceWhereverItComesFrom) {
     }
 }
 
+// Renderers keep their first sample until the graph runs, so the worker soon waits for room.
+TEST_F(FileSource, SeeksWhileRenderersHoldTheirFirstSample) {
+    Movie movie({.pictureSize = 160'000});
+    movie.Frames(250).Padding();
+    SourceGraph graph;
+    ASSERT_EQ(graph.Load(Write(movie.stream.bytes())), S_OK);
+    graph.AddStreams();
+    for (TestSink* sink : {graph.video, graph.audio}) {
+        sink->ForgetAtFlush();
+        sink->OnSample([sink](IMediaSample&) {
+            const size_t flushes = sink->Flushes();
+            const auto flushed = [&] { return sink->In().IsFlushing() || sink->Flushes() != flushes; };
+            EXPECT_TRUE(Eventually([&] { return flushed() || sink->State() != State_Paused; })) << "nothing freed it";
+            return flushed() ? S_FALSE : S_OK;
+        });
+    }
+    ASSERT_TRUE(SUCCEEDED(graph.graph->Pause()));
+    const Movie::Point* point = &movie.points[0];
+    for (const DWORD milliseconds : {0, 1, 5, 20, 50, 200, 500, 1'000}) {
+        Sleep(milliseconds);
+        ASSERT_EQ(graph.Seek((++point)->time), S_OK) << milliseconds;
+        ASSERT_EQ(graph.Position(), point->time);
+    }
+    graph.Play();
+    EXPECT_EQ(graph.video->Bytes(), From(movie.video, point->video));
+}
+
 // Counts what is read of a file.
 class CountingStream final : public CUnknown, public IStream {
 public:

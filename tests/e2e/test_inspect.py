@@ -369,10 +369,54 @@ class Inspect(support.ToolTest):
         events.wait("the new session", lambda e: e.topics["pages"]["input"] == "a <b> �.ts")
         events.wait("its tables", lambda e: len(e.texts("vct")) == 3)
         events.wait("its end", lambda e: e.topics["overview"]["state"] == "ended")
-        self.assertEqual(inspector.post("/api/upload", b"")[0], 400)
+        for body, reason in ((b"", "empty"), (b"\0\0\0\x18ftypisom" + bytes(90_000), "an MP4 file"),
+                             ((b"\x47" + bytes(203)) * 50, "204 bytes"), (bytes(20_000), "no packets")):
+            status, answer = inspector.post("/api/upload", body)
+            self.assertEqual(status, 415)
+            self.assertIn(reason, answer["error"])
+        self.assertEqual(len(events.sessions), 2, "what is no stream takes no stream's place")
         self.assertEqual(inspector.post("/api/upload", b"--x\r\n", Content_Type="multipart/form-data; boundary=x")[0], 415)
         self.assertEqual(inspector.request("POST", "/api/upload", b"x" * 100, X_Tessel_Token=inspector.token,
                                            Content_Length=str(1 << 40))[0], 413)
+
+    def test_one_upload_at_a_time_and_at_a_pace(self):
+        inspector = self.inspect(SAMPLE, "--loop")
+        slow = socket.create_connection(("127.0.0.1", inspector.port), timeout=DEADLINE)
+        self.addCleanup(slow.close)
+        slow.sendall(f"POST /api/upload?name=slow HTTP/1.1\r\nHost: 127.0.0.1:{inspector.port}\r\n"
+                     f"X-Tessel-Token: {inspector.token}\r\nContent-Length: 1000000\r\n\r\n".encode() +
+                     SAMPLE.read_bytes()[:188 * 100])
+        events = self.events(inspector)
+        events.wait("the slow stream", lambda e: e.topics["pages"]["input"] == "slow")
+        for path, body in (("/api/upload", SAMPLE.read_bytes()), ("/api/room", {"bytes": 1000})):
+            status, answer = inspector.post(path, body)
+            self.assertEqual((status, "Another stream" in answer["error"]), (409, True))
+        self.assertIn(b" 400 ", slow.recv(1000), "the one that stands still is given up")
+        status, answer = inspector.post("/api/room", {"bytes": 1 << 50})
+        self.assertEqual((status, "there is room for" in answer["error"]), (413, True))
+        self.assertEqual(inspector.post("/api/room", {"bytes": 1000})[0], 200)
+
+    def test_those_who_never_finish(self):
+        inspector = self.inspect(SAMPLE, "--loop")
+        head = f"GET / HTTP/1.1\r\nHost: 127.0.0.1:{inspector.port}\r\n".encode()
+
+        def begin(data):
+            connection = socket.create_connection(("127.0.0.1", inspector.port), timeout=DEADLINE)
+            self.addCleanup(connection.close)
+            connection.sendall(data)
+            return connection
+        for data, status in ((b"GET /" + b"x" * 5000 + b" HTTP/1.1\r\n\r\n", b"414"), (b"G" * 20_000, b"414"),
+                             (head + b"X: " + b"y" * 5000 + b"\r\n\r\n", b"431"),
+                             (head + b"X: y\r\n" * 100 + b"\r\n", b"431"), (head + b"X: yyyy\r\n" * 50, b"408")):
+            self.assertEqual(begin(data).recv(1000).split(b" ")[1], status, data[:40])
+        idle = [begin(head) for _ in range(100)]
+        self.assertEqual(inspector.request("GET", "/")[0], 200, "a hundred that wait hold nobody up")
+        trickling, end = begin(head), time.monotonic() + DEADLINE
+        with self.assertRaises(OSError, msg="a request has a time, not each of its bytes"):
+            while time.monotonic() < end:
+                trickling.sendall(b"X")
+                time.sleep(0.2)
+        del idle
 
     def test_a_browser_that_does_not_read(self):
         inspector = self.inspect(SAMPLE, "--loop")
@@ -399,6 +443,14 @@ class Inspect(support.ToolTest):
         code, said = everywhere.end()
         self.assertEqual(code, 0)
         self.assertIn(b"can be reached from other machines", said)
+
+    def test_inputs_that_are_no_stream(self):
+        inspector = self.inspect(self.file("film.ts", b"\0\0\0\x18ftypisom" + bytes(90_000)))
+        events = self.events(inspector)
+        events.wait("a line about it", lambda e: any("an MP4 file" in line["text"] for line in e.log))
+        code, said = inspector.end()
+        self.assertEqual(code, 0)
+        self.assertIn(b"film.ts: seems to be no transport stream: it is an MP4 file", said)
 
     def test_inputs_that_cannot_be(self):
         for arguments, text in ((["/nowhere.ts"], b"cannot open"), (["-", "--loop"], b"what a pipe has given is gone")):

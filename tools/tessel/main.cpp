@@ -83,6 +83,7 @@ struct InspectArguments {
     std::string listen = "127.0.0.1:8210";
     bool open = false;
     bool loop = false;
+    bool allowUploads = false;
 };
 
 struct ModuleArguments {
@@ -195,7 +196,8 @@ void RunWatch(const WatchArguments& arguments) {
 }
 
 void RunInspect(const InspectArguments& arguments) {
-    const InspectRequest request{ParseListenAddress(arguments.listen), arguments.open, arguments.loop};
+    const InspectRequest request{ParseListenAddress(arguments.listen), arguments.open, arguments.loop,
+                                 arguments.allowUploads};
     auto input = std::make_unique<InputFile>(arguments.input);
     if (request.loop && !input->CanRewind())
         throw Misuse("--loop plays a file again and again; what a pipe has given is gone");
@@ -337,6 +339,8 @@ void AddInspect(CLI::App& app, InspectArguments& arguments) {
         ->option_text("ADDRESS:PORT [" + arguments.listen + "]");
     inspect->add_flag("--open", arguments.open, "Open the browser");
     inspect->add_flag("--loop", arguments.loop, "Play a file again and again");
+    inspect->add_flag("--allow-uploads", arguments.allowUploads,
+                      "Other machines that reach the page may send a stream in place of this one");
     inspect->footer(
         "A file plays at the speed of its clock, and plays on when it grows; a pipe at the speed at which it comes.\n"
         "The pages stay when the input has ended. Ctrl-C ends it.\n\n"

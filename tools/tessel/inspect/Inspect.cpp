@@ -6,6 +6,7 @@
 
 #include <cstdio>
 
+#include "tools/tessel/InputKind.h"
 #include "tools/tessel/Interrupt.h"
 #include "tools/tessel/Utf8.h"
 #include "tools/tessel/inspect/Server.h"
@@ -41,9 +42,13 @@ void OpenBrowser(const std::string& url) {
 
 void Inspect(std::unique_ptr<InputFile> input, const InspectRequest& request) {
     const std::string name = ToTerminal(input->Name());
-    InspectServer server(request.listen, {std::move(input), name, request.loop, nullptr});
+    const std::string doubt = input->CanRewind() ? WhyNoStream(input->Descriptor()).value_or("") : "";
+    if (!doubt.empty())
+        Warn(name + ": seems to be no transport stream: " + doubt);
+    InspectServer server(request.listen, {std::move(input), name, request.loop, nullptr, doubt}, request.allowUploads);
     if (!request.listen.IsLoopback())
-        Warn(server.Url() + " can be reached from other machines: whoever reaches it sees the stream and may map PIDs");
+        Warn(server.Url() + " can be reached from other machines: whoever reaches it sees the stream and may map PIDs" +
+             (request.allowUploads ? ", replace the stream, and fill the folder of temporary files" : ""));
     server.Start();
     Print("Inspecting " + name + " at " + server.Url() + " (Ctrl-C ends it)\n");
     if (request.open)

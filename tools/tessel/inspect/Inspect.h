@@ -12,6 +12,7 @@ struct InspectRequest {
     ListenAddress listen;
     bool open = false;
     bool loop = false;
+    bool allowUploads = false;  // from other machines
 };
 
 // Serves until interrupted.

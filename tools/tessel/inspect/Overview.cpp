@@ -111,6 +111,7 @@ Json Overview::Make() {
         {"pipe", m_playback.IsPipe()},
         {"found", m_now.all != 0},
         {"error", m_playback.Error()},
+        {"doubt", m_playback.Doubt()},
         {"bytes", m_playback.Bytes()},
         {"packets", m_now.all},
         {"damaged", counter.Damaged()},

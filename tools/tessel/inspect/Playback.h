@@ -25,6 +25,7 @@ struct PlaybackInput {
     bool loop = false;  // of a file proper
     // More bytes are to come into the file; null: nothing is known of that.
     std::shared_ptr<const std::atomic<bool>> filling;
+    std::string doubt = {};  // why it seems to be no transport stream
 };
 
 enum class PlaybackState {
@@ -46,6 +47,7 @@ public:
     // From any thread:
     IBaseFilter* Splitter() const { return m_pipeline.Splitter(0); }
     const std::string& Name() const { return m_input.name; }
+    const std::string& Doubt() const { return m_input.doubt; }
     bool IsPipe() const { return !m_input.file->CanRewind(); }
     PlaybackState State() const { return m_state; }
     // Why it failed.

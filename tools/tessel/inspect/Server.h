@@ -10,18 +10,14 @@
 #include "tools/tessel/inspect/Guard.h"
 #include "tools/tessel/inspect/Session.h"
 
-namespace httplib {
-class Server;
-struct Request;
-struct Response;
-}  // namespace httplib
-
 namespace tessel::tool {
+
+class HttpServer;
 
 class InspectServer {
 public:
-    // Listens; Failure when the address is taken. input: the first session.
-    InspectServer(const ListenAddress& address, PlaybackInput input);
+    // Listens; Failure when the address is taken. input: the first session. allowUploads: from other machines too.
+    InspectServer(const ListenAddress& address, PlaybackInput input, bool allowUploads);
     ~InspectServer();
     InspectServer(const InspectServer&) = delete;
     InspectServer& operator=(const InspectServer&) = delete;
@@ -38,8 +34,9 @@ private:
     void Replace(PlaybackInput input);
 
     ListenAddress m_address;
+    const bool m_allowUploads;
     Board m_board;
-    std::unique_ptr<httplib::Server> m_server;
+    std::unique_ptr<HttpServer> m_server;
     std::unique_ptr<Guard> m_guard;
     std::unique_ptr<Routes> m_routes;
     std::mutex m_replacing;

@@ -84,6 +84,8 @@ Session::Session(Board& board, PlaybackInput input)
     const auto mapper = ComPtr<IBaseFilter>(m_playback.Splitter()).As<IDvbPidMapper>();
     Check(mapper->Advise(static_cast<IDvbPidMapperEvents*>(m_events.Get()), &m_pidCookie), "cannot watch PIDs");
     m_board.AddLine(m_number, "input", "Reading " + m_playback.Name());
+    if (!m_playback.Doubt().empty())
+        m_board.AddLine(m_number, "error", "This seems to be no transport stream: " + m_playback.Doubt());
     m_thread = std::thread([this] { Run(); });
 }
 

@@ -27,26 +27,35 @@ export function listen(handlers) {
   source.addEventListener('error', () => handlers.connected(false));
 }
 
-/** Asks for a change; shows what the page has to say of it. Gives true when it was done. */
-export async function ask(path, request) {
-  let answer;
+async function post(path, request) {
   try {
     const response = await fetch(path, {
       method: 'POST',
       headers: { 'Content-Type': 'application/json', 'X-Tessel-Token': token },
       body: JSON.stringify(request),
     });
-    answer = await response.json();
+    return await response.json();
   } catch {
-    answer = { error: 'tessel does not answer; it may have ended.' };
+    return { error: 'tessel does not answer; it may have ended.' };
   }
+}
+
+/** Asks for a change; shows what the page has to say of it. Gives true when it was done. */
+export async function ask(path, request) {
+  const answer = await post(path, request);
   if (answer.error) notice(answer.error);
   for (const text of answer.messages ?? []) await say(text);
   return !answer.error && (answer.messages ?? []).length === 0;
 }
 
-/** Sends a file to be inspected; progress(part of it). */
-export function send(file, progress) {
+/** Sends a file to be inspected; progress(part of it). Gives why it could not be, or nothing. */
+export async function send(file, progress) {
+  // First whether it is wanted: a browser hears of a refusal only when all has been sent.
+  const { error } = await post('/api/room', { bytes: file.size });
+  return error ?? sendBytes(file, progress);
+}
+
+function sendBytes(file, progress) {
   return new Promise((resolve) => {
     const request = new XMLHttpRequest();
     request.open('POST', '/api/upload?name=' + encodeURIComponent(file.name));

@@ -34,7 +34,8 @@ export function showFacts(overview) {
   const state = document.getElementById('state');
   state.dataset.state = overview.state;
   const round = overview.rounds && overview.state === 'playing' ? `, round ${overview.rounds + 1}` : '';
-  const text = overview.state === 'ended' && !overview.found ? 'no transport stream found'
+  const text = overview.state === 'ended' && !overview.found
+    ? `no transport stream found${overview.doubt && ': '}${overview.doubt}`
     : overview.state === 'failed' ? overview.error : STATES[overview.state] + round;
   if (state.textContent !== text) state.textContent = text;
   const facts = {

@@ -70,24 +70,25 @@ OpenFiles::Block OpenFiles::ReadBlock(const File& file, uint64_t offset, uint32_
     if (skip == 0 && buffer.size() >= length && length == CMemoryCache::kFrameSize) {
         BHDR_SetFile(&record, file.file.get(), offset, length);
         if (m_cache->CheckPreload(record) == kNotCached)
-            return ReadPast(*file.file, offset, buffer.first(length));
+            return ReadPast(*file.file, offset, skip, buffer.first(length));
     }
     const HRESULT result = GetBlock(file.file.get(), offset, length, &record);
-    if (FAILED(result))
+    if (FAILED(result) && skip == 0)
         return {result, 0, 0};
-    // The file may have become shorter since its size was asked for.
-    const auto copied =
-        static_cast<uint32_t>(std::min<size_t>(record.valid - std::min(skip, record.valid), buffer.size()));
-    if (copied > 0)
-        std::memcpy(buffer.data(), record.Data() + skip, copied);
+    // The file may have become shorter since its size was asked for; or something in the block cannot be read, which
+    // what is wanted may lie behind.
+    if (FAILED(result) || record.valid <= skip)
+        return ReadPast(*file.file, offset, skip, buffer.first(std::min<size_t>(buffer.size(), length - skip)));
+    const auto copied = static_cast<uint32_t>(std::min<size_t>(record.valid - skip, buffer.size()));
+    std::memcpy(buffer.data(), record.Data() + skip, copied);
     return {S_OK, record.valid, copied};
 }
 
-OpenFiles::Block OpenFiles::ReadPast(const CFile& file, uint64_t offset, std::span<uint8_t> buffer) {
-    const int64_t read = file.ReadAt(offset, buffer);
+OpenFiles::Block OpenFiles::ReadPast(const CFile& file, uint64_t offset, uint32_t skip, std::span<uint8_t> buffer) {
+    const int64_t read = file.ReadAt(offset + skip, buffer);
     if (read < 0)
         return {E_FAIL, 0, 0};
-    return {S_OK, static_cast<uint32_t>(read), static_cast<uint32_t>(read)};
+    return {S_OK, skip + static_cast<uint32_t>(read), static_cast<uint32_t>(read)};
 }
 
 HRESULT OpenFiles::GetBlock(const CFile* file, uint64_t offset, uint32_t length, BUFFERHDR* record) {

@@ -49,13 +49,13 @@ public:
     int64_t GetSize(File& file);
 
     // Copies the bytes of the block (offset, length) from its byte `skip` on to buffer, as far as the
-    // block and buffer go. The result is S_OK or E_FAIL. Who takes a block at once, as playback does, gets it past the
-    // cache, which is for those that come back.
+    // block and buffer go. The result is S_OK, or E_FAIL when the first byte of them cannot be read. Who takes a block
+    // at once, as playback does, gets it past the cache, which is for those that come back.
     Block ReadBlock(const File& file, uint64_t offset, uint32_t length, uint32_t skip, std::span<uint8_t> buffer);
 
 private:
     void Detach(File* file);
-    static Block ReadPast(const CFile& file, uint64_t offset, std::span<uint8_t> buffer);
+    static Block ReadPast(const CFile& file, uint64_t offset, uint32_t skip, std::span<uint8_t> buffer);
     // Fills the record with the block: from the cache, or from the file through the next ring slot.
     HRESULT GetBlock(const CFile* file, uint64_t offset, uint32_t length, BUFFERHDR* record) OS_REQUIRES(m_lock);
 

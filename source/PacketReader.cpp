@@ -2,11 +2,12 @@
 
 namespace tessel {
 
-int32_t ReadFile(IStream& file, std::span<uint8_t> reserved) {
-    ULONG read = 0;
+HRESULT ReadFile(IStream& file, std::span<uint8_t> reserved, int32_t* read) {
+    ULONG count = 0;
+    const HRESULT result = file.Read(reserved.data(), static_cast<ULONG>(reserved.size()), &count);
+    *read = static_cast<int32_t>(count);
     // A failure behind some bytes comes again when it is asked for the next ones.
-    file.Read(reserved.data(), static_cast<ULONG>(reserved.size()), &read);
-    return static_cast<int32_t>(read);
+    return count > 0 ? S_OK : result;
 }
 
 CPacketReader::CPacketReader(IStream& file, int32_t packetSize) : m_file(file) {
@@ -17,6 +18,7 @@ bool CPacketReader::MoveTo(int64_t position) {
     if (FAILED(m_parser.CreateBuffer()) || FAILED(m_file.Seek(position, STREAM_SEEK_SET, nullptr)))
         return false;
     m_parser.ResetPositions(position);
+    m_result = S_OK;
     return true;
 }
 
@@ -37,7 +39,8 @@ bool CPacketReader::ReadMore() {
     const std::span<uint8_t> reserved = m_parser.Reserve(kReadSize);
     if (reserved.empty())
         return false;
-    const int32_t read = ReadFile(m_file, reserved);
+    int32_t read = 0;
+    m_result = ReadFile(m_file, reserved, &read);
     m_parser.Commit(read);
     return read > 0;
 }

@@ -1,6 +1,8 @@
 // The packets of a stream file, from any place on.
 #pragma once
 
+#include <optional>
+
 #include "core/stream/PacketParser.h"
 #include "platform/com/Stream.h"
 
@@ -20,6 +22,10 @@ public:
     const uint8_t* ReadPacket();
     // Of the packet read last, in the file.
     int64_t Position() const { return m_position; }
+    // The byte that could not be read, which was taken for the end.
+    std::optional<int64_t> Unreadable() const {
+        return FAILED(m_result) ? std::optional(m_parser.BytesReceived()) : std::nullopt;
+    }
 
 private:
     friend class PacketParser;
@@ -31,10 +37,11 @@ private:
     PacketParser m_parser{kReadSize};
     const uint8_t* m_packet = nullptr;
     int64_t m_position = 0;
+    HRESULT m_result = S_OK;  // of the last read
 };
 
-// One step of reading a file into a buffer: how many bytes came into the bytes that were reserved. 0 at the end and
-// when the file cannot be read.
-int32_t ReadFile(IStream& file, std::span<uint8_t> reserved);
+// One step of reading a file into a buffer: how many bytes came into the bytes that were reserved. Without any the
+// result says whether the file is at its end or cannot be read.
+HRESULT ReadFile(IStream& file, std::span<uint8_t> reserved, int32_t* read);
 
 }  // namespace tessel

@@ -67,7 +67,7 @@ HRESULT CStreamFile::ReadBlocks(std::span<uint8_t> buffer, ULONG* read) {
         m_position += block.copied;
         *read += block.copied;
         if (block.valid < m_blockSize)
-            break;  // the end of the file, wherever it is by now
+            break;  // the end of the file, wherever it is by now; or what comes next cannot be read, which is told then
     }
     return S_OK;
 }

@@ -28,8 +28,9 @@ public:
     DECLARE_IUNKNOWN
     HRESULT NonDelegatingQueryInterface(const IID& iid, void** out) override;
 
-    // S_OK with fewer bytes than asked for where the file ends, with 0 behind its end. E_FAIL when a block
-    // cannot be read: the bytes before it have been read. E_POINTER for a null buffer.
+    // S_OK with fewer bytes than asked for where the file ends, with 0 behind its end. E_FAIL in front of a byte that
+    // cannot be read: those before it have been read. Where there are some, the failure may come with the next call
+    // only. E_POINTER for a null buffer.
     HRESULT Read(void* buffer, ULONG count, ULONG* read) override;
     // Before the beginning and behind the end it goes to the end. E_INVALIDARG: no such origin.
     HRESULT Seek(int64_t move, DWORD origin, uint64_t* position) override;

@@ -97,7 +97,7 @@ HRESULT CTsSource::Load(const OLECHAR* name, const AM_MEDIA_TYPE*) {
         ForgetFile();
         const std::optional<std::string> path = ToNarrow(text);
         HRESULT result = S_OK;
-        ComPtr<IStream> stream = OpenStreamFile(path ? path->c_str() : nullptr, GENERIC_READ, &result);
+        ComPtr<IStream> stream = OpenStreamFile(path ? path->c_str() : nullptr, GENERIC_READ, &result, *m_system);
         if (!stream)
             return result;
         {

@@ -10,6 +10,7 @@
 #include "core/TsFilterBase.h"
 #include "filters/threads/FilterWorker.h"
 #include "platform/com/PropertyPages.h"
+#include "platform/os/File.h"
 #include "source/PacketReader.h"
 #include "source/SeekIndex.h"
 
@@ -84,6 +85,10 @@ public:
     void StartAtBeginning();
     // How far the file has been read since playback began there.
     int64_t ReadPosition() const { return m_readPosition; }
+    // A failure: the byte there cannot be read. What came before it went out, then the event of the abort.
+    HRESULT ReadResult() const { return m_readResult; }
+    // Before Load: where the file is opened.
+    void SetFileSystem(const CFileSystem& system) { m_system = &system; }
     // A clock jumped, or the transport stream became another one: in the scan, or in playback, which that has ended.
     bool MetDiscontinuity() const { return m_discontinuity; }
     bool WasAborted() const { return m_aborted; }
@@ -148,6 +153,7 @@ private:
     // The file. Changed with the state lock and the streaming lock, in the stopped state.
     ComPtr<IStream> m_stream OS_GUARDED_BY(StreamingLock());
     int64_t m_dataStart = 0;
+    const CFileSystem* m_system = &CFileSystem::System();
     mutable std::mutex m_nameMutex;
     std::u16string m_fileName;  // with the mutex; empty when no file is open
 
@@ -182,7 +188,8 @@ private:
     };
     Start m_start OS_GUARDED_BY(StreamingLock());
     std::atomic<int64_t> m_endPosition{INT64_MAX};
-    std::atomic<int64_t> m_readPosition{0};  // written with the streaming lock
+    std::atomic<int64_t> m_readPosition{0};  // these two are written with the streaming lock
+    std::atomic<HRESULT> m_readResult{S_OK};
 
     const std::shared_ptr<CEvent> m_workEvent;
     // Ends the worker's short waits. Shared, as it is used when the task has let go of the filter.

@@ -52,6 +52,7 @@ HRESULT CTsSource::StartStreaming() {
         if (FAILED(m_stream->Seek(m_start.filePos, STREAM_SEEK_SET, nullptr)))
             return E_FAIL;
         m_readPosition = m_start.filePos;
+        m_readResult = S_OK;
         m_position = m_start.time;
         m_endOfStream = m_aborted = false;
         ++m_inputEpoch;
@@ -130,7 +131,8 @@ CTsSource::Input CTsSource::ReadInput() {
     const std::span<uint8_t> reserved = ReserveData(wanted);
     if (reserved.empty())
         return Input::kFull;
-    const int32_t read = ReadFile(*m_stream.Get(), reserved);
+    int32_t read = 0;
+    m_readResult = ReadFile(*m_stream.Get(), reserved, &read);
     CommitData(read);
     m_readPosition += read;
     return read > 0 ? Input::kRead : Input::kEnd;
@@ -169,8 +171,12 @@ bool CTsSource::ReadAndParse() {
     if (input == Input::kNone)
         return false;
     if (input == Input::kEnd) {
-        if (const std::optional<uint32_t> ended = EndInput(epoch))
+        const HRESULT result = m_readResult;
+        const std::optional<uint32_t> ended = EndInput(epoch);
+        if (ended)
             EndOutputs(*ended);
+        if (ended && FAILED(result))
+            NotifyEvent(EC_ERRORABORT, result, 0);
         return true;
     }
     const HRESULT result = ParseData();

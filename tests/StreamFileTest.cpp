@@ -70,7 +70,11 @@ public:
         int64_t GetSize() const override { return m_system.m_sizeFails ? -1 : m_file->GetSize() + m_system.m_sizeLie; }
         int64_t ReadAt(uint64_t offset, std::span<uint8_t> buffer) const override {
             m_system.m_reads.emplace_back(offset, buffer.size());
-            return offset >= m_system.m_failFrom ? -1 : m_file->ReadAt(offset, buffer);
+            if (offset < m_system.m_failFrom)
+                buffer = buffer.first(std::min<uint64_t>(buffer.size(), m_system.m_failFrom - offset));
+            else if (offset < m_system.m_failEnd)
+                return -1;
+            return m_file->ReadAt(offset, buffer);
         }
 
     private:
@@ -89,6 +93,7 @@ public:
     bool m_sizeFails = false;
     int64_t m_sizeLie = 0;
     uint64_t m_failFrom = UINT64_MAX;
+    uint64_t m_failEnd = UINT64_MAX;
     mutable int m_open = 0;
     mutable std::vector<std::pair<uint64_t, size_t>> m_reads;
 };
@@ -319,6 +324,20 @@ TEST_F(StreamFile, CountsWhatCameBeforeABlockThatCannotBeRead) {
     EXPECT_EQ(ReadChecked(stream, 1, 0, E_FAIL), 0u);
     m_system.m_failFrom = UINT64_MAX;
     EXPECT_EQ(ReadChecked(stream, 2 * kBlock), kBlock);
+
+    // Of a block with a sector that cannot be read all the rest comes, the second time too.
+    m_system.m_failFrom = kBlock + 700;
+    m_system.m_failEnd = kBlock + 1212;
+    Append(m_folder / "b.ts", 0, 3 * kBlock);
+    const auto other = Open(m_folder / "b.ts");
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(ReadAt(other, 5, 3 * kBlock), kBlock + 695);
+        EXPECT_EQ(ReadChecked(other, 10, 0, E_FAIL), 0u);
+        EXPECT_EQ(ReadAt(other, kBlock + 699, 10), 1u);
+        EXPECT_EQ(ReadAt(other, m_system.m_failEnd, 10), 10u);
+        EXPECT_EQ(ReadAt(other, m_system.m_failEnd, 2 * kBlock), 2 * kBlock - 1212);
+    }
+    m_system.m_failFrom = UINT64_MAX;
 
     // The file is shorter when it is read than when its size was asked for.
     for (const int64_t lie : {int64_t{1}, int64_t{kBlock}, int64_t{2 * kBlock + 9}}) {

@@ -285,6 +285,65 @@ TEST_F(FileSource, EndsWithAnAbortWhereTheClockJumps) {
     }
 }
 
+// Files of which some bytes cannot be read.
+class UnreadableSystem final : public CFileSystem {
+public:
+    class File final : public CFile {
+    public:
+        File(std::unique_ptr<CFile> file, uint64_t from, uint64_t end)
+            : m_file(std::move(file)), m_from(from), m_end(end) {}
+        Identity GetIdentity() const override { return m_file->GetIdentity(); }
+        uint32_t GetDriveType() const override { return m_file->GetDriveType(); }
+        int64_t GetSize() const override { return m_file->GetSize(); }
+        int64_t ReadAt(uint64_t offset, std::span<uint8_t> buffer) const override {
+            if (offset < m_from)
+                buffer = buffer.first(std::min<uint64_t>(buffer.size(), m_from - offset));
+            return offset >= m_from && offset < m_end ? -1 : m_file->ReadAt(offset, buffer);
+        }
+
+    private:
+        const std::unique_ptr<CFile> m_file;
+        const uint64_t m_from;
+        const uint64_t m_end;
+    };
+    UnreadableSystem(uint64_t from, uint64_t end) : m_from(from), m_end(end) {}
+    std::unique_ptr<CFile> Open(const char* path, uint32_t access) const override {
+        return std::make_unique<File>(CFileSystem::Open(path, access), m_from, m_end);
+    }
+
+private:
+    const uint64_t m_from;
+    const uint64_t m_end;
+};
+
+TEST_F(FileSource, EndsWithTheReadersResultWhereItCannotRead) {
+    Movie movie;
+    movie.Frames(200);
+    const size_t audio = movie.audio.size();
+    const auto bad = static_cast<uint64_t>(movie.stream.bytes().size()) + 100;
+    movie.Frames(200).Padding();
+    const UnreadableSystem system(bad, bad + 512);
+    SourceGraph graph;
+    auto& source = static_cast<CTsSource&>(*graph.filter);
+    source.SetFileSystem(system);
+    ASSERT_EQ(graph.Load(Write(movie.stream.bytes())), S_OK);
+    graph.AddStreams();
+    ASSERT_GT(graph.Duration(), movie.points.back().time) << "its end can be read";
+    graph.Play();
+    EXPECT_EQ(graph.AbortResult(), E_FAIL);
+    EXPECT_EQ(source.ReadResult(), E_FAIL);
+    EXPECT_EQ(source.ReadPosition(), static_cast<int64_t>(bad));
+    EXPECT_EQ(graph.audio->Bytes(), Bytes(movie.audio.begin(), movie.audio.begin() + static_cast<ptrdiff_t>(audio)));
+    // Behind it the file plays.
+    ASSERT_EQ(graph.graph->Stop(), S_OK);
+    graph.Forget();
+    const Movie::Point& behind = movie.points[25];
+    ASSERT_EQ(graph.Seek(behind.time), S_OK);
+    graph.Play();
+    EXPECT_EQ(graph.AbortResult(), S_OK);
+    EXPECT_EQ(graph.video->Bytes(), From(movie.video, behind.video));
+}
+
 // What becomes of the file while it is read. More of it is unread than the outputs hold while they start.
 TEST_F(FileSource, FollowsAFileThatOthersChange) {
     Movie movie({.pictureSize = 30'000});

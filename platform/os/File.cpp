@@ -54,7 +54,7 @@ public:
             if (count > 0)
                 done += static_cast<size_t>(count);
             else if (errno != EINTR)
-                return -1;
+                return done > 0 ? static_cast<int64_t>(done) : -1;
         }
         return static_cast<int64_t>(done);
     }

@@ -29,7 +29,8 @@ public:
     virtual uint32_t GetDriveType() const = 0;
     // Bytes at this moment: others may make the file longer or shorter. -1 when the system does not say.
     virtual int64_t GetSize() const = 0;
-    // Fills buffer from offset on. How many bytes were read: fewer only at the end of the file. -1 on failure.
+    // Fills buffer from offset on. How many bytes were read: fewer at the end of the file, and in front of a byte that
+    // cannot be read. -1 when the first cannot.
     virtual int64_t ReadAt(uint64_t offset, std::span<uint8_t> buffer) const = 0;
 };
 

@@ -19,6 +19,7 @@
 #include "core/stream/PacketParser.h"
 #include "core/stream/PcrClocks.h"
 #include "core/stream/PidStatus.h"
+#include "core/stream/ReadingRules.h"
 #include "core/stream/StreamingMode.h"
 #include "output/OutputHost.h"
 #include "platform/media/BaseFilter.h"
@@ -64,6 +65,8 @@ public:
     HRESULT SetMode(StreamingMode mode, int32_t parameter);
     StreamingMode Mode() const { return m_mode; }
     int32_t ModeParameter() const { return m_modeParameter; }
+    // Before the first start.
+    void SetRules(const ReadingRules& rules) { m_rules = rules; }
     // "live", "strm", "rec " or "file", for diagnostics.
     const char* ModeName() const { return m_modeName; }
 
@@ -309,6 +312,7 @@ private:
     bool IsHostRunning() const override { return State() == State_Running; }
     bool HasClock() const override { return static_cast<bool>(Clock()); }
     std::shared_ptr<CDeliveryLock> DeliveryLock() override { return m_deliveryLock; }
+    const ReadingRules& Rules() const override { return m_rules; }
     HRESULT SetPcrDiscont(int32_t pcrPid) override { return m_clocks.SetPcrDiscont(pcrPid); }
     HRESULT StartSync(int32_t pcrPid, int32_t queuedJumps, int64_t* ptsOrigin, REFERENCE_TIME* timeOrigin) override;
     bool IsAheadOfOthers(int32_t pcrPid, int32_t queuedJumps) override;
@@ -334,6 +338,7 @@ private:
     StreamingMode m_mode = StreamingMode::kStream;
     int32_t m_modeParameter = 1;
     const char* m_modeName = "";
+    ReadingRules m_rules;
     const std::shared_ptr<CDeliveryLock> m_deliveryLock;
 
     PacketParser m_parser;

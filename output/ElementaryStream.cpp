@@ -195,7 +195,9 @@ void CElementaryStream::FlushCache() {
 
 HRESULT CElementaryStream::Drop(int32_t bytes) {
     const int32_t buffered = m_cache ? m_cache->Available() : 0;
-    Discard(bytes > buffered ? buffered : std::max(bytes, buffered / 5));
+    const int32_t dropped = bytes > buffered ? buffered : std::max(bytes, buffered / 5);
+    CountLost(dropped);
+    Discard(dropped);
     return S_OK;
 }
 

@@ -13,6 +13,7 @@ class CElementaryStream final : public CStreamExecutor {
 public:
     CElementaryStream(CTsOutputPin& pin, IOutputHost& host) : CStreamExecutor(pin, host) {}
 
+    bool TakesAnyProgram() const override { return false; }
     HRESULT SetProgram(uint32_t programNumber, IDvbProgramMapTable* table, uint32_t epoch) override;
 
 private:

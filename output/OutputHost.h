@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 
+#include "core/stream/ReadingRules.h"
 #include "output/DeliveryLock.h"
 #include "platform/com/ComPtr.h"
 #include "platform/media/GraphInterfaces.h"
@@ -35,6 +36,8 @@ public:
     // Shared, so that a delivery that does not come back finds it when it does.
     virtual std::shared_ptr<CDeliveryLock> DeliveryLock() = 0;
     virtual std::shared_ptr<const ProgramMapTables> CurrentProgramMapTables() = 0;
+    // The same from the first start on.
+    virtual const ReadingRules& Rules() const = 0;
 
     // Around every change of what an output wants: see PcrClocks.
     virtual HRESULT BeginPcrUpdate() = 0;

@@ -44,6 +44,7 @@ HRESULT CStreamExecutor::Active() {
     if (FAILED(result))
         return result;
     m_latestTime = m_pin.StreamOffset();
+    m_lostBytes = 0;
     m_active = true;
     m_state = State::kStreaming;
     Reset(mapping.Get());
@@ -106,6 +107,10 @@ void CStreamExecutor::CloseUpdate() {
 }
 
 bool CStreamExecutor::UpdateMapping(IEnumPIDMap*) {
+    if (TakesAnyProgram() && !m_host.Rules().packetsWaitForProgram) {
+        m_pcrPid = kNullPid;
+        return true;
+    }
     if (m_state != State::kWaitingForProgram) {
         m_pcrPid = kProgramUnknown;
         m_state = State::kWaitingForProgram;
@@ -130,6 +135,10 @@ void CStreamExecutor::NotifyDiscontinuity(int32_t code, IEnumPIDMap* mapping) {
         return;
     ComPtr<IEnumPIDMap> last;
     CScopedLock lock(&m_noticeLock);
+    // Of those that ask for nothing but a mark, one at a place is enough.
+    if (code == kDiscontinuity && !m_commands.empty() && m_commands.back().code == code &&
+        m_commands.back().position == m_bytesIn)
+        return;
     try {
         if (m_commands.size() >= kMaxQueued) {
             StreamCommand& newest = m_commands.back();

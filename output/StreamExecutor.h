@@ -59,6 +59,10 @@ public:
     }
     // Waiting for a program map table before anything goes out.
     bool IsWaitingForProgram() const { return m_state.load() == State::kWaitingForProgram; }
+    // Whether any program map table ends that wait. Such a content binds to nothing, so SetProgram calls nobody.
+    virtual bool TakesAnyProgram() const { return true; }
+    // Gives it the current program map tables.
+    void OfferPrograms();
     // Moves with every activation, deactivation and reset.
     uint32_t Epoch() const { return m_epoch.load(); }
 
@@ -79,6 +83,10 @@ public:
     virtual HRESULT TakeSection(const TsHeader& header, std::span<const uint8_t> section);
     // Makes room. E_FAIL where that is not done.
     HRESULT DropData(int32_t bytes);
+    // So many bytes found no room, and are lost.
+    void CountLost(int32_t bytes) { m_lostBytes.fetch_add(bytes, std::memory_order_relaxed); }
+    // Since it was activated.
+    int64_t LostBytes() const { return m_lostBytes.load(std::memory_order_relaxed); }
 
     // A program map table has become current. A failure means that the pin cannot deliver its stream. Calls
     // downstream. Nothing happens when the content has been reset since epoch.
@@ -162,7 +170,6 @@ private:
     void Reset(IEnumPIDMap* mapping) OS_REQUIRES(m_lock);
     bool TakeCommand(StreamCommand* out, int32_t* budget) OS_REQUIRES(m_lock);
     bool Execute(const StreamCommand& command) OS_REQUIRES(m_lock);
-    void OfferPrograms();
     void FollowClock() OS_REQUIRES(m_lock);
     bool IsPlausible(REFERENCE_TIME time) const OS_REQUIRES(m_lock);
     void TakeMark(Timing& timing, bool startPending) OS_REQUIRES(m_lock);
@@ -176,6 +183,7 @@ private:
     std::atomic<uint32_t> m_epoch{0};
     std::atomic<REFERENCE_TIME> m_latestTime{0};
     std::atomic<int64_t> m_firstTimestamp{kUnknown};
+    std::atomic<int64_t> m_lostBytes{0};  // for whoever asks; nothing else goes by it
     bool m_prerollPending OS_GUARDED_BY(m_lock) = false;
     // The rest of a damaged PES goes the same way as its beginning.
     bool m_droppingPes OS_GUARDED_BY(m_lock) = false;

@@ -159,14 +159,6 @@ void CTsOutputPin::TellOfMapping(CStreamExecutor& content) {
         content.NotifyDiscontinuity(CStreamExecutor::kMappingChanged, mapping.Get());
 }
 
-void CTsOutputPin::OfferPrograms(CStreamExecutor& content) {
-    // In this order: the tables go before the content is reset, so older ones meet an older epoch.
-    const uint32_t epoch = content.Epoch();
-    const auto tables = m_host.CurrentProgramMapTables();
-    for (const auto& [number, table] : *tables)
-        content.SetProgram(number, table.Get(), epoch);
-}
-
 HRESULT CTsOutputPin::MapPID(ULONG count, const ULONG* pids, MEDIA_SAMPLE_CONTENT content) {
     if (count == 0)
         return S_OK;
@@ -210,7 +202,7 @@ void CTsOutputPin::Bind(CStreamExecutor& content) {
     }
     if (FAILED(content.Active()))
         return;
-    OfferPrograms(content);
+    content.OfferPrograms();
     content.Inactive();
 }
 

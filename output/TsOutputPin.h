@@ -166,7 +166,6 @@ private:
     bool NoteMapping() OS_REQUIRES(m_mapMutex);
     void TellOfMapping(CStreamExecutor& content);
     HRESULT Activate(CStreamExecutor& content);
-    void OfferPrograms(CStreamExecutor& content);
     // Looks for the program without playing; one that has come to play meanwhile is told that the map has changed.
     void Bind(CStreamExecutor& content);
 

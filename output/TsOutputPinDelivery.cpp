@@ -49,10 +49,15 @@ CTsOutputPin::Room CTsOutputPin::WaitForRoom(CStreamExecutor& content, uint32_t 
     SignalDelivery();
     if (CheckDeliveryState() != S_OK || m_host.IsEnding())
         return Room::kGaveUp;
-    // Only the parser could bring the table that this content waits for.
-    if (content.IsWaitingForProgram() && m_host.CurrentProgramMapTables()->empty()) {
-        m_dataLost = true;
-        return Room::kLost;
+    if (content.IsWaitingForProgram()) {
+        // Only the parser could bring the table that this content waits for.
+        if (m_host.CurrentProgramMapTables()->empty())
+            return Room::kLost;
+        // It has just brought it, and the offer waits for this packet to go in.
+        if (content.TakesAnyProgram()) {
+            content.OfferPrograms();
+            Signal();
+        }
     }
     m_room.Wait(milliseconds);
     return Room::kMaybe;
@@ -62,12 +67,20 @@ CTsOutputPin::Room CTsOutputPin::MakeRoom(CStreamExecutor& content, HRESULT refu
                                           uint32_t milliseconds, bool* retried) {
     if (!content.IsActive())
         return Room::kGaveUp;
-    if (refusal == E_OUTOFMEMORY && m_mode != StreamingMode::kLive)
-        return WaitForRoom(content, milliseconds);
+    if (refusal == E_OUTOFMEMORY && m_mode != StreamingMode::kLive) {
+        const Room room = WaitForRoom(content, milliseconds);
+        if (room == Room::kLost) {
+            content.CountLost(bytes);
+            content.NotifyDiscontinuity(CStreamExecutor::kDiscontinuity, nullptr);
+        }
+        return room;
+    }
     if (refusal == E_OUTOFMEMORY && !*retried) {
         *retried = true;
-        if (FAILED(content.DropData(bytes)))
+        if (FAILED(content.DropData(bytes))) {
+            content.CountLost(bytes);
             return Room::kLost;
+        }
         m_dataLost = true;
         return Room::kMaybe;
     }

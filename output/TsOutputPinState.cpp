@@ -241,7 +241,7 @@ HRESULT CTsOutputPin::Active() {
     }
     NoteDeliverable();
     if (m_mode == StreamingMode::kFile)
-        OfferPrograms(*content);
+        content->OfferPrograms();
     WakeThread();
     return S_OK;
 }
@@ -351,7 +351,7 @@ HRESULT CTsOutputPin::DeliverEndFlush() {
         m_event->Reset();
         NoteDeliverable();
         if (m_mode == StreamingMode::kFile)
-            OfferPrograms(*content);
+            content->OfferPrograms();
         WakeThread();
     }
     return result;

@@ -308,6 +308,62 @@ TEST(PsiStream, TwentySectionsWaitAndTheNextOneIsUpToTheMode) {
     }
 }
 
+// More than fits comes before the first program map table, which only the parser can bring.
+TEST(BackPressure, NobodyWaitsForWhatWaitsForItsProgram) {
+    constexpr uint16_t kSectionPid = 0x12;
+    for (const auto& [sections, waits] : {std::pair(false, true), {false, false}, {true, true}, {true, false}}) {
+        SCOPED_TRACE(testing::Message() << (sections ? "sections" : "packets") << (waits ? "" : " that wait for none"));
+        SplitterGraph graph;
+        graph.splitter->SetRules({.packetsWaitForProgram = waits});
+        TestSink& sink =
+            sections ? graph.Add(u"t", MEDIATYPE_MPEG2_SECTIONS, GUID_NULL, {ALL_TABLES, kSectionPid}, MEDIA_MPEG2_PSI)
+                     : graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {0x100, kPid},
+                                 MEDIA_TRANSPORT_PACKET);
+        ASSERT_EQ(graph.Run(), S_OK);
+        ProgrammeBuilder builder({{.streams = {Video(kPid)}}});
+        const Bytes section = build::LongSection(0x4E, 1, Bytes(1'012));
+        const auto add = [&, sections = sections](size_t count) {
+            for (size_t i = 0; i < count; ++i)
+                if (sections)
+                    builder.stream().Section(kSectionPid, section);
+                else
+                    builder.stream().Packet(kPid, Bytes(184));
+        };
+        const size_t before = sections ? 25 : 17'000;
+        add(before);
+        builder.Tables();
+        add(10);
+        const Bytes stream = builder.Padding().Take();
+        std::thread pusher([&] {
+            EXPECT_EQ(graph.source->Push(stream), S_OK);
+            EXPECT_EQ(graph.End(), S_OK);
+        });
+        EXPECT_TRUE(sink.WaitForEnd());
+        const int64_t lost = graph.Pin(u"t")->Content()->LostBytes();
+        EXPECT_EQ(graph.graph->Stop(), S_OK);
+        pusher.join();
+        size_t received = 0;
+        std::vector<size_t> discontinuities;
+        for (const ReceivedSample& sample : sink.Samples()) {
+            if (sample.discontinuity)
+                discontinuities.push_back(received);
+            received += sections ? 1 : sample.bytes.size() / kPacketSize;
+        }
+        // With two packets of a table, or two tables; but the first PAT and the end of the stream cut off a section.
+        const size_t sent = before + 10 + (sections ? 0 : 2);
+        if (waits) {
+            const size_t room = sections ? 20 : 0x300000 / kPacketSize;
+            EXPECT_THAT(discontinuities, ElementsAre(0, room));
+            EXPECT_GT(lost, 0);
+        } else {
+            EXPECT_THAT(discontinuities, ElementsAre(0));
+            EXPECT_EQ(received, sent);
+        }
+        const size_t unit = sections ? section.size() : kPacketSize;
+        EXPECT_EQ(received + (static_cast<size_t>(lost) + unit - 1) / unit, sent) << "the PAT is smaller";
+    }
+}
+
 // A delivery thread that waits for a buffer when the stream is reset must not go on with what came later.
 TEST(Reset, ASenderThatWaitsForABufferStartsAnew) {
     SplitterGraph graph;

@@ -337,13 +337,14 @@ void CTsSplitter::TellPidSinks(std::span<const PidNotice> notices) {
     }
 }
 
-HRESULT CreateTsSplitter(StreamingMode mode, IBaseFilter** out) {
+HRESULT CreateTsSplitter(StreamingMode mode, IBaseFilter** out, const ReadingRules& rules) {
     if (out == nullptr)
         return E_POINTER;
     *out = nullptr;
     const auto splitter = MakeObject<CTsSplitter>();
     if (!splitter)
         return E_OUTOFMEMORY;
+    splitter->SetRules(rules);
     const HRESULT result = splitter->Init(mode, mode == StreamingMode::kRecording ? 0 : 1);
     if (SUCCEEDED(result))
         *out = ComPtr<IBaseFilter>(splitter.Get()).Detach();

@@ -97,6 +97,6 @@ private:
 
 // A splitter with its pins "Input", "PSIOut" (the sections of all tables) and "Output1". mode: live, stream or
 // recording. E_OUTOFMEMORY, E_FAIL.
-HRESULT CreateTsSplitter(StreamingMode mode, IBaseFilter** out);
+HRESULT CreateTsSplitter(StreamingMode mode, IBaseFilter** out, const ReadingRules& rules = {});
 
 }  // namespace tessel

@@ -11,10 +11,10 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 const char* WhyNothingCame(const StreamResult& stream) {
-    if (!stream.packetsCame)
+    if (!stream.packetsCame || stream.plan.content == Content::kPackets)
         return "nothing came out: no packets came";
-    if (stream.plan.content != Content::kElementary)
-        return "nothing came out: packets and sections need a program map to start";
+    if (stream.plan.content == Content::kSections)
+        return "nothing came out: no section was whole";
     if (!stream.timeStampCame)
         return "nothing came out: no time stamp came";
     return "nothing came out: to start, a stream needs a program map, half a second of clock references and 64 KiB of "

@@ -163,7 +163,7 @@ std::vector<StreamResult> Outlets::Close(const PacketMeter* meter) const {
         if (plan.content) {
             outlet->sink->CloseFiles();
             stream.counts = outlet->sink->Counts();
-            stream.dropped = Dropped(stream, meter);
+            stream.dropped = Dropped(*outlet, stream, meter);
             stream.packetsCame = meter == nullptr || meter->Of(plan.pid).packets != 0;
             stream.timeStampCame = meter == nullptr || meter->Of(plan.pid).timed;
             Settle(*outlet, stream);
@@ -174,8 +174,13 @@ std::vector<StreamResult> Outlets::Close(const PacketMeter* meter) const {
     return streams;
 }
 
-std::optional<int64_t> Outlets::Dropped(const StreamResult& stream, const PacketMeter* meter) {
-    if (meter == nullptr || stream.plan.content == Content::kSections)
+std::optional<int64_t> Outlets::Dropped(const Outlet& outlet, const StreamResult& stream, const PacketMeter* meter) {
+    if (stream.plan.content == Content::kSections) {
+        const auto* const pin = dynamic_cast<const CTsOutputPin*>(outlet.pin.Get());
+        const auto content = pin != nullptr ? pin->Content() : nullptr;
+        return content ? std::optional(content->LostBytes()) : std::nullopt;
+    }
+    if (meter == nullptr)
         return std::nullopt;
     const PidCounts& counts = meter->Of(stream.plan.pid);
     const int64_t pushed = stream.plan.content == Content::kPackets ? counts.packets * kTransportPacketSize

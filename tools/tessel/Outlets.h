@@ -30,7 +30,7 @@ private:
     void Add(const StreamPlan& stream, IBaseFilter& filter, const InputFile& input);
     bool IsPlanned(uint32_t pid, size_t filter) const;
     void DeleteOtherPins(IBaseFilter& filter, size_t index) const;
-    static std::optional<int64_t> Dropped(const StreamResult& stream, const PacketMeter* meter);
+    static std::optional<int64_t> Dropped(const Outlet& outlet, const StreamResult& stream, const PacketMeter* meter);
     void Settle(const Outlet& outlet, StreamResult& stream) const;
 
     CFilterGraph& m_graph;

@@ -8,6 +8,13 @@
 
 namespace tessel::tool {
 
+namespace {
+
+// Nothing that is asked for is lost, however late its tables come.
+constexpr ReadingRules kRules{.packetsWaitForProgram = false};
+
+}  // namespace
+
 void Check(HRESULT result, const char* text) {
     if (SUCCEEDED(result))
         return;
@@ -21,7 +28,7 @@ Pipeline::Pipeline(StreamingMode mode, size_t splitters)
     Check(m_graph->AddFilter(m_source.Get(), u"Source"), "cannot add the source");
     for (size_t i = 0; i < splitters; ++i) {
         ComPtr<IBaseFilter> splitter;
-        Check(CreateTsSplitter(mode, splitter.Put()), "cannot make a splitter");
+        Check(CreateTsSplitter(mode, splitter.Put(), kRules), "cannot make a splitter");
         Check(m_graph->AddFilter(splitter.Get(), nullptr), "cannot add a splitter");
         ComPtr<IPin> input;
         Check(splitter->FindPin(u"Input", input.Put()), "the splitter has no input");

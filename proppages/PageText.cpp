@@ -50,8 +50,23 @@ std::u16string Decimal(uint32_t value, size_t leastDigits) {
     return text.size() < leastDigits ? std::u16string(leastDigits - text.size(), u'0') + text : text;
 }
 
-std::u16string ResultText(HRESULT result) {
-    return Formatted("%08X", static_cast<uint32_t>(result));
+std::u16string WhyNoPin(HRESULT result) {
+    switch (result) {
+    case E_OUTOFMEMORY:
+        return u"there is no memory for it.";
+    case E_INVALIDARG:
+        return u"a name has 1 to 49 characters.";
+    default:
+        return u"there are as many pins as there can be.";
+    }
+}
+
+std::u16string WhyNotTaken(HRESULT result, MEDIA_SAMPLE_CONTENT content) {
+    if (result == E_OUTOFMEMORY)
+        return u"there is no memory for it.";
+    if (content == MEDIA_ELEMENTARY_STREAM)
+        return u"a pin delivers the elementary stream of one PID, and of none below 0010, where tables are.";
+    return u"it delivers something else.";
 }
 
 std::u16string PidText(ULONG pid) {

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "platform/com/Bstr.h"
+#include "platform/media/Mpeg2Demultiplexer.h"
 #include "services/objects/ServiceInterfaces.h"
 #include "services/objects/TableInterfaces.h"
 
@@ -17,8 +18,9 @@ struct Filter;
 // Four hexadecimal digits, or more where the value has more.
 std::u16string Hex4(uint32_t value);
 std::u16string Decimal(uint32_t value, size_t leastDigits = 1);
-// Eight upper-case hexadecimal digits.
-std::u16string ResultText(HRESULT result);
+// Why a pin could not be made, or does not take PIDs as content: the end of a sentence, with its full stop.
+std::u16string WhyNoPin(HRESULT result);
+std::u16string WhyNotTaken(HRESULT result, MEDIA_SAMPLE_CONTENT content);
 
 // Four hexadecimal digits; the special values by their names.
 std::u16string PidText(ULONG pid);

@@ -202,7 +202,7 @@ std::optional<OutputPin> CPropPagePIDmapping::PinToMapOn(bool* created) {
     HRESULT result = S_OK;
     auto pin = m_filter.CreatePin(name, &result);
     if (!pin)
-        Dialog().MessageBox(u"Pin '" + name + u"' could not be made (" + ResultText(result) + u").");
+        Dialog().MessageBox(u"Pin '" + name + u"' could not be made: " + WhyNoPin(result));
     *created = pin.has_value();
     return pin;
 }
@@ -219,8 +219,8 @@ void CPropPagePIDmapping::Map() {
         if (created)
             m_filter.demultiplexer->DeleteOutputPin(pin->name.c_str());
         Refill();
-        return Dialog().MessageBox(u"Pin '" + pin->name + u"' does not take the PIDs as " + content + u" (" +
-                                   ResultText(result) + u").");
+        return Dialog().MessageBox(u"Pin '" + pin->name + u"' does not take the PIDs as " + content + u": " +
+                                   WhyNotTaken(result, Content()));
     }
     m_pin = pin->name;
     m_pidTyped = false;

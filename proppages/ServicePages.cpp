@@ -171,11 +171,11 @@ void CPropPageProgramAssociationTable::OnMap() {
     HRESULT result = S_OK;
     const auto pin = FreePin(*component, &result);
     if (!pin)
-        return Dialog().MessageBox(u"There is no free pin, and none could be made (" + ResultText(result) + u").");
+        return Dialog().MessageBox(u"There is no free pin, and none could be made: " + WhyNoPin(result));
     result = pin->Map({component->pid}, component->content);
     if (FAILED(result))
-        return Dialog().MessageBox(u"Pin '" + pin->name + u"' does not take PID " + Hex4(component->pid) + u" (" +
-                                   ResultText(result) + u").");
+        return Dialog().MessageBox(u"Pin '" + pin->name + u"' does not take PID " + Hex4(component->pid) + u": " +
+                                   WhyNotTaken(result, component->content));
     Dialog().SetText(kTableInfo, Hex4(component->pid) + u" is on pin '" + pin->name + u"'");
     SetDirty();
 }

@@ -28,8 +28,8 @@ const tests = {
       await picture(page, 'overview', { scheme });
       await picture(page, 'overview', { scheme, width: 400, height: 1500 });
     }
-    for (const [name, text] of [['Services', '0101, ISO13818-2 Video'], ['PAT', 'PMT of Service(id=0065'],
-      ['SDT', 'Мозаика'], ['VCT', 'TESS-A'], ['PID Map', 'ISO14496-10'], ['OutPins', '0201']]) {
+    for (const [name, text] of [['Services', '257 (0x0101), ISO13818-2 Video'], ['PAT', 'PMT of Service(id=0065'],
+      ['SDT', 'Мозаика'], ['VCT', 'TESS-A'], ['PID Map', 'ISO14496-10'], ['OutPins', '513 (0x0201)']]) {
       await tab(name).click();
       await panel().locator('tbody td').filter({ hasText: text }).first().waitFor();
       for (const scheme of ['light', 'dark']) await picture(page, name.replace(' ', ''), { scheme });
@@ -65,8 +65,8 @@ const tests = {
     await page.keyboard.type('Output1');
     await panel().getByText('All PIDs').waitFor();
     await panel().locator('tr[tabindex="0"]').first().focus();
-    for (let row = 0; !(await page.locator(':focus').textContent()).startsWith('0101'); ++row) {
-      assert.ok(row < 40, 'row 0101 is there');
+    for (let row = 0; !(await page.locator(':focus').textContent()).startsWith('257'); ++row) {
+      assert.ok(row < 40, 'row 257 is there');
       await page.keyboard.press('ArrowDown');
     }
     await page.keyboard.press('Space');
@@ -76,29 +76,49 @@ const tests = {
     await page.locator('#pidmap-1004').focus();
     await page.keyboard.press('Enter');
     const mapped = page.getByRole('grid', { name: 'PIDs mapped on the pin' });
-    await mapped.getByText('0101').waitFor();
+    await mapped.getByText('0x0101').waitFor();
     await mapped.locator('tr[tabindex="0"]').focus();
     await page.keyboard.press('Enter');  // activates it, which takes it off
-    await mapped.getByText('0101').waitFor({ state: 'detached' });
+    await mapped.getByText('0x0101').waitFor({ state: 'detached' });
     await tool.end();
   },
 
-  async 'a PID is mapped, counted and unmapped'() {
+  async 'a PID is found, mapped, counted and unmapped'() {
     const tool = await inspect(sample, '--loop');
     await browser.open(tool.url);
-    await card('Output1').getByRole('textbox').fill('0101');
+    const rows = page.locator('.overview tbody tr');
+    await rows.filter({ hasText: '0x0202' }).getByText('AC-3 audio, eng').waitFor();
+    assert.match(await rows.filter({ hasText: '0x0202' }).locator('.carries').getAttribute('title'), /PrivatePES, eng/);
+    await page.getByLabel('Search PIDs').fill('audio Мозаика 0x0102');
+    await rows.nth(1).waitFor({ state: 'detached' });
+    assert.match(await rows.textContent(), /^258.*MPEG audio, ger/);
+    await picture(page, 'search');
+    await page.getByLabel('Search PIDs').fill('');
+    await card('Output1').getByRole('textbox').fill('0x101');
     await card('Output1').getByRole('button', { name: 'Map on Output1' }).click();
-    await card('Output1').locator('code', { hasText: '0101' }).waitFor();
+    await card('Output1').locator('code', { hasText: '257 (0x0101)' }).waitFor();
     await card('Output1').locator('.counted b').filter({ hasText: /^([3-9]|\d\d+)$/ }).first().waitFor();
     await page.locator('.tag.mapped').filter({ hasText: 'Output1' }).first().waitFor();
     await picture(page, 'mapped', { scheme: 'dark' });
-    await card('Output1').getByRole('button', { name: 'Unmap 0101 from Output1' }).click();
-    await card('Output1').locator('code', { hasText: '0101' }).waitFor({ state: 'detached' });
+    await card('Output1').getByRole('button', { name: 'Unmap 257 (0x0101) from Output1' }).click();
+    await card('Output1').locator('code', { hasText: '257' }).waitFor({ state: 'detached' });
 
-    await card('Output1').getByRole('textbox').fill('2000');
-    await page.keyboard.press('Enter');
     const dialog = page.getByRole('dialog');
-    await dialog.getByText("'2000' is not a PID. A PID is a hexadecimal number up to 1fff").waitFor();
+    for (const answer of ['Cancel', 'Map it']) {
+      await card('Output1').getByRole('textbox').fill('300');
+      await page.keyboard.press('Enter');
+      await dialog.getByText('The stream has had no packets of PID 300 (0x012C) so far.').waitFor();
+      if (answer === 'Cancel') await picture(page, 'question', { width: 400, scheme: 'dark' });
+      await dialog.getByRole('button', { name: answer }).click();
+      await dialog.waitFor({ state: 'hidden' });
+    }
+    await card('Output1').locator('code', { hasText: '300 (0x012C)' }).waitFor();
+    await tab('OutPins').click();
+    await panel().getByText('Output1', { exact: true }).waitFor();
+    await tab('Overview').click();
+    await card('Output1').getByRole('textbox').fill('9000');
+    await page.keyboard.press('Enter');
+    await dialog.getByText("'9000' is not a PID. A PID is a number up to 8191").waitFor();
     await picture(page, 'message');
     await page.keyboard.press('Enter');
     await dialog.waitFor({ state: 'hidden' });
@@ -139,11 +159,11 @@ const tests = {
     writeFileSync(file, stream('programme(1, [(0x02, 0x51)])'));
     const tool = await inspect(file);
     await browser.open(tool.url, '#pat');
-    await panel().locator('tbody tr').filter({ hasText: '0051' }).first().waitFor();
+    await panel().locator('tbody tr').filter({ hasText: '81 (0x0051)' }).first().waitFor();
     await page.locator('#state').getByText('input ended').waitFor();
     await page.evaluate(() => { window.same = true; });
     appendFileSync(file, stream('programme(2, [(0x02, 0x51), (0x03, 0x52)])'));
-    await panel().locator('tbody tr').filter({ hasText: '0052' }).waitFor();
+    await panel().locator('tbody tr').filter({ hasText: '82 (0x0052)' }).waitFor();
     assert.equal(await page.evaluate(() => window.same), true, 'nothing was loaded anew');
     await tab('Overview').click();
     await page.getByText('PMT 0x0005 is replaced').waitFor();

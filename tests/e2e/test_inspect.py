@@ -183,6 +183,9 @@ class Inspect(support.ToolTest):
         pids = {row["pid"]: row for row in overview["pids"]}
         self.assertEqual((pids[0x101]["packets"], pids[0x101]["lost"], pids[0x101]["pcr"]), (884, 0, True))
         self.assertEqual((pids[0x301]["scrambled"], pids[0x301]["packets"]), (True, 210))
+        self.assertEqual([pids[pid]["words"] for pid in (0x100, 0x101, 0x102, 0x202, 0x11)],
+                         ["Program map", "MPEG-2 video", "MPEG audio, ger", "AC-3 audio, eng", "SDT and BAT"])
+        self.assertTrue(pids[0x102]["text"].startswith("ISO11172 Audio, ger"))
         self.assertAlmostEqual(overview["rate"], 1_600_000, delta=200_000)
         self.assertEqual(inspector.end(), (0, b""))
 
@@ -236,19 +239,29 @@ class Inspect(support.ToolTest):
         inspector = self.inspect(SAMPLE, "--loop")
         events = self.events(inspector)
         events.wait("the services", lambda e: e.topics["overview"]["complete"])
-        self.assertEqual(inspector.post("/api/map", {"pin": "Output1", "pid": "0101"})[1]["messages"], [])
-        events.wait("the PID on the pin", lambda e: e.output("Output1")["pids"] == ["0101"])
+        on_pin = [{"pid": 257, "text": "257 (0x0101)"}]
+        self.assertEqual(inspector.post("/api/map", {"pin": "Output1", "pid": "257"})[1]["messages"], [])
+        events.wait("the PID on the pin", lambda e: e.output("Output1")["pids"] == on_pin)
         events.wait("the PID in the page's list", lambda e: e.texts("pidmap", 113)[0].startswith("0101"))
         events.wait("samples", lambda e: e.output("Output1")["samples"] > 3)
-        for pid in ("2000", "xyz", "-1"):
+        for pid in ("8192", "0x2000", "101a", "xyz", "-1"):
             status, answer = inspector.post("/api/map", {"pin": "Output1", "pid": pid})
             self.assertEqual(status, 200)
-            self.assertIn(f"'{pid}' is not a PID. A PID is a hexadecimal number up to 1fff", answer["messages"][0])
-        self.assertEqual(inspector.post("/api/unmap", {"pin": "Output1", "pid": "0101"})[0], 200)
+            self.assertIn(f"'{pid}' is not a PID. A PID is a number up to 8191", answer["messages"][0])
+        for typed, asked in (("0101", "PID 101 (0x0065)"), (" 0x1ABC ", "PID 6844 (0x1ABC)")):
+            self.assertIn(asked, inspector.post("/api/map", {"pin": "Output1", "pid": typed})[1]["ask"])
+        self.assertEqual(events.output("Output1")["pids"], on_pin, "what was only asked about is not mapped")
+        inspector.post("/api/map", {"pin": "Output1", "pid": "0x1abc", "sure": True})
+        events.wait("both PIDs", lambda e: [p["pid"] for p in e.output("Output1")["pids"]] == [257, 0x1ABC])
+        inspector.post("/api/act", {"page": "pidmap", "control": 1010, "action": "type", "text": "999"})
+        click = {"page": "pidmap", "control": 1004, "action": "click"}
+        self.assertIn("PID 999 (0x03E7)", inspector.post("/api/act", click)[1]["ask"])
+        for pid in (257, 0x1ABC):
+            self.assertEqual(inspector.post("/api/unmap", {"pin": "Output1", "pid": pid})[0], 200)
         events.wait("no PID on the pin", lambda e: e.output("Output1")["pids"] == [])
-        events.wait("lines about it", lambda e: {"0101 is mapped on Output1", "0101 is taken off Output1"} <=
+        events.wait("lines about it", lambda e: {"PID 257 (0x0101) mapped on Output1", "PID 257 (0x0101) taken off Output1"} <=
                     {line["text"] for line in e.log})
-        self.assertEqual(inspector.post("/api/unmap", {"pin": "Output1", "pid": "0101"})[0], 409)
+        self.assertEqual(inspector.post("/api/unmap", {"pin": "Output1", "pid": 257})[0], 409)
 
     def test_a_new_pin_is_connected(self):
         inspector = self.inspect(SAMPLE, "--loop")
@@ -274,14 +287,14 @@ class Inspect(support.ToolTest):
         events.wait("a service to choose", lambda e: e.control("services", 118)["enabled"])
         answer = inspector.post("/api/act", {"page": "services", "control": 118, "action": "click"})
         self.assertEqual(answer, (200, {"result": "done", "messages": []}))
-        for pin, pid in (("Video", "0101"), ("Audio", "0102")):
-            events.wait(f"samples of {pin}", lambda e: e.output(pin)["pids"] == [pid] and e.output(pin)["samples"] > 3)
+        for pin, pid in (("Video", 0x101), ("Audio", 0x102)):
+            events.wait(f"samples of {pin}", lambda e: [p["pid"] for p in e.output(pin)["pids"]] == [pid] and e.output(pin)["samples"] > 3)
         rows = events.wait("AC-3 in the PAT's list", lambda e: any(t.startswith("0202") for t in e.texts("pat")) and
                            e.control("pat", 102))
         row = [cells[0] for cells in rows["rows"]].index("0202")
         inspector.post("/api/act", {"page": "pat", "control": 102, "action": "select", "rows": [row], "rev": rows["rev"]})
         inspector.post("/api/act", {"page": "pat", "control": 118, "action": "click"})
-        events.wait("samples of the free pin", lambda e: e.output("Output2")["pids"] == ["0202"] and
+        events.wait("samples of the free pin", lambda e: e.output("Output2")["pids"][0]["pid"] == 0x202 and
                     e.output("Output2")["samples"] > 3)
 
     def test_a_row_of_an_older_list_is_not_taken(self):

@@ -6,6 +6,7 @@
 #include "proppages/PageText.h"
 #include "tools/tessel/Services.h"
 #include "tools/tessel/Utf8.h"
+#include "tools/tessel/inspect/Words.h"
 
 namespace tessel::tool {
 
@@ -137,15 +138,22 @@ Json Overview::Services() {
     const bool named =
         HasTable(*m_filter.tables, kServiceDescriptionTable) || HasTable(*m_filter.tables, kVirtualChannelTable);
     Json services = Json::array();
+    m_words.clear();
     for (const auto& service : m_filter.Services()) {
         const ServiceInfo info = DescribeService(service.Get(), *m_filter.tables, named);
         Json pids = Json::array();
-        if (info.pmtPid)
-            pids.push_back(*info.pmtPid);
-        for (const ComponentInfo& component : info.components)
+        for (const ComponentInfo& component : info.components) {
             pids.push_back(component.pid);
-        if (info.pcrPid)
-            pids.push_back(*info.pcrPid);
+            m_words.try_emplace(component.pid, ToTerminal(ComponentWords(component)));
+        }
+        const auto add = [&](const std::optional<uint32_t>& pid, const char* words) {
+            if (!pid)
+                return;
+            pids.push_back(*pid);
+            m_words.try_emplace(*pid, words);
+        };
+        add(info.pmtPid, "Program map");
+        add(info.pcrPid, "Program clock");
         services.push_back({{"id", info.id},
                             {"name", OrNull(info.name)},
                             {"provider", OrNull(info.provider)},
@@ -167,13 +175,15 @@ Json Overview::Pids() {
     for (uint32_t pid = 0; pid < kPidCount; ++pid) {
         const StreamCounter::Counts counts = m_playback.Counter().Of(pid);
         const auto text = texts.find(pid);
+        const auto words = m_words.find(pid);
         const auto mapped = mappedOn.find(pid);
         m_pidCount += counts.packets != 0 ? 1 : 0;
         if (counts.packets == 0 && text == texts.end() && mapped == mappedOn.end())
             continue;
         const auto rate = Rate(counts.packets, Before(pid));
         pids.push_back({{"pid", pid},
-                        {"text", text != texts.end() ? ShownText(text->second) : KnownPid(pid)},
+                        {"words", words != m_words.end() ? words->second : KnownPid(pid)},
+                        {"text", text != texts.end() ? ShownText(text->second) : ""},
                         {"packets", counts.packets},
                         {"rate", rate ? Json(*rate) : Json(nullptr)},
                         {"scrambled", m_filter.IsScrambled(pid)},
@@ -190,7 +200,7 @@ Json Overview::Outputs() {
     for (const page::OutputPin& pin : m_filter.OutputPins()) {
         Json pids = Json::array();
         for (const ULONG pid : pin.Mapped())
-            pids.push_back(ShownText(page::PidText(pid)));
+            pids.push_back({{"pid", pid}, {"text", PidWords(pid)}});
         const bool connected = pin.IsConnected();
         m_needsOutputs |= !connected && !pids.empty();
         const auto sink = m_playback.SinkOf(pin.name);

@@ -3,6 +3,8 @@
 
 #include <array>
 #include <deque>
+#include <map>
+#include <string>
 #include <vector>
 
 #include "core/stream/TsHeader.h"
@@ -43,6 +45,7 @@ private:
     page::Filter m_filter;
     std::deque<Mark> m_marks;
     Mark m_now;
+    std::map<uint32_t, std::string> m_words;  // what PIDs carry, by the services
     bool m_needsOutputs = false;
     size_t m_pidCount = 0;
 };

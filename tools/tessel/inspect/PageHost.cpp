@@ -120,6 +120,10 @@ ControlState PageHost::State(int32_t control) const {
     return state;
 }
 
+std::string PageHost::Text(int32_t control) const {
+    return ToUtf8(View(State(control).text));
+}
+
 std::vector<std::u16string> PageHost::Cells(int32_t control, int32_t row) const {
     std::vector<std::u16string> cells;
     const OLECHAR* text = nullptr;

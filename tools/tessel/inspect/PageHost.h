@@ -46,6 +46,7 @@ public:
     std::vector<std::string> TakeMessages();
 
     ControlState State(int32_t control) const;
+    std::string Text(int32_t control) const;
     // The row of a list whose first cell is text; -1 for none.
     int32_t FindRow(int32_t control, std::u16string_view text) const;
 

@@ -9,6 +9,7 @@
 #include "tools/tessel/Failure.h"
 #include "tools/tessel/Services.h"
 #include "tools/tessel/Utf8.h"
+#include "tools/tessel/inspect/Words.h"
 
 namespace tessel::tool {
 
@@ -49,7 +50,7 @@ std::string EventText(const StreamEvent& event) {
     case StreamEventKind::kTableStale:
         return table + " " + Hex(event.value) + " is replaced";
     case StreamEventKind::kPidUsed:
-        return "PID " + Hex(event.value) + " is read for " + (table == "any" ? "sections" : table);
+        return "PID " + PidWords(event.value) + " is read for " + (table == "any" ? "sections" : table);
     case StreamEventKind::kPidsReset:
         return "Tables are looked for anew";
     }
@@ -183,21 +184,21 @@ void Session::TellEvents() {
 }
 
 void Session::TellMaps(const Json& outputs) {
-    std::map<std::string, std::set<std::string>> maps;
+    std::map<std::string, std::set<ULONG>> maps;
     for (const Json& output : outputs)
         for (const Json& pid : output.at("pids"))
-            maps[output.at("name")].insert(pid.get<std::string>());
+            maps[output.at("name")].insert(pid.at("pid").get<ULONG>());
     if (!m_mapsKnown)
         m_maps = maps;
     m_mapsKnown = true;
     const auto tell = [this](const auto& now, const auto& before, const char* what) {
         for (const auto& [pin, pids] : now)
-            for (const std::string& pid : pids)
+            for (const ULONG pid : pids)
                 if (const auto old = before.find(pin); old == before.end() || !old->second.contains(pid))
-                    m_board.AddLine(m_number, "map", pid + what + pin);
+                    m_board.AddLine(m_number, "map", (pid < kPidCount ? "PID " : "") + PidWords(pid) + what + pin);
     };
-    tell(maps, m_maps, " is mapped on ");
-    tell(m_maps, maps, " is taken off ");
+    tell(maps, m_maps, " mapped on ");
+    tell(m_maps, maps, " taken off ");
     m_maps = std::move(maps);
 }
 
@@ -254,6 +255,9 @@ Json Session::Act(const Json& request) {
         PageHost* page = FindPage(request.at("page").get<std::string>());
         if (page == nullptr)
             return {{"error", "There is no such page."}};
+        const bool maps = page == &PidMap() && request.at("control") == page::kMap && request.at("action") == "click";
+        if (const std::string typed = maps ? PidMap().Text(page::kPid) : ""; !typed.empty())
+            return MapTyped(typed, request.value("sure", false));
         return page->Act(request);
     });
 }
@@ -264,18 +268,37 @@ bool Session::ChoosePin(const std::string& name) {
     return row >= 0 && PidMap().Dialog().SelectRows(page::kPinChoice, &row, 1) == S_OK;
 }
 
+Json Session::MapTyped(const std::string& typed, bool sure) {
+    const std::optional<ULONG> pid = ReadPidWords(typed);
+    if (!pid)
+        return {{"result", "refused"},
+                {"messages",
+                 {ToTerminal("'" + typed +
+                             "' is not a PID. A PID is a number up to 8191, or up to 0x1fff in hexadecimal "
+                             "behind 0x; \"All PIDs\" and \"All Tables\" stand for many.")}}};
+    if (!sure && *pid < kPidCount && m_playback.Counter().Of(*pid).packets == 0)
+        return {{"ask", "The stream has had no packets of PID " + PidWords(*pid) + " so far. Map it all the same?"}};
+    IDialog& dialog = PidMap().Dialog();
+    dialog.TypeText(page::kPid, page::PidText(*pid).c_str());
+    dialog.Click(page::kMap);
+    // Of what could not be mapped the user's own words stay.
+    if (!PidMap().Text(page::kPid).empty())
+        dialog.TypeText(page::kPid, TypedText(typed).c_str());
+    return {{"result", "done"}, {"messages", PidMap().TakeMessages()}};
+}
+
 Json Session::Map(const Json& request) {
     return Ask([this, request]() -> Json {
         if (!ChoosePin(request.at("pin").get<std::string>()))
             return {{"error", "The pin is not there any more."}};
+        const std::string typed = request.at("pid").get<std::string>();
+        if (page::Trimmed(TypedText(typed)).empty())
+            return {{"error", "Type a PID first."}};
         IDialog& dialog = PidMap().Dialog();
         dialog.TypeText(page::kPinName, u"");
-        dialog.TypeText(page::kPid, TypedText(request.at("pid").get<std::string>()).c_str());
-        const HRESULT result = dialog.Click(page::kMap);
+        Json answer = MapTyped(typed, request.value("sure", false));
         dialog.TypeText(page::kPid, u"");
-        if (result == S_FALSE)
-            return {{"error", "Type a PID first."}};
-        return {{"result", "done"}, {"messages", PidMap().TakeMessages()}};
+        return answer;
     });
 }
 
@@ -283,7 +306,7 @@ Json Session::Unmap(const Json& request) {
     return Ask([this, request]() -> Json {
         if (!ChoosePin(request.at("pin").get<std::string>()))
             return {{"error", "The pin is not there any more."}};
-        const int32_t row = PidMap().FindRow(page::kMappedPids, TypedText(request.at("pid").get<std::string>()));
+        const int32_t row = PidMap().FindRow(page::kMappedPids, page::PidText(request.at("pid").get<ULONG>()));
         if (row < 0)
             return {{"error", "The PID is not mapped on the pin any more."}};
         PidMap().Dialog().SelectRows(page::kMappedPids, &row, 1);

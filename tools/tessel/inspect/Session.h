@@ -30,10 +30,12 @@ public:
     // From any thread; each waits for the pages' thread, which is never busy for long. The answer has "error" when it
     // could not be done.
     //
-    // {"page", ...}: see PageHost::Act.
+    // {"page", ...}: see PageHost::Act. What is mapped by a typed PID goes as Map does.
     Json Act(const Json& request);
-    // {"pin", "pid"}: by the PID map page, with what it says about it.
+    // {"pin", "pid", "sure"}: by the PID map page, with what it says about it. {"ask"} is the answer where nothing of
+    // the PID has come and the person has not said to be sure. Pid: as it was typed.
     Json Map(const Json& request);
+    // {"pin", "pid"}, a number.
     Json Unmap(const Json& request);
 
 private:
@@ -45,6 +47,8 @@ private:
     PageHost& PidMap() { return *FindPage("pidmap"); }
     // False when the page has no such pin; its message then stands.
     bool ChoosePin(const std::string& name);
+    // Has the page map the PID on the pin that it has chosen.
+    Json MapTyped(const std::string& typed, bool sure);
     void TellEvents();
     void TellMaps(const Json& outputs);
     void UpdatePages();
@@ -60,7 +64,7 @@ private:
     // Of the pages' thread.
     std::list<PageHost> m_pages;
     std::unique_ptr<Overview> m_overview;
-    std::map<std::string, std::set<std::string>> m_maps;  // PIDs by output pin
+    std::map<std::string, std::set<ULONG>> m_maps;  // PIDs by output pin
     bool m_mapsKnown = false;
     bool m_tablesChanged = false;
     bool m_pidsChanged = false;

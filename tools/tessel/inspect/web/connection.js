@@ -40,9 +40,16 @@ async function post(path, request) {
   }
 }
 
-/** Asks for a change; shows what the page has to say of it. Gives true when it was done. */
+/**
+ * Asks for a change; shows what the page has to say of it, and puts what it wants to be sure of. Gives true when it was
+ * done.
+ */
 export async function ask(path, request) {
-  const answer = await post(path, request);
+  let answer = await post(path, request);
+  if (answer.ask) {
+    if (!(await confirms(answer.ask))) return false;
+    answer = await post(path, { ...request, sure: true });
+  }
   if (answer.error) notice(answer.error);
   for (const text of answer.messages ?? []) await say(text);
   return !answer.error && (answer.messages ?? []).length === 0;
@@ -75,15 +82,24 @@ function sendBytes(file, progress) {
   });
 }
 
-/** A message that must be read. */
-export function say(text) {
+/** A message that must be read; refusal: the text of a second button. Gives whether the first one was pressed. */
+function show(text, agreement, refusal = '') {
   const dialog = document.getElementById('message');
+  const [no, yes] = dialog.querySelectorAll('button');
   document.getElementById('message-text').textContent = text;
+  yes.textContent = agreement;
+  no.textContent = refusal;
+  no.hidden = !refusal;
+  dialog.returnValue = '';
   return new Promise((resolve) => {
-    dialog.addEventListener('close', resolve, { once: true });
+    dialog.addEventListener('close', () => resolve(dialog.returnValue === 'yes'), { once: true });
     dialog.showModal();
+    (refusal ? no : yes).focus();
   });
 }
+
+export const say = (text) => show(text, 'OK');
+const confirms = (text) => show(text, 'Map it', 'Cancel');
 
 let hiding = 0;
 

@@ -1,5 +1,6 @@
 // Draws the dialogs of the property pages: their controls, in rows as their rectangles have them.
 import { ask, isolated, make } from './connection.js';
+import { pidText } from './overview.js';
 import { SortedTable } from './tables.js';
 
 // What screen readers call controls without a text, and captions where two lists stand above each other.
@@ -11,6 +12,13 @@ const LABELS = {
 const CAPTIONS = new Set([112, 113]);
 const NOTHING = { 112: 'No PID to map', 113: 'No PID is mapped on this pin', 102: 'No table has come yet', 1006: 'No packets yet' };
 const LINE = 14;
+const FIRST_PIN = 1000;  // of the buttons that choose a pin
+const PID_EDIT = 1010;
+
+const PID_COLUMNS = new Set(['PID', 'PID Found', 'Mapped']);
+
+/** A cell that is a PID, or begins with one, with the number as people write it. */
+const withPid = (text) => text.replace(/^[0-9a-f]{4}(?=$|, )/, (pid) => pidText(parseInt(pid, 16)));
 
 /** Controls that stand beside each other, from left to right. */
 function inRows(controls) {
@@ -39,6 +47,11 @@ export class DialogView {
       for (const row of inRows(page.controls)) this.addRow(row);
     }
     for (const control of page.controls) this.controls.get(control.id)?.show(control);
+  }
+
+  /** The buttons that choose pins are called as the pins are. */
+  namePins(names) {
+    names.forEach((name, i) => this.controls.get(FIRST_PIN + i)?.rename?.(name));
   }
 
   addRow(row) {
@@ -103,11 +116,13 @@ export class DialogView {
   makeToggle(control) {
     const input = make('input', { type: control.kind === 'check' ? 'checkbox' : 'radio', name: this.key,
       id: this.id(control), onchange: () => this.act(control, 'click') });
-    const text = make('span');
+    const text = make('bdi');
+    let name = '';
     return {
       element: make('label', { class: 'toggle' }, input, text),
+      rename: (given) => { text.textContent = name = given; },
       show: (state) => {
-        text.textContent = state.text;
+        text.textContent = name || state.text;
         input.checked = state.checked;
         input.disabled = !state.enabled;
       },
@@ -119,7 +134,7 @@ export class DialogView {
     let sending = Promise.resolve();
     let open = 0;
     const input = make('input', { type: 'text', id: this.id(control), maxlength: 200, spellcheck: 'false',
-      autocomplete: 'off', 'aria-label': this.label(control.id),
+      autocomplete: 'off', 'aria-label': this.label(control.id), placeholder: control.id === PID_EDIT ? '257 or 0x101' : '',
       oninput: () => {
         const text = input.value;
         ++open;
@@ -162,11 +177,13 @@ export class DialogView {
   makeList(control) {
     let state = control;
     let shown = '';
+    const hasPids = (column) => PID_COLUMNS.has(control.columns[column]) || (this.key === 'services' && column === 0);
+    const shownCell = (text, column) => (hasPids(column) ? withPid(text) : text);
     const table = new SortedTable({
       label: this.label(control.id) ?? 'Rows',
       columns: control.columns.map((title, i) => ({ title, sort: (row) => row.cells[i],
-        class: title === 'PID' || title === 'PID Found' || title === 'Mapped' ? 'code' : '' })),
-      fill: (row, cells) => row.cells.forEach((text, i) => { if (cells[i]) cells[i].replaceChildren(isolated(text)); }),
+        class: PID_COLUMNS.has(title) ? 'code' : '' })),
+      fill: (row, cells) => row.cells.forEach((text, i) => { if (cells[i]) cells[i].replaceChildren(isolated(shownCell(text, i))); }),
       choose: (rows) => this.act(control, 'select', { rows: rows.map((row) => row.index), rev: state.rev }),
       activate: (row) => this.act(control, 'activate', { rows: [row.index], rev: state.rev }),
     });

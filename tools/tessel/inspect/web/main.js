@@ -78,6 +78,7 @@ listen({
     showFacts(data);
     showBand(data);
     overview.show(data);
+    views.get('outpins')?.namePins(data.outputs.map(({ name }) => name));
   },
   log(lines) {
     log.add(lines);

@@ -5,7 +5,9 @@ import { SortedTable } from './tables.js';
 const COLOURS = 8;
 const numbers = new Intl.NumberFormat('en-GB');
 
-export const hex = (pid) => pid.toString(16).padStart(4, '0');
+export const hex = (pid) => `0x${pid.toString(16).toUpperCase().padStart(4, '0')}`;
+
+export const pidText = (pid) => `${pid} (${hex(pid)})`;
 
 export function rateText(rate) {
   if (rate === null) return '–';
@@ -67,12 +69,14 @@ function serviceOf(overview) {
   return (pid) => of.get(pid) ?? -1;
 }
 
+const serviceName = (service) => service.name ?? `service ${service.id}`;
+
 const colour = (service) => (service < 0 ? 'none' : `s${service % COLOURS}`);
 
 /** The bit rate as a bar, a part for each service. */
 export function showBand(overview) {
   const of = serviceOf(overview);
-  const parts = [...overview.services.map((service, i) => ({ name: service.name ?? `service ${service.id}`, rate: 0, i })),
+  const parts = [...overview.services.map((service, i) => ({ name: serviceName(service), rate: 0, i })),
     { name: 'tables and others', rate: 0, i: -1 }, { name: 'null packets', rate: 0, i: -2 }];
   const tail = overview.services.length;
   for (const { pid, rate } of overview.pids)
@@ -99,17 +103,21 @@ export class OverviewView {
       empty: 'No packets yet',
       columns: [
         { title: 'PID', class: 'code', sort: (row) => row.pid },
-        { title: 'Carries', class: 'carries', sort: (row) => row.text },
+        { title: 'Carries', class: 'carries', sort: (row) => row.words },
+        { title: 'Service', class: 'of wide', sort: (row) => row.of },
         { title: 'Bit rate', class: 'number', sort: (row) => row.rate ?? -1 },
         { title: 'Packets', class: 'number wide', sort: (row) => row.packets },
-        { title: 'Lost', class: 'number wide', sort: (row) => row.lost },
+        { title: 'Lost', class: 'number', sort: (row) => row.lost },
       ],
       fill: (row, cells) => this.fillPid(row, cells),
     });
+    this.search = make('input', { type: 'text', 'aria-label': 'Search PIDs', placeholder: 'Search', spellcheck: 'false',
+      autocomplete: 'off', oninput: () => this.showPids() });
+    this.rows = [];
     this.outputs = make('div', { class: 'outputs' });
     this.cards = new Map();
     this.element = make('div', { class: 'overview' },
-      make('section', { class: 'card' }, make('h2', {}, 'PIDs'), this.table.element),
+      make('section', { class: 'card' }, make('h2', {}, 'PIDs', this.search), this.table.element),
       make('section', { class: 'card' },
         make('h2', {}, 'Output pins', make('button', { type: 'button', class: 'button small', onclick: openMap }, 'Open PID Map')),
         this.outputs));
@@ -117,32 +125,32 @@ export class OverviewView {
 
   fillPid(row, cells) {
     if (cells[0].childElementCount === 0) {
-      cells[0].append(make('b', {}, hex(row.pid)), make('small', {}, String(row.pid)));
-      const tags = ['PCR', 'scrambled', 'lost', 'mapped'].map((text) => make('span', { class: `tag ${text}` }, text));
-      cells[1].append(make('div', {}, make('i', { class: 'dot' }), isolated(''), make('span', { class: 'faint' }, isolated('')),
-        make('span', { class: 'tags' }, ...tags)));
-      cells[2].append(make('span', { class: 'bar' }, make('span')), make('span'));
+      cells[0].append(make('b', {}, String(row.pid)), make('small', {}, hex(row.pid)));
+      const tags = ['PCR', 'scrambled', 'mapped'].map((text) => make('span', { class: `tag ${text}` }, text));
+      cells[1].append(make('div', {}, make('i', { class: 'dot' }), isolated(''), make('span', { class: 'tags' }, ...tags)));
+      cells[2].append(isolated(''));
+      cells[3].append(make('span', { class: 'bar' }, make('span')), make('span'));
     }
     const set = (node, text) => { if (node.textContent !== text) node.textContent = text; };
-    const [dot, first, rest, tags] = cells[1].firstChild.children;
+    const [dot, words, tags] = cells[1].firstChild.children;
     dot.className = `dot ${colour(row.service)}`;
-    // "ISO11172 Audio, ger, ..." and "PMT of Service(...)": what it is, and what more there is to say.
-    const [, what, more] = row.text.match(/^([^,(]*)(?:, )?(.*)$/s);
-    set(first, what || (row.service < 0 ? 'not announced' : ''));
-    set(rest.firstChild, more);
-    rest.title = more;
-    const [bar, rate] = cells[2].children;
+    set(words, row.words || (row.service < 0 ? 'not announced' : ''));
+    // What the tables say of it, to the letter.
+    cells[1].title = row.text;
+    set(cells[2].firstChild, row.of);
+    cells[2].title = row.of;
+    // Where there is no room for the column.
+    cells[1].firstChild.dataset.of = row.of;
+    const [bar, rate] = cells[3].children;
     bar.firstChild.className = colour(row.service);
     bar.firstChild.style.width = `${(100 * Math.min(row.rate ?? 0, this.most)) / this.most}%`;
     set(rate, rateText(row.rate));
-    set(cells[3], numbers.format(row.packets));
-    set(cells[4], row.lost ? numbers.format(row.lost) : '–');
-    cells[4].classList.toggle('bad', row.lost > 0);
-    const [pcr, scrambled, lost, mapped] = tags.children;
+    set(cells[4], numbers.format(row.packets));
+    set(cells[5], row.lost ? numbers.format(row.lost) : '–');
+    cells[5].classList.toggle('bad', row.lost > 0);
+    const [pcr, scrambled, mapped] = tags.children;
     pcr.hidden = !row.pcr;
     scrambled.hidden = !row.scrambled;
-    lost.hidden = !row.lost;
-    set(lost, `${row.lost} lost`);
     mapped.hidden = row.pins.length === 0;
     set(mapped, `→ ${row.pins.join(', ')}`);
   }
@@ -150,7 +158,11 @@ export class OverviewView {
   show(overview) {
     const of = serviceOf(overview);
     this.most = Math.max(1, ...overview.pids.filter(({ pid }) => pid !== 0x1fff).map(({ rate }) => rate ?? 0));
-    this.table.show(overview.pids.map((row) => ({ ...row, key: row.pid, service: of(row.pid) })));
+    this.rows = overview.pids.map((row) => {
+      const service = of(row.pid);
+      return { ...row, key: row.pid, service, of: service < 0 ? '' : serviceName(overview.services[service]) };
+    });
+    this.showPids();
     const cards = new Map();
     for (const output of overview.outputs) {
       const card = this.cards.get(output.name) ?? this.makeCard(output.name);
@@ -163,11 +175,22 @@ export class OverviewView {
     this.cards = cards;
   }
 
+  /** Those that have each word of the search in what is to be seen of them. */
+  showPids() {
+    const wanted = this.search.value.toLowerCase().split(/\s+/);
+    const rows = this.rows.filter((row) => {
+      const text = [row.pid, hex(row.pid), row.words, row.text, row.of, row.scrambled ? 'scrambled' : '', ...row.pins]
+        .join(' ').toLowerCase();
+      return wanted.every((word) => text.includes(word));
+    });
+    this.table.show(rows, this.rows.length ? 'No PID has all of that' : 'No packets yet');
+  }
+
   makeCard(name) {
     const content = make('span', { class: 'faint' });
     const counted = make('p', { class: 'counted' });
     const pids = make('ul', { class: 'chips', 'aria-label': `PIDs mapped on ${name}` });
-    const input = make('input', { type: 'text', 'aria-label': `PID to map on ${name}`, placeholder: 'PID, e.g. 0101',
+    const input = make('input', { type: 'text', 'aria-label': `PID to map on ${name}`, placeholder: 'PID: 257 or 0x101',
       maxlength: 20, spellcheck: 'false', autocomplete: 'off' });
     const form = make('form', { class: 'map', onsubmit: async (event) => {
       event.preventDefault();
@@ -182,10 +205,11 @@ export class OverviewView {
           ? [make('b', {}, numbers.format(output.samples)), ' samples, ', make('b', {}, sizeText(output.bytes))]
           : ['leads nowhere until a PID is mapped']));
         counted.classList.toggle('faint', !output.samples);
-        if (shown === output.pids.join()) return;
-        shown = output.pids.join();
-        pids.replaceChildren(...output.pids.map((pid) => make('li', {}, make('code', {}, pid),
-          make('button', { type: 'button', 'aria-label': `Unmap ${pid} from ${name}`, title: 'Unmap',
+        const next = output.pids.map(({ text }) => text).join();
+        if (shown === next) return;
+        shown = next;
+        pids.replaceChildren(...output.pids.map(({ pid, text }) => make('li', {}, make('code', {}, text),
+          make('button', { type: 'button', 'aria-label': `Unmap ${text} from ${name}`, title: 'Unmap',
             onclick: () => ask('/api/unmap', { pin: name, pid }) }, '×'))));
       },
     };

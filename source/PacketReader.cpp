@@ -18,6 +18,7 @@ bool CPacketReader::MoveTo(int64_t position) {
     if (FAILED(m_parser.CreateBuffer()) || FAILED(m_file.Seek(position, STREAM_SEEK_SET, nullptr)))
         return false;
     m_parser.ResetPositions(position);
+    m_readPosition = position;
     m_result = S_OK;
     return true;
 }
@@ -42,6 +43,7 @@ bool CPacketReader::ReadMore() {
     int32_t read = 0;
     m_result = ReadFile(m_file, reserved, &read);
     m_parser.Commit(read);
+    m_readPosition += read;
     return read > 0;
 }
 

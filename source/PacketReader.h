@@ -24,7 +24,7 @@ public:
     int64_t Position() const { return m_position; }
     // The byte that could not be read, which was taken for the end.
     std::optional<int64_t> Unreadable() const {
-        return FAILED(m_result) ? std::optional(m_parser.BytesReceived()) : std::nullopt;
+        return FAILED(m_result) ? std::optional(m_readPosition) : std::nullopt;
     }
 
 private:
@@ -37,7 +37,8 @@ private:
     PacketParser m_parser{kReadSize};
     const uint8_t* m_packet = nullptr;
     int64_t m_position = 0;
-    HRESULT m_result = S_OK;  // of the last read
+    int64_t m_readPosition = 0;  // of what is read next
+    HRESULT m_result = S_OK;     // of the last read
 };
 
 // One step of reading a file into a buffer: how many bytes came into the bytes that were reserved. Without any the

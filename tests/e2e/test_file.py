@@ -104,6 +104,45 @@ class Played(FileTest):
             self.assertGreater(stream["dropped_bytes"], other["bytes"] // 3)
 
 
+class Unreadable(FileTest):
+    """A sector that the system cannot read ends every command with what came before it, or is left out."""
+    COMMANDS = {"demux": [], "demux --push": [], "demux --from 1": [], "cut --from 1": ["-o"],
+                "extract --pid 256,257": ["-o"], "frames --pid 257": None, "info --pids --json": None,
+                "watch --json": None}
+
+    def made_of(self, command, path, *options, **more):
+        """The exit code, {name: bytes} and what was said."""
+        folder = self.folder / f"out-{len(list(self.folder.iterdir()))}"
+        folder.mkdir()
+        into = self.COMMANDS[command]
+        target = [] if into is None else ["-o", folder / "file"]
+        result = run(*command.split(), path, *target, *options, **more)
+        files = {file.name: file.read_bytes() for file in folder.rglob("*") if file.is_file()}
+        if into is None:
+            files["stdout"] = result.stdout
+        return result.returncode, files, result.stderr.decode()
+
+    def test_what_cannot_be_read_is_said_or_left_out(self):
+        data = made("mpeg2").read_bytes()
+        bad = len(data) // 2 // 512 * 512
+        path = self.file("bad.ts", data)
+        head = self.file("head.ts", data[:bad])
+        hole = self.file("hole.ts", data[:bad] + bytes(512) + data[bad + 512:])
+        faults = support.faulty(read_file=path, read_from=bad, read_bytes=512)
+        for command in self.COMMANDS:
+            with self.subTest(command):
+                code, files, said = self.made_of(command, path, env=faults)
+                self.assertEqual(code, 1)
+                self.assertRegex(said, rf"\Atessel: [^\n]*bad.ts: cannot read byte {bad}: Input/output error[^\n]*\n\Z")
+                if not command.startswith("info"):  # which tells how long the file is
+                    self.assertEqual(files, self.made_of(command, head)[1])
+                code, files, said = self.made_of(command, path, "--skip-unreadable", env=faults)
+                self.assertEqual(code, 0)
+                self.assertRegex(said, rf"\Atessel: [^\n]*bad.ts: 512 bytes could not be read[^\n]* {bad}\n\Z")
+                self.assertEqual(files, self.made_of(command, hole)[1])
+                self.assertTrue(files and b"" not in files.values())
+
+
 TIMES = (0, 0.3, 0.48, 3.21, 6, 11.9)
 LEAD = 1.5  # seconds that ffmpeg sends a picture before it is due, and a bit
 # The file of the stream that times each, how long a group of its pictures or a frame is, and how a group begins.

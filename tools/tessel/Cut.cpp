@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 
 #include "output/PesHeader.h"
 #include "source/PacketReader.h"
@@ -13,6 +14,7 @@
 #include "tools/tessel/Interrupt.h"
 #include "tools/tessel/ProgramMapLog.h"
 #include "tools/tessel/StreamReader.h"
+#include "tools/tessel/Unreadable.h"
 
 namespace tessel::tool {
 
@@ -24,10 +26,12 @@ constexpr int64_t kTail = 8 << 20;
 
 class FilePackets {
 public:
-    FilePackets(const std::string& path, int32_t packetSize)
-        : m_file(OpenStreamFile(path.c_str(), GENERIC_READ, &m_result)), m_name(path), m_packetSize(packetSize) {
+    FilePackets(InputFile& input, int32_t packetSize)
+        : m_file(OpenStreamFile(input.Name().c_str(), GENERIC_READ, &m_result, InputFiles())),
+          m_input(input),
+          m_packetSize(packetSize) {
         if (!m_file)
-            throw Failure(path + ": cannot be opened again");
+            throw Failure(input.Name() + ": cannot be opened again");
         m_reader.emplace(*m_file.Get(), packetSize);
     }
 
@@ -35,7 +39,7 @@ public:
     template <class Visit>
     void ForEach(int64_t begin, int64_t end, Visit visit) {
         if (!m_reader->MoveTo(begin))
-            throw Failure(m_name + ": cannot be sought in");
+            throw Failure(m_input.Name() + ": cannot be sought in");
         while (const uint8_t* const packet = m_reader->ReadPacket()) {
             if (m_reader->Position() >= end || Interrupted())
                 return;
@@ -43,6 +47,8 @@ public:
             if (view.IsClear() && !visit(view, m_reader->Position()))
                 return;
         }
+        if (const auto position = m_reader->Unreadable())
+            m_input.NoteUnreadable(*position, EIO);
         VisitLast(end, visit);
     }
 
@@ -62,7 +68,7 @@ private:
 
     HRESULT m_result = S_OK;
     ComPtr<IStream> m_file;
-    const std::string m_name;
+    InputFile& m_input;
     const int32_t m_packetSize;
     std::optional<CPacketReader> m_reader;
 };
@@ -311,7 +317,8 @@ void Cut(InputFile& input, const std::optional<std::string>& service, const Time
     }
     uint32_t transportStreamId = 0;
     source.GetTransportStreamId(&transportStreamId);
-    FilePackets packets(input.Name(), source.Parser().PacketSize());
+    feed.Restart();  // what may be wrong with the file's beginning is none of this part
+    FilePackets packets(input, source.Parser().PacketSize());
     const Head head = FindHead(packets, *chosen.pmtPid, chosen.id, range);
     OutputFile file(output, input);
     try {

@@ -245,7 +245,10 @@ DemuxResult Demux(InputFile& input, const DemuxRequest& request) {
                 player->SelectService(plan);
             if (!request.span.IsWhole())
                 player->SeekToPart(plan, found.services, request.span, input.Name());
-            return FileRun(*player, feed, request, plan).Do();
+            DemuxResult result = FileRun(*player, feed, request, plan).Do();
+            if (const auto position = player->Unreadable())
+                input.NoteUnreadable(*position, EIO);
+            return result;
         }
     }
     if (!request.span.IsWhole())

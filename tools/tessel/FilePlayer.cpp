@@ -6,6 +6,7 @@
 
 #include "tools/tessel/Failure.h"
 #include "tools/tessel/Pipeline.h"
+#include "tools/tessel/Unreadable.h"
 
 namespace tessel::tool {
 
@@ -60,6 +61,8 @@ bool HasSync(const std::string& path) {
 
 // source has tried to open path, and has what it found on the way.
 std::string WhyRefused(CTsSource& source, const std::string& path) {
+    if (FAILED(source.ReadResult()))
+        return "its beginning cannot be read";
     if (!HasSync(path))
         return "no packets begin in its first 10,240 bytes";
     if (source.MetDiscontinuity())
@@ -82,6 +85,13 @@ std::optional<std::u16string> SourceNameOf(const std::string& path) {
     }
 }
 
+ComPtr<CTsSource> MakeInputSource() {
+    ComPtr<CTsSource> source = MakeTsSource();
+    Check(source ? S_OK : E_OUTOFMEMORY, "cannot make a file source");
+    source->SetFileSystem(InputFiles());
+    return source;
+}
+
 std::unique_ptr<FilePlayer> FilePlayer::Open(const std::string& path, size_t sources, std::string* why) {
     const auto name = SourceNameOf(path);
     if (!name) {
@@ -90,8 +100,7 @@ std::unique_ptr<FilePlayer> FilePlayer::Open(const std::string& path, size_t sou
     }
     auto player = std::unique_ptr<FilePlayer>(new FilePlayer());
     for (size_t i = 0; i < sources; ++i) {
-        ComPtr<CTsSource> source = MakeTsSource();
-        Check(source ? S_OK : E_OUTOFMEMORY, "cannot make a file source");
+        ComPtr<CTsSource> source = MakeInputSource();
         if (const HRESULT result = source->Load(name->c_str(), nullptr); FAILED(result)) {
             *why = result == E_INVALIDARG ? "its path is too long" : WhyRefused(*source.Get(), path);
             return nullptr;
@@ -153,6 +162,14 @@ int64_t FilePlayer::BytesRead() const {
     for (const auto& source : m_sources)
         bytes = std::max(bytes, source->ReadPosition() - source->StartPosition());
     return bytes;
+}
+
+std::optional<int64_t> FilePlayer::Unreadable() const {
+    std::optional<int64_t> first;
+    for (const auto& source : m_sources)
+        if (FAILED(source->ReadResult()))
+            first = std::min(first.value_or(INT64_MAX), source->ReadPosition());
+    return first;
 }
 
 bool FilePlayer::WasAborted() const {

@@ -12,6 +12,9 @@ namespace tessel::tool {
 // The path as the file source takes it; none for what is no regular file, or no UTF-8.
 std::optional<std::u16string> SourceNameOf(const std::string& path);
 
+// A file source that opens files as inputs are opened. Failure when there is no memory.
+ComPtr<CTsSource> MakeInputSource();
+
 class FilePlayer {
 public:
     // Null when the file source does not open the file; *why then says what it lacks.
@@ -41,6 +44,8 @@ public:
     // The most that a source has read.
     int64_t BytesRead() const;
     bool WasAborted() const;
+    // The first byte that a source could not read.
+    std::optional<int64_t> Unreadable() const;
 
 private:
     FilePlayer() : m_graph(new CFilterGraph()) {}

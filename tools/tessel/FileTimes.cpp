@@ -65,8 +65,8 @@ bool ClockGoesOn(const std::string& path, size_t packetSize, uint32_t pcrPid, in
 }
 
 ComPtr<IMediaSeeking> Open(const std::u16string& name, const ComponentInfo& master) {
-    const ComPtr<CTsSource> source = MakeTsSource();
-    if (!source || FAILED(source->Load(name.c_str(), nullptr)) || !MapTimingPin(source.Get(), master))
+    const ComPtr<CTsSource> source = MakeInputSource();
+    if (FAILED(source->Load(name.c_str(), nullptr)) || !MapTimingPin(source.Get(), master))
         return nullptr;
     return ComPtr<IMediaSeeking>(source.Get());
 }

@@ -13,6 +13,7 @@
 #include "source/StreamFile.h"
 #include "tools/tessel/Failure.h"
 #include "tools/tessel/Interrupt.h"
+#include "tools/tessel/Unreadable.h"
 
 namespace tessel::tool {
 
@@ -77,23 +78,41 @@ size_t InputFile::Read(std::span<uint8_t> buffer) {
         return ReadGrowing(buffer);
     buffer = buffer.first(static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(buffer.size()), m_left)));
     while (WaitForInput(m_descriptor)) {
-        const ssize_t count = read(m_descriptor, buffer.data(), buffer.size());
-        if (count >= 0) {
-            m_bytesRead += count;
-            m_left -= count;
-            return static_cast<size_t>(count);
-        }
-        if (errno != EINTR && errno != EAGAIN)
-            throw Failure(m_name + ": cannot read: " + Reason());
+        ssize_t count = read(m_descriptor, buffer.data(), buffer.size());
+        if (count < 0 && (errno == EINTR || errno == EAGAIN))
+            continue;
+        if (count < 0)
+            count = static_cast<ssize_t>(PassOverUnreadable(buffer, errno));
+        m_bytesRead += count;
+        m_left -= count;
+        return static_cast<size_t>(count);
     }
     return 0;
+}
+
+size_t InputFile::PassOverUnreadable(std::span<uint8_t> buffer, int error) {
+    const int64_t position = OffsetOf(m_descriptor);
+    struct stat status {};
+    if (position >= 0 && SkipsUnreadable() && fstat(m_descriptor, &status) == 0 && status.st_size > position) {
+        const auto left = static_cast<uint64_t>(status.st_size - position);
+        const size_t count = PassOver(position, buffer.first(std::min<uint64_t>(buffer.size(), left)));
+        if (lseek(m_descriptor, static_cast<off_t>(count), SEEK_CUR) >= 0)
+            return count;
+    }
+    NoteUnreadable(position >= 0 ? position : m_bytesRead, error);
+    return 0;
+}
+
+void InputFile::NoteUnreadable(int64_t position, int error) {
+    if (!m_unreadable)
+        m_unreadable = m_name + ": cannot read byte " + std::to_string(position) + ": " + std::strerror(error);
 }
 
 void InputFile::Follow(std::optional<std::chrono::milliseconds> idle) {
     if (!CanRewind())
         throw Failure(m_name + ": only a file can be followed; a pipe is read to its end anyhow");
     HRESULT result = S_OK;
-    m_growing = OpenStreamFile(m_name.c_str(), GENERIC_READ, &result);
+    m_growing = OpenStreamFile(m_name.c_str(), GENERIC_READ, &result, InputFiles());
     if (!m_growing)
         throw Failure(m_name + ": cannot open: " + Reason() + "; check the path");
     m_idle = idle;
@@ -109,8 +128,10 @@ size_t InputFile::ReadGrowing(std::span<uint8_t> buffer) {
             m_lastGrowth = std::chrono::steady_clock::now();
             return count;
         }
-        if (FAILED(result))
-            throw Failure(m_name + ": cannot read any further");
+        if (FAILED(result)) {
+            NoteUnreadable(m_bytesRead, EIO);
+            break;
+        }
         if (m_idle && std::chrono::steady_clock::now() - m_lastGrowth >= *m_idle)
             break;
         SleepUnlessInterrupted(kGrowthPoll);
@@ -133,12 +154,14 @@ void InputFile::Rewind() {
     if (!moved)
         throw Failure(m_name + ": cannot read from the beginning again: " + Reason());
     m_bytesRead = 0;
+    m_unreadable.reset();
 }
 
 void InputFile::SetRange(int64_t begin, int64_t end) {
     if (lseek(m_descriptor, begin, SEEK_SET) < 0)
         throw Failure(m_name + ": cannot be sought in: " + Reason());
     m_bytesRead = 0;
+    m_unreadable.reset();
     m_left = end - begin;
 }
 

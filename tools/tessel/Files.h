@@ -21,10 +21,15 @@ public:
     InputFile(const InputFile&) = delete;
     InputFile& operator=(const InputFile&) = delete;
 
-    // Some more bytes, valid until the next call; none at the end, or when the user has interrupted.
+    // Some more bytes, valid until the next call; none at the end, when the user has interrupted, and in front of a
+    // byte that cannot be read.
     std::span<const uint8_t> Read();
     // The same into a buffer of the caller's: the number of bytes.
     size_t Read(std::span<uint8_t> buffer);
+    // A byte that could not be read, as a sentence; what came before it counts. None once rewound.
+    const std::optional<std::string>& Unreadable() const { return m_unreadable; }
+    // Somebody else who reads the file could not read that byte.
+    void NoteUnreadable(int64_t position, int error);
     // Whether a read would not wait. Of a file that grows, also when it has not done so for a while.
     bool IsReady() const;
     int64_t BytesRead() const { return m_bytesRead; }
@@ -44,10 +49,13 @@ public:
 
 private:
     size_t ReadGrowing(std::span<uint8_t> buffer);
+    // After a read that failed: the bytes that stand for what cannot be read, or 0.
+    size_t PassOverUnreadable(std::span<uint8_t> buffer, int error);
 
     std::string m_name;
     int m_descriptor = -1;
     ComPtr<IStream> m_growing;
+    std::optional<std::string> m_unreadable;
     std::optional<std::chrono::milliseconds> m_idle;
     std::chrono::steady_clock::time_point m_lastGrowth;
     int64_t m_start = -1;  // where in the file we began; -1 for a pipe

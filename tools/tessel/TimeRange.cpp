@@ -7,6 +7,7 @@
 #include "source/StreamFile.h"
 #include "tools/tessel/FilePlayer.h"
 #include "tools/tessel/PacketMeter.h"
+#include "tools/tessel/Unreadable.h"
 
 namespace tessel::tool {
 
@@ -103,7 +104,7 @@ std::optional<int64_t> ClockOrigin(CTsSource& source, uint32_t pcrPid) {
 std::optional<int64_t> FindClockReference(CTsSource& source, const std::string& path, uint32_t pcrPid, int64_t origin,
                                           int64_t begin, REFERENCE_TIME time) {
     HRESULT result = S_OK;
-    const ComPtr<IStream> file = OpenStreamFile(path.c_str(), GENERIC_READ, &result);
+    const ComPtr<IStream> file = OpenStreamFile(path.c_str(), GENERIC_READ, &result, InputFiles());
     if (!file)
         return std::nullopt;
     CPacketReader reader(*file.Get(), source.Parser().PacketSize());

@@ -13,6 +13,7 @@
 #include "tools/tessel/Frames.h"
 #include "tools/tessel/Info.h"
 #include "tools/tessel/Interrupt.h"
+#include "tools/tessel/Unreadable.h"
 #include "tools/tessel/Watch.h"
 #include "tools/tessel/inspect/Inspect.h"
 
@@ -21,6 +22,7 @@ namespace {
 
 struct InfoArguments {
     std::string input;
+    bool skipUnreadable = false;
     bool json = false;
     bool pids = false;
     bool push = false;
@@ -38,6 +40,7 @@ struct FollowArguments {
 
 struct ExtractArguments {
     std::string input;
+    bool skipUnreadable = false;
     SpanArguments span;
     FollowArguments follow;
     std::string pids;
@@ -47,6 +50,7 @@ struct ExtractArguments {
 
 struct DemuxArguments {
     std::string input;
+    bool skipUnreadable = false;
     SpanArguments span;
     FollowArguments follow;
     std::string directory;
@@ -62,6 +66,7 @@ struct DemuxArguments {
 
 struct CutArguments {
     std::string input;
+    bool skipUnreadable = false;
     SpanArguments span;
     std::string service;
     std::string output;
@@ -69,12 +74,14 @@ struct CutArguments {
 
 struct FramesArguments {
     std::string input;
+    bool skipUnreadable = false;
     std::string pid;
     bool json = false;
 };
 
 struct WatchArguments {
     std::string input;
+    bool skipUnreadable = false;
     bool json = false;
 };
 
@@ -91,12 +98,38 @@ struct ModuleArguments {
     bool json = false;
 };
 
+// Runs a command on its input. Of what cannot be read the user hears behind what was made of the rest, and before what
+// that lacks.
+template <class Command>
+void RunOn(InputFile& input, bool skipUnreadable, Command command) {
+    const auto checkInput = [&] {
+        if (input.Unreadable())
+            throw Failure(*input.Unreadable() +
+                          (input.CanRewind() && !skipUnreadable ? "; --skip-unreadable goes on behind it" : ""));
+    };
+    if (skipUnreadable)
+        SkipUnreadable();
+    try {
+        command();
+    } catch (const Failure&) {
+        checkInput();
+        throw;
+    }
+    checkInput();
+    if (const PassedOver passedOver = AllPassedOver(); passedOver.bytes != 0)
+        std::fprintf(stderr, "tessel: %s: %lld bytes could not be read and are left out, the first is byte %lld\n",
+                     input.Name().c_str(), static_cast<long long>(passedOver.bytes),
+                     static_cast<long long>(passedOver.first));
+}
+
 void RunInfo(const InfoArguments& arguments) {
     InputFile input(arguments.input);
-    StreamInfo info = ReadStreamInfo(input, arguments.pids);
-    if (!arguments.push && arguments.input != "-")
-        info.times = ReadFileTimes(arguments.input, info.packetSize, info.services);
-    Print(arguments.json ? InfoAsJson(info, arguments.pids) : InfoAsText(info, arguments.pids));
+    RunOn(input, arguments.skipUnreadable, [&] {
+        StreamInfo info = ReadStreamInfo(input, arguments.pids);
+        if (!arguments.push && arguments.input != "-")
+            info.times = ReadFileTimes(arguments.input, info.packetSize, info.services);
+        Print(arguments.json ? InfoAsJson(info, arguments.pids) : InfoAsText(info, arguments.pids));
+    });
 }
 
 // Only a file can be sought in.
@@ -129,11 +162,13 @@ void RunExtract(const ExtractArguments& arguments) {
     InputFile input(arguments.input);
     if (arguments.follow.follow)
         CatchInterrupts();
-    Follow(input, arguments.follow);
-    if (!span.IsWhole())
-        ReadOnlyPart(input, pids, span);
-    OutputFile output(arguments.output, input);
-    Extract(input, pids, arguments.sections ? ExtractWhat::kSections : ExtractWhat::kPackets, output);
+    RunOn(input, arguments.skipUnreadable, [&] {
+        Follow(input, arguments.follow);
+        if (!span.IsWhole())
+            ReadOnlyPart(input, pids, span);
+        OutputFile output(arguments.output, input);
+        Extract(input, pids, arguments.sections ? ExtractWhat::kSections : ExtractWhat::kPackets, output);
+    });
 }
 
 std::optional<std::string> Given(const std::string& text) {
@@ -165,12 +200,14 @@ void RunDemux(const DemuxArguments& arguments) {
         throw Misuse("--audio chooses among the streams of services, and --pid names streams; add --service");
     InputFile input(arguments.input);
     CatchInterrupts();
-    Follow(input, arguments.follow);
-    const DemuxResult result = Demux(input, request);
-    Print(arguments.json ? DemuxAsJson(result) : DemuxAsText(result));
-    if (result.aborted)
-        throw Failure(arguments.input + ": its clock jumps, or another stream begins, before byte " +
-                      std::to_string(result.bytes) + ", where playing it ends; --push goes on beyond that");
+    RunOn(input, arguments.skipUnreadable, [&] {
+        Follow(input, arguments.follow);
+        const DemuxResult result = Demux(input, request);
+        Print(arguments.json ? DemuxAsJson(result) : DemuxAsText(result));
+        if (result.aborted)
+            throw Failure(arguments.input + ": its clock jumps, or another stream begins, before byte " +
+                          std::to_string(result.bytes) + ", where playing it ends; --push goes on beyond that");
+    });
 }
 
 void RunCut(const CutArguments& arguments) {
@@ -179,20 +216,21 @@ void RunCut(const CutArguments& arguments) {
     const TimeSpan span = ParseSpan(arguments.span, arguments.input);
     InputFile input(arguments.input);
     CatchInterrupts();
-    Cut(input, Given(arguments.service), span, arguments.output);
+    RunOn(input, arguments.skipUnreadable, [&] { Cut(input, Given(arguments.service), span, arguments.output); });
 }
 
 void RunFrames(const FramesArguments& arguments) {
     const uint32_t pid = ParsePid(arguments.pid);
     InputFile input(arguments.input);
     Feed feed(input);
-    PrintFrames(feed, pid, arguments.json);
+    RunOn(input, arguments.skipUnreadable, [&] { PrintFrames(feed, pid, arguments.json); });
 }
 
 void RunWatch(const WatchArguments& arguments) {
     InputFile input(arguments.input);
     CatchInterrupts();
-    Watch(input, arguments.json ? WatchFormat::kJson : WatchFormat::kText);
+    RunOn(input, arguments.skipUnreadable,
+          [&] { Watch(input, arguments.json ? WatchFormat::kJson : WatchFormat::kText); });
 }
 
 void RunInspect(const InspectArguments& arguments) {
@@ -212,12 +250,17 @@ void RunClasses(const ModuleArguments& arguments) {
 
 const char* const kInputHelp = "A transport stream: a file, or - for standard input";
 
+void AddSkipUnreadable(CLI::App* command, bool& skip) {
+    command->add_flag("--skip-unreadable", skip, "Go on behind what cannot be read of a file: leave it out");
+}
+
 void AddInfo(CLI::App& app, InfoArguments& arguments) {
     CLI::App* info = app.add_subcommand("info", "List the services of a stream");
     info->add_option("INPUT", arguments.input, kInputHelp)->required();
     info->add_flag("--json", arguments.json, "For programs: one JSON object; what is not known is null");
     info->add_flag("--pids", arguments.pids, "Read to the end and list every PID");
     info->add_flag("--push", arguments.push, "Read a file as a pipe is read, without its duration and bit rate");
+    AddSkipUnreadable(info, arguments.skipUnreadable);
     info->footer(
         "Examples:\n"
         "  tessel info recording.ts\n"
@@ -250,6 +293,7 @@ void AddExtract(CLI::App& app, ExtractArguments& arguments) {
     extract->add_option("-o,--output", arguments.output, "The file to write, or - for standard output")->required();
     AddSpan(extract, arguments.span);
     AddFollow(extract, arguments.follow);
+    AddSkipUnreadable(extract, arguments.skipUnreadable);
     extract->footer(
         "Packets come out as 188 bytes. Left out are scrambled and damaged ones, and the last of the input,\n"
         "which no sync byte follows.\n\n"
@@ -278,6 +322,7 @@ void AddDemux(CLI::App& app, DemuxArguments& arguments) {
     AddSpan(demux, arguments.span);
     AddFollow(demux, arguments.follow);
     demux->add_flag("--json", arguments.json, "The summary for programs");
+    AddSkipUnreadable(demux, arguments.skipUnreadable);
     demux->footer(
         "Files are SERVICE-PID.EXT: m2v, m1v, h264, m4v, mp2, mpa, ac3, aac, sub, ts for packets, psi for sections.\n"
         "A stream begins with its first time stamp. What no pin delivers as an elementary stream, or what shows\n"
@@ -296,6 +341,7 @@ void AddCut(CLI::App& app, CutArguments& arguments) {
     AddSpan(cut, arguments.span);
     cut->add_option("--service", arguments.service, "Its id or its name; the first that has a program map if left out");
     cut->add_option("-o,--output", arguments.output, "The file to write, or - for standard output")->required();
+    AddSkipUnreadable(cut, arguments.skipUnreadable);
     cut->footer(
         "The part holds the packets of the service's program map and streams as they are, each stream from its first\n"
         "whole PES packet to its last, and a PAT that names this service alone. Scrambled packets are left out.\n\n"
@@ -311,6 +357,7 @@ void AddFrames(CLI::App& app, FramesArguments& arguments) {
     frames->add_option("--pid", arguments.pid, "The PID of MPEG audio or AC-3, in decimal or 0x hexadecimal")
         ->required();
     frames->add_flag("--json", arguments.json, "For programs: one JSON object a line");
+    AddSkipUnreadable(frames, arguments.skipUnreadable);
     frames->footer(
         "Position and length are in bytes of the elementary stream, the time in seconds of its time stamps.\n\n"
         "Examples:\n"
@@ -323,6 +370,7 @@ void AddWatch(CLI::App& app, WatchArguments& arguments) {
     CLI::App* watch = app.add_subcommand("watch", "Print table and service events as they come");
     watch->add_option("INPUT", arguments.input, kInputHelp)->required();
     watch->add_flag("--json", arguments.json, "For programs: one JSON object a line");
+    AddSkipUnreadable(watch, arguments.skipUnreadable);
     watch->footer(
         "Examples:\n"
         "  tessel watch recording.ts\n"

@@ -172,6 +172,8 @@ bool Playback::PlaySome() {
     if (!m_input.file->IsReady())
         return WaitForBytes();
     const auto bytes = m_pipeline.Read(m_feed, PieceSize());
+    if (bytes.empty() && m_input.file->Unreadable())
+        throw Failure(*m_input.file->Unreadable());
     if (bytes.empty())
         return false;
     if (m_bytes == 0 || m_state != PlaybackState::kPlaying)

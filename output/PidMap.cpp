@@ -20,14 +20,13 @@ void CPidMap::Insert(ULONG pid) {
     }
 }
 
-void CPidMap::Erase(ULONG pid) {
+bool CPidMap::Erase(ULONG pid) {
     CScopedLock lock(&m_lock);
     if (pid == ALL_PIDS)
-        m_allPids = false;
-    else if (pid == ALL_TABLES)
-        m_allTables = false;
-    else
-        m_pids.erase(pid);
+        return m_allPids.exchange(false);
+    if (pid == ALL_TABLES)
+        return m_allTables.exchange(false);
+    return m_pids.erase(pid) != 0;
 }
 
 bool CPidMap::Contains(ULONG pid) const {

@@ -18,7 +18,8 @@ namespace tessel {
 class CPidMap {
 public:
     void Insert(ULONG pid);
-    void Erase(ULONG pid);
+    // False when it was not there.
+    bool Erase(ULONG pid);
 
     bool AllPids() const { return m_allPids.load(std::memory_order_relaxed); }
     bool AllTables() const { return m_allTables.load(std::memory_order_relaxed); }

@@ -216,13 +216,16 @@ HRESULT CTsOutputPin::UnmapPID(ULONG count, const ULONG* pids) {
     if (pids == nullptr)
         return E_POINTER;
     CScopedLock lock(&m_mapMutex);
+    bool changed = false;
     for (ULONG i = 0; i < count; ++i) {
-        m_map.Erase(pids[i]);
+        if (!m_map.Erase(pids[i]))
+            continue;
+        changed = true;
         m_host.OnPinWants(*this, pids[i], false);
     }
     if (!IsConnected() && m_map.IsEmpty())
         DestroyContent();
-    else
+    else if (changed)
         NoteMapping();
     return S_OK;
 }

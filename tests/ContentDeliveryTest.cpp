@@ -432,6 +432,9 @@ TEST(Mapping, ChangesAtTheByteWhereItCame) {
     const ULONG other = kOtherPid;
     ASSERT_EQ(pin->MapPID(1, &other, MEDIA_TRANSPORT_PACKET), S_OK);
     ASSERT_EQ(graph.source->Push(pairs(30)), S_OK);
+    const ULONG absent = 0x555;
+    ASSERT_EQ(pin->UnmapPID(1, &absent), S_OK);
+    ASSERT_EQ(graph.source->Push(pairs(60)), S_OK);
     gate.Open();
     ASSERT_EQ(graph.End(), S_OK);
     ASSERT_TRUE(sink.WaitForEnd());
@@ -444,7 +447,7 @@ TEST(Mapping, ChangesAtTheByteWhereItCame) {
             received.emplace_back(sample.bytes[at + 2], sample.bytes[at + 4]);
     }
     std::vector<std::pair<uint8_t, uint8_t>> expected;
-    for (uint8_t i = 0; i < 60; ++i) {
+    for (uint8_t i = 0; i < 90; ++i) {
         expected.emplace_back(0x11, i);
         if (i >= 30)
             expected.emplace_back(0x12, i);

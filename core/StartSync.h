@@ -10,9 +10,8 @@ namespace tessel {
 
 struct SyncSettings {
     bool waitsForHalfSecond;    // of PCR, so that all streams have shown up
-    int32_t queuedJumps;        // jumps of the clock that the content that asks has yet to reach
+    bool inputEnded;            // nothing more comes
     bool hasLiveClock;          // nothing begins before streamTime
-    bool isLive;                // the clock has its time from the arrivals
     REFERENCE_TIME streamTime;  // of the filter
 };
 
@@ -21,15 +20,15 @@ struct SyncOrigin {
     REFERENCE_TIME time;  // what it stands for
 };
 
-// The clock of pcrPid gets its time: the first time stamp of the audio stream, or else of another one, is the start
-// of all. Where it has one already, that holds. False: not yet.
+// The clock of the content's PCR PID gets its time: the first time stamp of the audio stream, or else of another one,
+// is the start of all. Where it has one already, that holds. A failure means not yet.
 //
 // Between two jumps of the clock there is one start. Outputs that are behind a jump that the clock has made already get
 // a start of their own, and those ahead wait for them.
-bool StartClock(PcrClocks& clocks, int32_t pcrPid, std::span<const OutputPinPtr> pins, const SyncSettings& settings,
-                SyncOrigin* out);
-
-// Whether outputs that are still at work have more jumps left, so that a start without new input may yet come.
-bool IsAheadOfOthers(int32_t pcrPid, std::span<const OutputPinPtr> pins, int32_t queuedJumps);
+//
+// Once the input has ended, no output behind a jump waits for what will not come: a PCR, a time stamp of another one,
+// or more data. Then a failure is final, and S_FALSE means that others have yet to come to where this one is.
+HRESULT StartClock(PcrClocks& clocks, const CStreamExecutor& content, std::span<const OutputPinPtr> pins,
+                   const SyncSettings& settings, SyncOrigin* out);
 
 }  // namespace tessel

@@ -314,8 +314,8 @@ private:
     std::shared_ptr<CDeliveryLock> DeliveryLock() override { return m_deliveryLock; }
     const ReadingRules& Rules() const override { return m_rules; }
     HRESULT SetPcrDiscont(int32_t pcrPid) override { return m_clocks.SetPcrDiscont(pcrPid); }
-    HRESULT StartSync(int32_t pcrPid, int32_t queuedJumps, int64_t* ptsOrigin, REFERENCE_TIME* timeOrigin) override;
-    bool IsAheadOfOthers(int32_t pcrPid, int32_t queuedJumps) override;
+    HRESULT StartSync(const CStreamExecutor& content, bool inputEnded, int64_t* ptsOrigin,
+                      REFERENCE_TIME* timeOrigin) override;
     void WaitForStreamTime(REFERENCE_TIME at, const std::shared_ptr<CEvent>& event, uint32_t milliseconds) override;
     HRESULT WantSections(uint32_t pid) override;
     void OnPinWants(CTsOutputPin& pin, ULONG pid, bool wanted) override;

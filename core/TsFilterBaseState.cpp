@@ -222,27 +222,23 @@ REFERENCE_TIME CTsFilterBase::CurrentStreamTime() {
     return IsHostRunning() && SUCCEEDED(StreamTime(now)) ? now : 0;
 }
 
-HRESULT CTsFilterBase::StartSync(int32_t pcrPid, int32_t queuedJumps, int64_t* ptsOrigin, REFERENCE_TIME* timeOrigin) {
+HRESULT CTsFilterBase::StartSync(const CStreamExecutor& content, bool inputEnded, int64_t* ptsOrigin,
+                                 REFERENCE_TIME* timeOrigin) {
     const SyncSettings settings{.waitsForHalfSecond = m_mode != StreamingMode::kFile,
-                                .queuedJumps = queuedJumps,
+                                .inputEnded = inputEnded,
                                 .hasLiveClock = m_modeParameter != 0,
-                                .isLive = m_mode == StreamingMode::kLive,
                                 .streamTime = m_modeParameter != 0 ? CurrentStreamTime() : 0};
     const std::vector<OutputPinPtr> pins = m_pins.All();
     SyncOrigin origin{};
-    if (!StartClock(m_clocks, pcrPid, pins, settings, &origin))
-        return E_FAIL;
+    const HRESULT result = StartClock(m_clocks, content, pins, settings, &origin);
+    if (result != S_OK)
+        return result;
     *ptsOrigin = origin.pts;
     *timeOrigin = origin.time;
     for (const OutputPinPtr& pin : pins)
-        if (pin->GetPcrPid() == pcrPid)
+        if (pin->GetPcrPid() == content.GetPcrPid())
             pin->Signal();
     return S_OK;
-}
-
-bool CTsFilterBase::IsAheadOfOthers(int32_t pcrPid, int32_t queuedJumps) {
-    const std::vector<OutputPinPtr> pins = m_pins.All();
-    return tessel::IsAheadOfOthers(pcrPid, pins, queuedJumps);
 }
 
 void CTsFilterBase::WaitForStreamTime(REFERENCE_TIME at, const std::shared_ptr<CEvent>& event, uint32_t milliseconds) {

@@ -14,6 +14,7 @@
 
 namespace tessel {
 
+class CStreamExecutor;
 class CTsOutputPin;
 
 // The current program map tables by program_number. It never changes: a change makes a new one.
@@ -44,12 +45,10 @@ public:
     virtual HRESULT EndPcrUpdate() = 0;
     // Marks the clock of a PID; E_FAIL when there is none.
     virtual HRESULT SetPcrDiscont(int32_t pcrPid) = 0;
-    // The common start of all contents on a PCR PID; a failure means not yet. queuedJumps: of the content that asks.
-    // ptsOrigin in 90 kHz.
-    virtual HRESULT StartSync(int32_t pcrPid, int32_t queuedJumps, int64_t* ptsOrigin, REFERENCE_TIME* timeOrigin) = 0;
-    // Whether a content with so few jumps left has others on its PCR PID to wait for, which have yet to reach where it
-    // is.
-    virtual bool IsAheadOfOthers(int32_t pcrPid, int32_t queuedJumps) = 0;
+    // The common start of all contents on the PCR PID of the one that asks. A failure means not yet; at the end of the
+    // input it means never, and S_FALSE that others have yet to come to where this one is. ptsOrigin in 90 kHz.
+    virtual HRESULT StartSync(const CStreamExecutor& content, bool inputEnded, int64_t* ptsOrigin,
+                              REFERENCE_TIME* timeOrigin) = 0;
     // Waits until stream time is at, event is set, or so many milliseconds have passed.
     virtual void WaitForStreamTime(REFERENCE_TIME at, const std::shared_ptr<CEvent>& event, uint32_t milliseconds) = 0;
 

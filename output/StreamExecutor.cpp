@@ -178,9 +178,15 @@ void CStreamExecutor::NotifyClockChange(const PcrClock& clock, int32_t immediate
 
 bool CStreamExecutor::TakeCommand(StreamCommand* out, int32_t* budget) {
     CScopedLock notices(&m_noticeLock);
-    if (m_commands.empty())
+    // A jump of the clock in the middle of a PES packet is for the next one; the rest is of the clock before it.
+    auto due = m_commands.begin();
+    if (IsInsidePes())
+        due = std::find_if(due, m_commands.end(), [this](const StreamCommand& command) {
+            return command.code != kClockDiscontinuity || command.position > m_bytesOut;
+        });
+    if (due == m_commands.end())
         return false;
-    const int64_t ahead = m_commands.front().position - m_bytesOut;
+    const int64_t ahead = due->position - m_bytesOut;
     if (ahead > 0) {
         *budget = static_cast<int32_t>(std::min<int64_t>(*budget, ahead));
         return false;
@@ -225,18 +231,19 @@ void CStreamExecutor::OfferPrograms() {
         SetProgram(number, table.Get(), epoch);
 }
 
-bool CStreamExecutor::IsReadyToSend() {
+HRESULT CStreamExecutor::TryToStart(bool inputEnded) {
     CScopedLock lock(&m_lock);
     if (m_state == State::kWaitingForStart) {
         int64_t ptsOrigin = 0;
         REFERENCE_TIME timeOrigin = 0;
-        if (FAILED(m_host.StartSync(m_pcrPid, QueuedJumps(), &ptsOrigin, &timeOrigin)))
-            return false;
+        const HRESULT result = m_host.StartSync(*this, inputEnded, &ptsOrigin, &timeOrigin);
+        if (result != S_OK)
+            return result;
         m_sampleClock.Start(ptsOrigin, timeOrigin);
         m_pin.SetStartPending();
         m_state = State::kStreaming;
     }
-    return m_state == State::kStreaming;
+    return m_state == State::kStreaming ? S_OK : E_FAIL;
 }
 
 void CStreamExecutor::FollowClock() {

@@ -53,10 +53,6 @@ public:
     // Forgets all data, and asks the map anew for what the pin wants.
     void ResetStreamStatus();
     bool IsActive() const { return m_active.load(std::memory_order_relaxed); }
-    // It cannot start yet, but may without more input.
-    bool WaitsForOthers() const {
-        return m_state.load() == State::kWaitingForStart && m_host.IsAheadOfOthers(m_pcrPid, QueuedJumps());
-    }
     // Waiting for a program map table before anything goes out.
     bool IsWaitingForProgram() const { return m_state.load() == State::kWaitingForProgram; }
     // Whether any program map table ends that wait. Such a content binds to nothing, so SetProgram calls nobody.
@@ -69,7 +65,9 @@ public:
     // What could be sent now; 0 when it is better to wait for more.
     int32_t GetPendingBytes(bool startPending, bool eosPending);
     // Tries the common start when that is what it waits for.
-    bool IsReadyToSend();
+    bool IsReadyToSend() { return TryToStart(false) == S_OK; }
+    // S_OK: it is ready to send. Once the input has ended, S_FALSE means not yet, and a failure never.
+    HRESULT TryToStart(bool inputEnded);
     // Lets the commands that the output has reached take effect and lowers *budget to the next one's position.
     // True when the next sample is discontinuous.
     bool ProcessCommands(int32_t* budget);
@@ -168,6 +166,10 @@ private:
     };
 
     void Reset(IEnumPIDMap* mapping) OS_REQUIRES(m_lock);
+    // What comes next continues a PES packet whose beginning has been sent.
+    bool IsInsidePes() const OS_REQUIRES(m_lock) {
+        return m_state == State::kStreaming && (m_marks.empty() || m_marks.front().position > m_bytesOut);
+    }
     bool TakeCommand(StreamCommand* out, int32_t* budget) OS_REQUIRES(m_lock);
     bool Execute(const StreamCommand& command) OS_REQUIRES(m_lock);
     void FollowClock() OS_REQUIRES(m_lock);

@@ -148,6 +148,8 @@ public:
     const CPidMap& Map() const { return m_map; }
     bool HasRuntimeError() const { return m_runTimeError; }
     void SetRuntimeError();
+    // The receiver wants no more but the end.
+    bool HasRefused() const { return m_refused; }
     // Makes the delivery thread look.
     void Signal() { m_event->Set(); }
 
@@ -222,7 +224,7 @@ private:
     std::atomic<bool> m_eosPending{false};
     std::atomic<bool> m_eosDelivered{false};
     std::atomic<bool> m_flushing{false};
-    std::atomic<bool> m_refused{false};  // the receiver wants no more but the end
+    std::atomic<bool> m_refused{false};
     RALThreadPtr<CRALExecutorThread> m_thread OS_GUARDED_BY(m_pinLock);
     const std::shared_ptr<CEvent> m_event;
     const std::shared_ptr<CEvent> m_interrupt;

@@ -220,20 +220,14 @@ void CTsOutputPin::RunTask(uint32_t epoch) {
         return;
     if (!m_eosPending || m_eosDelivered)
         return;
-    // Asked first: if nobody is behind, then that it is not ready is final.
-    const bool waits = content->WaitsForOthers();
-    if (content->IsReadyToSend() && content->GetPendingBytes(m_startPending, true) > 0) {
+    // A stop throws away what has not started.
+    const HRESULT started = content->TryToStart(!m_host.IsEnding());
+    if (started == S_FALSE && MayWait())
+        m_interrupt->Wait(kStartWait);
+    if (started == S_FALSE || (started == S_OK && content->GetPendingBytes(m_startPending, true) > 0))
         m_event->Set();
-        return;
-    }
-    if (waits) {
-        if (MayWait())
-            m_interrupt->Wait(kStartWait);
-        m_event->Set();
-        return;
-    }
-    // Rest delivers the end.
-    Rest(epoch, [] {});
+    else
+        Rest(epoch, [] {});  // which delivers the end
 }
 
 bool CTsOutputPin::SendSome(CStreamExecutor& content, int32_t budget, uint32_t epoch) {

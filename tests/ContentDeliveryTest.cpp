@@ -193,6 +193,61 @@ private:
     CEvent m_open{EventReset::kManual};
 };
 
+// An output finds a wrong time when the last PCR has been parsed: what comes behind waits for a start in vain, and goes
+// out at the end. It is less than a start needs, and it begins in the middle of a picture.
+TEST(WrongTimes, TheEndBringsWhatWaitsForAPcr) {
+    SplitterGraph graph;
+    TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kPid);
+    TestSink& audio = graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kOtherPid);
+    ASSERT_EQ(graph.Run(), S_OK);
+    ProgrammeBuilder builder({{.streams = {Video(kPid, 6'000), Audio(kOtherPid, 500)}}});
+    build::Programme& programme = builder.programmes()[0];
+    builder.Tables().Frames(20);
+    programme.streams[0].ptsOffset = 900'000;
+    builder.Frames(1);
+    programme.streams[0].ptsOffset = 0;
+    const Bytes stream = builder.Frames(1).Take();
+    const auto cut = stream.end() - 10 * kPacketSize;
+    ASSERT_EQ(graph.source->Push({stream.begin(), cut}), S_OK);
+    ASSERT_TRUE(Eventually([&] { return video.Bytes().size() >= 21 * 6'000; })) << "the picture with the wrong time";
+    programme.pcrPid = 0x1F0;
+    builder.Frames(4).Padding();
+    ASSERT_EQ(graph.source->Push({cut, stream.end()}), S_OK);
+    ASSERT_EQ(graph.source->Push(builder.Take()), S_OK);
+    ASSERT_EQ(graph.End(), S_OK);
+    for (TestSink* sink : {&video, &audio}) {
+        ASSERT_TRUE(sink->WaitForEnd());
+        EXPECT_TRUE(sink->Bytes() == builder.Payload(sink == &video ? kPid : kOtherPid));
+        EXPECT_EQ(sink->Times().size(), sink == &video ? 25u : 26u);
+    }
+}
+
+// A receiver that wants no more, or an output that nothing is mapped on any more, holds nobody up behind a jump.
+TEST(StartSync, PassesOverOutputsThatGetNothing) {
+    for (const bool refused : {true, false}) {
+        SCOPED_TRACE(refused ? "refused" : "unmapped");
+        SplitterGraph graph;
+        TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kPid);
+        TestSink& audio = graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kOtherPid);
+        video.OnSample([&](IMediaSample&) { return refused ? S_FALSE : S_OK; });
+        ASSERT_EQ(graph.Run(), S_OK);
+        ProgrammeBuilder builder({{.streams = {Video(kPid, 6'000), Audio(kOtherPid, 4'000)}}});
+        ASSERT_EQ(graph.source->Push(builder.Tables().Frames(30).Take()), S_OK);
+        if (refused) {
+            ASSERT_TRUE(video.WaitForRest());
+        } else {
+            ASSERT_TRUE(video.WaitForSamples(1));
+            const ULONG pid = kPid;
+            ASSERT_EQ(graph.Pin(u"v")->UnmapPID(1, &pid), S_OK);
+        }
+        ASSERT_EQ(graph.source->Push(builder.SetTime(50'000'000).Frames(30).Padding().Take()), S_OK);
+        EXPECT_TRUE(Eventually([&] { return audio.Bytes().size() > 55 * 4'000; })) << "behind the jump";
+        ASSERT_EQ(graph.End(), S_OK);
+        ASSERT_TRUE(audio.WaitForEnd());
+        EXPECT_TRUE(audio.Bytes() == builder.Payload(kOtherPid));
+    }
+}
+
 TEST(BackPressure, ARecordingWaitsForAStalledReceiver) {
     SplitterGraph graph(StreamingMode::kRecording);
     TestSink& sink =

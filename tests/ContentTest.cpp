@@ -279,6 +279,31 @@ TEST(TransportStream, SendsWhatIsWorthAWakeUp) {
     EXPECT_EQ(many.Add(packet), E_UNEXPECTED);
 }
 
+// Two contents on one clock, pictures and sound, which ask for the common start when the test says so.
+struct TwoContents {
+    explicit TwoContents(StreamingMode mode) : video(2, {kPid}, mode) {
+        AM_MEDIA_TYPE type = MakeMediaType(MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload);
+        ComPtr<IPin> handle;
+        EXPECT_EQ(video.filter->CreateOutputPin(&type, u"other", handle.Put()), S_OK);
+        const auto pin = std::dynamic_pointer_cast<CTsOutputPin>(video.filter->GetPin(1));
+        const ULONG pid = kOtherPid;
+        EXPECT_EQ(pin->MapPID(1, &pid, MEDIA_ELEMENTARY_STREAM), S_OK);
+        pins = {video.pin, pin};
+        audio = pin->Content();
+        EXPECT_EQ(audio->Active(), S_OK);
+    }
+    ~TwoContents() { audio->Inactive(); }
+    std::vector<build::ElementaryStream>& Streams() { return video.tables.programmes()[0].streams; }
+    void Feed(StreamBuilder& stream) { video.filter->Feed(stream.Null().bytes()); }
+    HRESULT Start(const CStreamExecutor& content, SyncOrigin* out) {
+        return StartClock(video.filter->Clocks(), content, pins, {}, out);
+    }
+
+    LooseContent video;
+    std::shared_ptr<CStreamExecutor> audio;
+    std::vector<OutputPinPtr> pins;
+};
+
 // In a file the program of a mapped stream is known without a connection.
 TEST(StartSync, WaitsForNoStreamThatIsNotPlayed) {
     LooseContent donor(2, {kPid});
@@ -288,28 +313,45 @@ TEST(StartSync, WaitsForNoStreamThatIsNotPlayed) {
     ASSERT_EQ(donor.filter->GetTable(0x02, 1, table.Put()), S_OK);
     const auto pmt = table.As<IDvbProgramMapTable>();
 
-    LooseContent played(2, {kPid}, StreamingMode::kFile);
-    EXPECT_EQ(played.content->SetProgram(1, pmt.Get(), played.content->Epoch()), S_OK);
-    ComPtr<IPin> handle;
-    AM_MEDIA_TYPE type = MakeMediaType(MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload);
-    ASSERT_EQ(played.filter->CreateOutputPin(&type, u"other", handle.Put()), S_OK);
-    const auto other = std::dynamic_pointer_cast<CTsOutputPin>(played.filter->GetPin(1));
-    const ULONG pid = kOtherPid;
-    ASSERT_EQ(other->MapPID(1, &pid, MEDIA_ELEMENTARY_STREAM), S_OK);
-    ASSERT_EQ(other->Content()->Active(), S_OK);
-    EXPECT_EQ(other->Content()->SetProgram(1, pmt.Get(), other->Content()->Epoch()), S_OK);
-    const int32_t pcrPid = played.pin->GetPcrPid();
+    TwoContents at(StreamingMode::kFile);
+    for (const auto& content : {at.video.content, at.audio})
+        EXPECT_EQ(content->SetProgram(1, pmt.Get(), content->Epoch()), S_OK);
+    const int32_t pcrPid = at.video.pin->GetPcrPid();
     ASSERT_GE(pcrPid, 0);
-    EXPECT_EQ(played.AddPes(5, 70'000), S_OK);
-    StreamBuilder pcr;
-    played.filter->Feed(pcr.Pcr(static_cast<uint16_t>(pcrPid), 0).Null().Null().bytes());
+    EXPECT_EQ(at.video.AddPes(5, 70'000), S_OK);
+    at.Feed(StreamBuilder().Pcr(static_cast<uint16_t>(pcrPid), 0));
     SyncOrigin origin{};
-    const std::vector<OutputPinPtr> pins = {played.pin, other};
-    EXPECT_FALSE(StartClock(played.filter->Clocks(), pcrPid, pins, {}, &origin)) << "the other stream plays";
-    other->Content()->Inactive();
-    EXPECT_EQ(other->GetPcrPid(), pcrPid);
-    EXPECT_TRUE(StartClock(played.filter->Clocks(), pcrPid, pins, {}, &origin));
+    EXPECT_EQ(at.Start(*at.video.content, &origin), E_FAIL) << "the other stream plays";
+    at.audio->Inactive();
+    EXPECT_EQ(at.pins[1]->GetPcrPid(), pcrPid);
+    EXPECT_EQ(at.Start(*at.video.content, &origin), S_OK);
     EXPECT_EQ(origin.pts, 5);
+}
+
+// Sound has started, and has come to its end; the clock jumps on before the pictures ask for that start.
+TEST(StartSync, IsTheSameForThoseWhoAskBehindAJump) {
+    constexpr uint16_t kPcrPid = 0x101;
+    for (const StreamingMode mode : {StreamingMode::kRecording, StreamingMode::kLive}) {
+        SCOPED_TRACE(mode == StreamingMode::kLive ? "live" : "rec");
+        TwoContents at(mode);
+        at.Streams() = {Video(kPid), Audio(kOtherPid)};
+        at.Feed(at.video.tables.Tables().stream().Pcr(kPcrPid, 0));
+        EXPECT_EQ(at.video.AddPes(300'000, 70'000), S_OK);
+        StreamBuilder sound;
+        sound.Pes(kOtherPid, 0xC0, Bytes(100), {.pts = 200'000});
+        const TsHeader header = DecodeTsHeader(sound.bytes().data());
+        EXPECT_EQ(at.audio->AddPacket(sound.bytes().data(), header, DecodeAdaptationFieldHeader(sound.bytes().data())),
+                  S_OK);
+        SyncOrigin first{}, second{};
+        ASSERT_EQ(at.Start(*at.audio, &first), S_OK);
+        at.audio->Inactive();
+        at.Feed(StreamBuilder().Packet(kPcrPid, {}, {.discontinuity = true}));
+        EXPECT_EQ(at.Start(*at.video.content, &second), S_OK) << "before the PCR of the jump";
+        EXPECT_EQ(std::pair(second.pts, second.time), std::pair(first.pts, first.time));
+        at.Feed(StreamBuilder().Pcr(kPcrPid, 900'000'000));
+        EXPECT_EQ(at.Start(*at.video.content, &second), S_OK) << "behind it";
+        EXPECT_EQ(std::pair(second.pts, second.time), std::pair(first.pts, first.time));
+    }
 }
 
 }  // namespace

@@ -109,10 +109,12 @@ HRESULT PcrClocks::SetPcrDiscont(PcrClock& clock) {
         return S_OK;
     clock.discontinuityPending = 1;
     ++clock.discontinuityCount;
+    ++clock.noticesUnderWay;
     const int32_t pid = clock.pid;
     m_lock.Unlock();
     m_owner.NotifyDiscontinuity(pid);
     m_lock.Lock();
+    --clock.noticesUnderWay;
     return S_OK;
 }
 
@@ -179,6 +181,7 @@ bool PcrClocks::TakePcr(PcrClock& clock, int64_t pcr, int64_t position) {
             return false;
     }
     if (anew) {
+        clock.KeepStart();
         // Live, time goes on where the old timeline would be by now.
         if (m_live)
             Advance(clock.timeOrigin, ToTime(static_cast<Wide>(predicted) - clock.pcrOrigin));

@@ -5,6 +5,7 @@
 // watches for jumps. Nothing is unwrapped: a PCR that wraps is a jump.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <map>
@@ -38,14 +39,29 @@ struct PcrClock {
     int32_t byteDelta = 1;
     int32_t discontinuityPending = 0;  // until the next PCR anchors the clock anew
 
-    // The start of outputs that were so far behind that the clock had jumped on: behind which jump they were, the PTS
-    // (90 kHz) and its time.
-    struct PastStart {
-        int32_t jump = -1;
+    int32_t noticesUnderWay = 0;  // of jumps: meanwhile some outputs know of the jump and others do not
+
+    // What the outputs start with that are still in front of a jump: how many jumps there were before, the PTS (90 kHz)
+    // and its time.
+    struct Start {
+        int32_t jumps = 0;
         int64_t pts = 0;
-        int64_t time = 0;
+        int64_t time = kUnknown;
     };
-    PastStart pastStart = {};
+    static constexpr size_t kStartsKept = 4;
+    std::array<Start, kStartsKept> pastStarts = {};
+
+    // Null when there was none, or when it is too long ago.
+    const Start* PastStart(int32_t jumps) const {
+        const Start& start = pastStarts[static_cast<uint32_t>(jumps) % kStartsKept];
+        return start.jumps == jumps && start.time != kUnknown ? &start : nullptr;
+    }
+    void KeepStart(const Start& start) { pastStarts[static_cast<uint32_t>(start.jumps) % kStartsKept] = start; }
+    // After a jump has been counted: what held until then.
+    void KeepStart() {
+        if (timeOrigin != kUnknown)
+            KeepStart({discontinuityCount - 1, pcrOrigin / 300, timeOrigin});
+    }
 };
 
 // What the clocks need of the filter. The notices come without the PCR lock, so an output may call back;

@@ -79,6 +79,7 @@ void CStreamExecutor::Reset(IEnumPIDMap* mapping) {
     m_bytesOut = 0;
     m_marks.clear();
     NoteFirstMark();
+    m_previousTime = kUnknown;
     m_prerollPending = false;
     m_droppingPes = false;
     m_full = false;
@@ -240,6 +241,8 @@ HRESULT CStreamExecutor::TryToStart(bool inputEnded) {
         if (result != S_OK)
             return result;
         m_sampleClock.Start(ptsOrigin, timeOrigin);
+        m_latestTime = std::max(m_latestTime.load(), m_sampleClock.TimeOf(ptsOrigin, m_pin.StreamOffset()));
+        m_previousTime = kUnknown;
         m_pin.SetStartPending();
         m_state = State::kStreaming;
     }
@@ -254,21 +257,22 @@ void CStreamExecutor::FollowClock() {
     }
 }
 
-bool CStreamExecutor::IsPlausible(REFERENCE_TIME time) const {
-    const auto step = [time](REFERENCE_TIME from) {
+bool CStreamExecutor::IsPlausible(REFERENCE_TIME time, REFERENCE_TIME from) const {
+    const auto step = [time](REFERENCE_TIME since) {
         int64_t difference = 0;
-        return __builtin_sub_overflow(time, from, &difference) ? INT64_MAX : difference;
+        return __builtin_sub_overflow(time, since, &difference) ? INT64_MAX : difference;
     };
     const MediaClass media = m_pin.Media();
-    const REFERENCE_TIME latest = m_latestTime;
-    const int64_t since = step(latest);
+    const int64_t since = step(from);
     if (since < 0 && (media != MediaClass::kVideo || since < -kFarApart))
         return false;
     if (since > kFarApart && (media == MediaClass::kVideo || media == MediaClass::kAudio))
         return false;
     if (!m_pin.HasLiveClock())
         return true;
-    const int64_t ahead = step(std::max(latest, m_host.CurrentStreamTime() + kLiveReserve));
+    // Far from a clock that runs, no time is, whatever it follows.
+    const REFERENCE_TIME reached = m_host.IsHostRunning() && m_host.HasClock() ? m_latestTime.load() : from;
+    const int64_t ahead = step(std::max(reached, m_host.CurrentStreamTime() + kLiveReserve));
     if (media == MediaClass::kVideo || media == MediaClass::kAudio)
         return ahead >= -kFarApart && ahead <= kFarApart;
     return ahead <= kFarAhead;
@@ -281,10 +285,15 @@ REFERENCE_TIME CStreamExecutor::ToSampleTime(int64_t timestamp, bool startPendin
     const REFERENCE_TIME time = m_sampleClock.TimeOf(timestamp, m_pin.StreamOffset());
     if (time == kUnknown)
         return kUnknown;
-    if (startPending || IsPlausible(time)) {
+    // Two that follow each other are right, however far from those before: the stream has jumped, and not its clock. A
+    // start is taken as it is, but an absurd one is not what those after it are held against.
+    const REFERENCE_TIME previous = std::exchange(m_previousTime, time);
+    if (IsPlausible(time, m_latestTime) || (previous != kUnknown && IsPlausible(time, previous))) {
         m_latestTime = std::max(m_latestTime.load(), time);
         return time;
     }
+    if (startPending)
+        return time;
     bool changing = false;
     {
         CScopedLock notices(&m_noticeLock);

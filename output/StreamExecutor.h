@@ -173,7 +173,8 @@ private:
     bool TakeCommand(StreamCommand* out, int32_t* budget) OS_REQUIRES(m_lock);
     bool Execute(const StreamCommand& command) OS_REQUIRES(m_lock);
     void FollowClock() OS_REQUIRES(m_lock);
-    bool IsPlausible(REFERENCE_TIME time) const OS_REQUIRES(m_lock);
+    // from: the time before it.
+    bool IsPlausible(REFERENCE_TIME time, REFERENCE_TIME from) const OS_REQUIRES(m_lock);
     void TakeMark(Timing& timing, bool startPending) OS_REQUIRES(m_lock);
     Timing TakeMarks(int32_t size, bool startPending) OS_REQUIRES(m_lock);
     int32_t UpToNextMark(int32_t size) const OS_REQUIRES(m_lock);
@@ -186,6 +187,8 @@ private:
     std::atomic<REFERENCE_TIME> m_latestTime{0};
     std::atomic<int64_t> m_firstTimestamp{kUnknown};
     std::atomic<int64_t> m_lostBytes{0};  // for whoever asks; nothing else goes by it
+    // Of the last time stamp since the start, believed or not.
+    REFERENCE_TIME m_previousTime OS_GUARDED_BY(m_lock) = kUnknown;
     bool m_prerollPending OS_GUARDED_BY(m_lock) = false;
     // The rest of a damaged PES goes the same way as its beginning.
     bool m_droppingPes OS_GUARDED_BY(m_lock) = false;

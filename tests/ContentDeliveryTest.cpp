@@ -193,6 +193,49 @@ private:
     CEvent m_open{EventReset::kManual};
 };
 
+// Time stamps that are wrong from one frame on while the clock is right. All of it has been parsed, to the last PCR,
+// before the outputs come to see it.
+TEST(WrongTimes, CostTheTimeOfOneSampleAndNoByte) {
+    constexpr size_t kFrames = 40;
+    struct {
+        const char* what;
+        size_t stream;  // of video and audio
+        size_t from;
+        size_t count;
+        int64_t by;  // 90 kHz
+        size_t times[2];
+    } const cases[] = {
+        {"one picture", 0, 20, 1, 900'000, {39, 40}},          {"one frame of sound", 1, 20, 1, 900'000, {40, 39}},
+        {"the first picture", 0, 0, 1, 900'000'000, {40, 40}}, {"the first sound", 1, 0, 1, 900'000'000, {40, 39}},
+        {"pictures go ahead", 0, 20, 20, 900'000, {39, 40}},   {"pictures go back", 0, 20, 20, -900'000, {39, 40}},
+        {"pictures are ahead", 0, 0, 40, 900'000, {40, 40}},   {"sound goes ahead", 1, 20, 20, 900'000, {40, 39}},
+        {"sound goes back", 1, 20, 20, -900'000, {40, 39}}};
+    for (const auto& [what, stream, from, count, by, times] : cases) {
+        SCOPED_TRACE(what);
+        SplitterGraph graph;
+        TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kPid);
+        TestSink& audio = graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kOtherPid);
+        Gate gates[] = {Gate(video), Gate(audio)};
+        ASSERT_EQ(graph.Run(), S_OK);
+        ProgrammeBuilder builder({{.streams = {Video(kPid, 6'000), Audio(kOtherPid, 500)}}});
+        int64_t& offset = builder.programmes()[0].streams[stream].ptsOffset;
+        builder.SetTime(1'000'000'000).Tables().Frames(from);
+        offset = by;
+        builder.Frames(count);
+        offset = 0;
+        ASSERT_EQ(graph.source->Push(builder.Frames(kFrames - from - count).Padding().Take()), S_OK);
+        ASSERT_EQ(graph.End(), S_OK);
+        for (Gate& gate : gates)
+            gate.Open();
+        for (TestSink* sink : {&video, &audio}) {
+            ASSERT_TRUE(sink->WaitForEnd());
+            EXPECT_TRUE(sink->Bytes() == builder.Payload(sink == &video ? kPid : kOtherPid));
+        }
+        EXPECT_EQ(video.Times().size(), times[0]);
+        EXPECT_EQ(audio.Times().size(), times[1]);
+    }
+}
+
 // An output finds a wrong time when the last PCR has been parsed: what comes behind waits for a start in vain, and goes
 // out at the end. It is less than a start needs, and it begins in the middle of a picture.
 TEST(WrongTimes, TheEndBringsWhatWaitsForAPcr) {

@@ -4,6 +4,7 @@
 #include "bench/BenchStream.h"
 #include "core/TsFilterBase.h"
 #include "services/objects/Collections.h"
+#include "tests/support/StreamBuilder.h"
 
 namespace tessel::bench {
 namespace {
@@ -94,10 +95,56 @@ void WholePath(benchmark::State& state) {
     ReportBytes(state, stream);
 }
 
+// A PAT of so many programs, and a program map table for each.
+std::vector<uint8_t> ManyPrograms(uint32_t count) {
+    constexpr uint32_t kProgramsOfSection = 253;
+    constexpr uint16_t kFirstPmtPid = 0x20;
+    constexpr uint16_t kPmtPids = 4'000;
+    constexpr uint16_t kPcrPid = 0x1000;
+    const auto pmtPid = [](uint32_t number) { return static_cast<uint16_t>(kFirstPmtPid + number % kPmtPids); };
+    const auto last = static_cast<uint8_t>((count - 1) / kProgramsOfSection);
+    build::StreamBuilder stream;
+    stream.Packet(kPcrPid, build::Bytes(184));
+    for (uint32_t first = 1; first <= count; first += kProgramsOfSection) {
+        std::vector<build::PatProgram> programs;
+        for (uint32_t number = first; number <= std::min(first + kProgramsOfSection - 1, count); ++number)
+            programs.push_back({static_cast<uint16_t>(number), pmtPid(number)});
+        const auto section = static_cast<uint8_t>(first / kProgramsOfSection);
+        stream.Section(0, build::Pat(1, programs, {.sectionNumber = section, .lastSectionNumber = last}));
+    }
+    stream.Section(0, build::ShortSection(0xFE, {}));
+    for (uint32_t number = 1; number <= count; ++number) {
+        stream.Section(pmtPid(number), build::Pmt({.program = static_cast<uint16_t>(number), .pcrPid = kPcrPid}));
+        stream.Section(pmtPid(number), build::ShortSection(0xFE, {}));
+    }
+    stream.Null();
+    return stream.bytes();
+}
+
+// Time and memory grow with the number of programs, and not with its square.
+void Programs(benchmark::State& state) {
+    const auto count = static_cast<uint32_t>(state.range(0));
+    const auto stream = ManyPrograms(count);
+    for (auto _ : state) {
+        const auto filter = MakeObject<Filter>();
+        filter->StartStreaming();
+        InChunks(stream, [&](const uint8_t* data, int32_t length) {
+            filter->AddData(&data, &length);
+            filter->ParseData();
+        });
+        ComPtr<IDvbProgramMapTable> table;
+        if (filter->GetProgramMapTable(count, table.Put()) != S_OK)
+            state.SkipWithError("the last program has no table");
+        filter->StopStreaming();
+    }
+    ReportBytes(state, stream);
+}
+
 BENCHMARK(BareLoop)->Unit(benchmark::kMillisecond);
 BENCHMARK(InputCopy)->Unit(benchmark::kMillisecond);
 BENCHMARK(SyncAndHeaderWalk)->Unit(benchmark::kMillisecond);
 BENCHMARK(WholePath)->Unit(benchmark::kMillisecond);
+BENCHMARK(Programs)->Arg(4'000)->Arg(32'000)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace tessel::bench

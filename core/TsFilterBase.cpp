@@ -448,12 +448,7 @@ HRESULT CTsFilterBase::OnTableStale(uint32_t tableId, uint32_t key) {
 void CTsFilterBase::NoteProgramMapTable(uint32_t programNumber, ComPtr<IDvbProgramMapTable> table) {
     std::shared_ptr<const ProgramMapTables> last;
     CScopedLock lock(&m_programsLock);
-    auto programs = std::make_shared<ProgramMapTables>(*m_programs);
-    if (table)
-        (*programs)[programNumber] = std::move(table);
-    else
-        programs->erase(programNumber);
-    last = std::exchange(m_programs, std::move(programs));
+    last = std::exchange(m_programs, m_programs->With(programNumber, std::move(table)));
 }
 
 std::shared_ptr<const ProgramMapTables> CTsFilterBase::CurrentProgramMapTables() {
@@ -462,16 +457,15 @@ std::shared_ptr<const ProgramMapTables> CTsFilterBase::CurrentProgramMapTables()
 }
 
 void CTsFilterBase::OfferProgram(uint32_t programNumber) {
-    const auto programs = CurrentProgramMapTables();
-    const auto table = programs->find(programNumber);
-    if (table == programs->end())
+    const ComPtr<IDvbProgramMapTable> table = CurrentProgramMapTables()->Find(programNumber);
+    if (!table)
         return;
     for (const OutputPinPtr& pin : m_pins.All()) {
         const auto content = pin->Content();
         if (!content || !content->IsActive())
             continue;  // it asks when it becomes active
         CScopedLock lock(&m_deferredLock);
-        m_deferred.offers.push_back({pin, content, content->Epoch(), programNumber, table->second});
+        m_deferred.offers.push_back({pin, content, content->Epoch(), programNumber, table});
         m_hasDeferred = true;
     }
 }

@@ -2,23 +2,18 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 
 #include "core/stream/ReadingRules.h"
 #include "output/DeliveryLock.h"
-#include "platform/com/ComPtr.h"
+#include "output/ProgramMapTables.h"
 #include "platform/media/GraphInterfaces.h"
 #include "platform/os/Event.h"
-#include "services/objects/TableInterfaces.h"
 
 namespace tessel {
 
 class CStreamExecutor;
 class CTsOutputPin;
-
-// The current program map tables by program_number. It never changes: a change makes a new one.
-using ProgramMapTables = std::map<uint32_t, ComPtr<IDvbProgramMapTable>>;
 
 // Called on the parsing thread, the delivery threads and the control threads. Nothing here takes the table
 // lock unless it says so.

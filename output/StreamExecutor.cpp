@@ -228,8 +228,7 @@ void CStreamExecutor::OfferPrograms() {
     // In this order: the tables go before the content is reset, so older ones meet an older epoch.
     const uint32_t epoch = Epoch();
     const auto tables = m_host.CurrentProgramMapTables();
-    for (const auto& [number, table] : *tables)
-        SetProgram(number, table.Get(), epoch);
+    tables->ForEach([&](uint32_t number, IDvbProgramMapTable& table) { SetProgram(number, &table, epoch); });
 }
 
 HRESULT CStreamExecutor::TryToStart(bool inputEnded) {

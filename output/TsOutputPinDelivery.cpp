@@ -51,7 +51,7 @@ CTsOutputPin::Room CTsOutputPin::WaitForRoom(CStreamExecutor& content, uint32_t 
         return Room::kGaveUp;
     if (content.IsWaitingForProgram()) {
         // Only the parser could bring the table that this content waits for.
-        if (m_host.CurrentProgramMapTables()->empty())
+        if (m_host.CurrentProgramMapTables()->IsEmpty())
             return Room::kLost;
         // It has just brought it, and the offer waits for this packet to go in.
         if (content.TakesAnyProgram()) {

@@ -102,16 +102,16 @@ void CTsSource::ScanTables() {
 }
 
 bool CTsSource::HasAllClocks() {
-    const auto tables = CurrentProgramMapTables();
+    std::vector<uint32_t> pids;
+    CurrentProgramMapTables()->ForEach(
+        [&pids](uint32_t, IDvbProgramMapTable& table) { table.GetPcrPid(&pids.emplace_back(kNullPid)); });
     CScopedLock lock(&Clocks().Lock());
-    for (const auto& [number, table] : *tables) {
-        uint32_t pid = kNullPid;
-        table->GetPcrPid(&pid);
+    for (const uint32_t pid : pids) {
         const PcrClock* const clock = Clocks().Find(static_cast<int32_t>(pid));
         if (clock == nullptr || clock->pcrDelta == 0)
             return false;
     }
-    return !tables->empty();
+    return !pids.empty();
 }
 
 void CTsSource::FinishClocks() {

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tables/ProgramMapTable.h"
 #include "tests/support/FilterFixture.h"
 
 namespace tessel {
@@ -295,6 +296,32 @@ TEST(FilterBase, DecodesThePmtsThatShareAPidAndTheTablesOfTheGuide) {
     filter->Feed(stream.Take());
     EXPECT_EQ(filter->Services()->IsComplete(), S_OK);
     EXPECT_EQ(filter->AddTablePid(0xCB, 0, 0x1D00), E_ACCESSDENIED);
+}
+
+// A stream may have tens of thousands of programs, so one more must not cost a copy of all.
+TEST(ProgramMapTables, ShareWhatHasNotChanged) {
+    constexpr uint32_t kPrograms = 2'000;
+    const ComPtr<IDvbProgramMapTable> table(MakeObject<DvbProgramMapTable>().Get());
+    const auto references = [&table] {
+        table->AddRef();
+        return table->Release();
+    };
+    std::vector<std::shared_ptr<const ProgramMapTables>> all = {std::make_shared<const ProgramMapTables>()};
+    for (uint32_t number = kPrograms; number > 0; --number)
+        all.push_back(all.back()->With(number, table));
+    EXPECT_LT(references(), kPrograms * 256) << "of those that are still there";
+    all.push_back(all.back()->With(7, nullptr));
+    all.push_back(all.back()->With(9, table));
+    EXPECT_FALSE(all.back()->Find(7));
+    EXPECT_TRUE(all.back()->Find(kPrograms) && all.front()->IsEmpty() && !all.back()->IsEmpty());
+    uint32_t last = 0;
+    uint32_t count = 0;
+    all.back()->ForEach([&](uint32_t number, IDvbProgramMapTable&) {
+        EXPECT_GT(number, last);
+        last = number;
+        ++count;
+    });
+    EXPECT_EQ(count, kPrograms - 1);
 }
 
 TEST(FilterBase, OutputsGetASectionAfterTheTablesAndBeforeItsPacket) {

@@ -86,29 +86,44 @@ HRESULT CTsFilterBase::SetMode(StreamingMode mode, int32_t parameter) {
 }
 
 HRESULT CTsFilterBase::StartStreaming() {
+    m_ending = false;
+    return RestartStreaming();
+}
+
+HRESULT CTsFilterBase::RestartStreaming() {
     HRESULT result = S_OK;
     {
         CScopedLock lock(&m_streamingLock);
+        // A stop says so first, and then ends streaming with this lock.
+        if (IsEnding())
+            return S_FALSE;
         result = m_parser.CreateBuffer();
         if (FAILED(result))
             return result;
         InternalReset();
         SetInputPosition(0);
-        TakeInput();
+        BeginInput();
     }
     RunDeferred();
     return result;
 }
 
+void CTsFilterBase::BeginInput() {
+    m_streaming.store(true, std::memory_order_relaxed);
+    m_running = State() == State_Running;
+}
+
 void CTsFilterBase::TakeInput() {
     m_ending = false;
-    m_streaming.store(true, std::memory_order_relaxed);
+    BeginInput();
 }
 
 HRESULT CTsFilterBase::StopStreaming() {
     CScopedLock lock(&m_streamingLock);
-    if (m_streaming.exchange(false, std::memory_order_relaxed))
+    if (m_streaming.exchange(false, std::memory_order_relaxed)) {
+        m_running = false;
         m_parser.DestroyBuffer();
+    }
     return S_OK;
 }
 

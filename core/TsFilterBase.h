@@ -105,6 +105,9 @@ public:
 
     // Makes the buffer, resets parsing, and takes data from then on. S_OK or E_OUTOFMEMORY.
     virtual HRESULT StartStreaming();
+    // As StartStreaming, by whoever does not hold the state lock. S_FALSE, and nothing done, when the filter is stopped
+    // or about to stop.
+    HRESULT RestartStreaming();
     virtual HRESULT StopStreaming();
     bool IsStreaming() const { return m_streaming.load(std::memory_order_relaxed); }
 
@@ -187,6 +190,8 @@ protected:
     // The stream position of the next byte that comes in.
     void SetInputPosition(int64_t position) { m_parser.ResetPositions(position); }
     void TakeInput();
+    // TakeInput that ends no ending.
+    void BeginInput();
     // InternalReset but for tables, services and clocks, which stay.
     void ResetParsing();
     // Without a lock. Sections come in no more until the next reset.

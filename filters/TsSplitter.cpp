@@ -251,7 +251,10 @@ HRESULT CTsSplitter::BeginFlush() {
 HRESULT CTsSplitter::EndFlush() {
     for (const OutputPinPtr& pin : Pins().All())
         pin->DeliverEndFlush();
-    return IsStopped() ? S_OK : StartStreaming();
+    if (IsStopped())
+        return S_OK;
+    const HRESULT result = RestartStreaming();
+    return result == S_OK ? SettleThreads() : FAILED(result) ? result : S_OK;
 }
 
 HRESULT CTsSplitter::Pause() {
@@ -284,14 +287,23 @@ HRESULT CTsSplitter::Stop() {
 
 HRESULT CTsSplitter::StartStreaming() {
     const HRESULT result = CTsFilterBase::StartStreaming();
-    if (FAILED(result))
-        return result;
-    m_endOfStream = false;
-    m_events.Start();
-    return m_worker.Start(WorkerPriority());
+    return result == S_OK ? SettleThreads() : result;
 }
 
 HRESULT CTsSplitter::StopStreaming() {
+    m_worker.Pause();
+    const HRESULT result = CTsFilterBase::StopStreaming();
+    SettleThreads();
+    return result;
+}
+
+HRESULT CTsSplitter::SettleThreads() {
+    CScopedLock lock(&m_threadsLock);
+    if (IsStreaming()) {
+        m_endOfStream = false;
+        m_events.Start();
+        return m_worker.Start(WorkerPriority(), Hold());
+    }
     m_worker.Pause();
     m_events.Stop();
     return CTsFilterBase::StopStreaming();

@@ -72,6 +72,8 @@ private:
     void TellPidSinks(std::span<const PidNotice> notices) override;
     HRESULT EnsureFreePin(CTsOutputPin& connected) override;
 
+    // Starts the threads, or rests them, as streaming has begun or ended: whichever came last, when both come at once.
+    HRESULT SettleThreads();
     // Parses what there is, however little came since the last break in the stream.
     void ParseRest();
     HRESULT TakeDiscontinuity();
@@ -84,6 +86,7 @@ private:
     std::shared_ptr<CTsInputPin> m_input;
     CSinkList m_pidSinks;
     CTableEventThread m_events;
+    CCritSec m_threadsLock{"splitter's threads", kRankThreads};
 
     // The packet size is to be found out before the next packet. Written with the streaming lock held.
     std::atomic<bool> m_resyncPending{true};

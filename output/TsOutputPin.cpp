@@ -191,7 +191,7 @@ HRESULT CTsOutputPin::MapPID(ULONG count, const ULONG* pids, MEDIA_SAMPLE_CONTEN
 
 HRESULT CTsOutputPin::Activate(CStreamExecutor& content) {
     CScopedLock lock(&m_activationLock);
-    return content.Active();
+    return Thread() ? content.Active() : VFW_E_WRONG_STATE;
 }
 
 void CTsOutputPin::Bind(CStreamExecutor& content) {

@@ -167,6 +167,7 @@ private:
     // Tells an active content; brings one in file mode to its program while the filter is stopped.
     bool NoteMapping() OS_REQUIRES(m_mapMutex);
     void TellOfMapping(CStreamExecutor& content);
+    // Not without the delivery thread, which the pin has from its activation to its deactivation.
     HRESULT Activate(CStreamExecutor& content);
     // Looks for the program without playing; one that has come to play meanwhile is told that the map has changed.
     void Bind(CStreamExecutor& content);

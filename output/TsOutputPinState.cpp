@@ -259,6 +259,8 @@ HRESULT CTsOutputPin::Inactive() {
     const HRESULT result = CBaseOutputPin::Inactive();
     RALThreadPtr<CRALExecutorThread> thread;
     {
+        // From here on the end of a flush activates nothing.
+        CScopedLock activation(&m_activationLock);
         CScopedLock lock(&m_pinLock);
         thread = std::move(m_thread);
         m_thread = nullptr;
@@ -347,7 +349,7 @@ HRESULT CTsOutputPin::DeliverEndFlush() {
     BeginEpoch();
     m_flushing = false;
     const auto content = Content();
-    if (!m_host.IsHostStopped() && IsConnected() && content && Thread() && SUCCEEDED(Activate(*content))) {
+    if (!m_host.IsHostStopped() && IsConnected() && content && SUCCEEDED(Activate(*content))) {
         m_event->Reset();
         NoteDeliverable();
         if (m_mode == StreamingMode::kFile)

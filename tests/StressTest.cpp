@@ -155,6 +155,28 @@ TEST(Stress, FlushInMidPacket) {
     });
 }
 
+TEST(Stress, EndOfFlushBesideStop) {
+    SplitterGraph graph;
+    graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kVideoPid);
+    for (int round = 0; round < 100 * Rounds(); ++round) {
+        ASSERT_GE(graph.splitter->Pause(), 0);
+        ASSERT_EQ(graph.source->Out().DeliverBeginFlush(), S_OK);
+        std::atomic<bool> begun{false};
+        std::thread flush([&] {
+            begun = true;
+            EXPECT_EQ(graph.source->Out().DeliverEndFlush(), S_OK);
+        });
+        while (!begun) {
+        }
+        for (int wait = round % 50 * 20; wait > 0; --wait)
+            begun = true;
+        ASSERT_EQ(graph.splitter->Stop(), S_OK);
+        flush.join();
+        ASSERT_FALSE(graph.splitter->IsStreaming()) << round;
+        ASSERT_FALSE(graph.Pin(u"v")->Content()->IsActive()) << round;
+    }
+}
+
 TEST(Stress, MapAndUnmap) {
     Repeat("map and unmap", Rounds(), [](Fixture& fixture) {
         const auto video = fixture.graph.Pin(u"v");

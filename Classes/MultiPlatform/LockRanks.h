@@ -9,6 +9,7 @@ enum LockRank {
     kRankFilterState = 0,   // state changes, pin creation
     kRankSeek = 10,         // the file source's seeking
     kRankReceive = 20,      // one sample at a time from upstream
+    kRankThreads = 25,      // a filter's threads start or rest
     kRankStreaming = 30,    // input buffer and parser
     kRankTable = 40,        // section filters, table store, service list
     kRankActivation = 45,   // a content's activation, beside one for its program alone

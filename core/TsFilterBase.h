@@ -74,6 +74,7 @@ public:
     HRESULT GetClassID(CLSID* out) override { return CBaseFilter::GetClassID(out); }
     HRESULT Stop() override;
     HRESULT Pause() override;
+    HRESULT Run(REFERENCE_TIME start) override;
     // VFW_S_CANT_CUE while paused, but for files.
     HRESULT GetState(DWORD milliseconds, FILTER_STATE* out) override;
     int GetPinCount() override { return static_cast<int>(m_pins.Count()); }
@@ -214,7 +215,7 @@ protected:
     HRESULT OnTableReady(uint32_t tableId, uint32_t key) override;
     HRESULT OnTableStale(uint32_t tableId, uint32_t key) override;
 
-    // Stream time while running, else 0.
+    // Stream time from Run until streaming ends, else 0.
     REFERENCE_TIME CurrentStreamTime() override;
 
     // Tells the clients of a filter that has any; no lock is held.
@@ -337,6 +338,7 @@ private:
     // Written with the streaming lock held; read by those who need no more than its value. The buffer itself is
     // only touched under the lock.
     std::atomic<bool> m_streaming{false};
+    std::atomic<bool> m_running{false};  // as m_streaming; a pause leaves it, so that the time of the arrivals goes on
     std::atomic<bool> m_ending{false};
     std::atomic<bool> m_scanning{false};
     std::atomic<int32_t> m_workerPriority{1};

@@ -54,6 +54,14 @@ HRESULT CTsFilterBase::Pause() {
     return result;
 }
 
+HRESULT CTsFilterBase::Run(REFERENCE_TIME start) {
+    CScopedLock lock(&StateLock());
+    const HRESULT result = CBaseFilter::Run(start);
+    if (SUCCEEDED(result) && IsStreaming())
+        m_running = true;
+    return result;
+}
+
 void CTsFilterBase::BeginEnding() {
     m_ending = true;
     m_parseTurn.Wake();
@@ -219,7 +227,7 @@ HRESULT CTsFilterBase::GetPidParam(int32_t pid, int32_t parameter, uint32_t* out
 
 REFERENCE_TIME CTsFilterBase::CurrentStreamTime() {
     REFERENCE_TIME now = 0;
-    return IsHostRunning() && SUCCEEDED(StreamTime(now)) ? now : 0;
+    return m_running && SUCCEEDED(StreamTime(now)) ? now : 0;
 }
 
 HRESULT CTsFilterBase::StartSync(const CStreamExecutor& content, bool inputEnded, int64_t* ptsOrigin,

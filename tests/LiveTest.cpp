@@ -62,6 +62,17 @@ struct LiveGraph {
     TestSink* audio;
 };
 
+TEST(Live, APauseLeavesTheArrivalsTheirTime) {
+    const auto clock = MakeObject<ManualClock>();
+    LiveGraph live(clock.Get());
+    ASSERT_EQ(live.graph.graph->Pause(), S_OK);
+    clock->Advance(100'000'000);
+    ASSERT_EQ(live.graph.source->Push(live.builder.Tables().Frames(1).Padding().Take()), S_OK);
+    constexpr int64_t kFirstPcr = 90'000;
+    ASSERT_TRUE(Eventually([&] { return live.ClockTime(kFirstPcr) != kUnknown; }));
+    EXPECT_GE(live.ClockTime(kFirstPcr), 90'000'000);
+}
+
 TEST(Live, TimesFollowTheArrivalsAndNothingIsLost) {
     const auto clock = MakeObject<ManualClock>();
     LiveGraph live(clock.Get());

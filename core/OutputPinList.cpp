@@ -27,13 +27,13 @@ std::vector<OutputPinPtr> COutputPinList::All() const {
 }
 
 std::u16string COutputPinList::NextName() {
-    int32_t serial = 0;
-    {
-        CScopedLock lock(&m_lock);
-        serial = ++m_serial;
-    }
-    const std::string digits = std::to_string(serial);
-    return u"Output" + std::u16string(digits.begin(), digits.end());
+    std::u16string name;
+    CScopedLock lock(&m_lock);
+    do {
+        const std::string digits = std::to_string(++m_serial);
+        name = u"Output" + std::u16string(digits.begin(), digits.end());
+    } while (Find(name));
+    return name;
 }
 
 bool COutputPinList::Add(const OutputPinPtr& pin) {

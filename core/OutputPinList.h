@@ -25,7 +25,7 @@ public:
     OutputPinPtr Find(const std::u16string& name) const;
     std::vector<OutputPinPtr> All() const;
 
-    // Output1, Output2, ...; no number comes twice.
+    // Output1, Output2, ...; no number comes twice, and none that a pin has been given by name.
     std::u16string NextName();
     // False when the list is full.
     bool Add(const OutputPinPtr& pin);

@@ -67,6 +67,27 @@ TEST(SavedStateDeathTest, PassesBetweenProcesses) {
     EXPECT_EQ(graph.Pin(u"PSIOut")->Map().Entries(), std::vector<ULONG>{ALL_TABLES});
 }
 
+// A pin that is made for whoever comes next is none of those that have been saved.
+TEST(SavedState, KeepsTheNamesOfItsPinsToThem) {
+    SplitterGraph saved;
+    const ULONG pid = 0x101;
+    ComPtr<IPin> second;
+    ASSERT_EQ(saved.demultiplexer->CreateOutputPin(nullptr, u"Output2", second.Put()), S_OK);
+    ASSERT_EQ(second.As<IMPEG2PIDMap>()->MapPID(1, &pid, MEDIA_TRANSPORT_PACKET), S_OK);
+    SplitterGraph loaded;
+    ASSERT_EQ(Load(*loaded.splitter, Save(*saved.splitter)), S_OK);
+    for (const OLECHAR* name : {u"Output1", u"Output2"}) {
+        const auto sink = MakeObject<TestSink>();
+        ASSERT_EQ(loaded.graph->AddFilter(sink.Get(), nullptr), S_OK);
+        ASSERT_EQ(loaded.graph->ConnectDirect(loaded.Pin(name).get(), &sink->In(), nullptr), S_OK);
+    }
+    EXPECT_TRUE(loaded.Pin(u"Output3"));
+    SplitterGraph again;
+    ASSERT_EQ(Load(*again.splitter, Save(*loaded.splitter)), S_OK);
+    EXPECT_EQ(again.splitter->GetPinCount(), loaded.splitter->GetPinCount());
+    EXPECT_EQ(again.Pin(u"Output2")->Map().Entries(), std::vector<ULONG>{pid});
+}
+
 TEST(SavedState, IsToBeSavedAfterEveryChange) {
     SplitterGraph graph;
     const ULONG pid = 0x101;

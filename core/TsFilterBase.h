@@ -82,7 +82,7 @@ public:
 
     ULONG GetMiscFlags() override { return AM_FILTER_MISC_FLAGS_IS_SOURCE; }
 
-    // IMpeg2Demultiplexer. A name has up to 49 characters (E_INVALIDARG) and is given once (VFW_E_DUPLICATE_NAME);
+    // IMpeg2Demultiplexer. A name has 1 to 49 characters (E_INVALIDARG) and is given once (VFW_E_DUPLICATE_NAME);
     // E_FAIL when there are 10 pins, or none of that name.
     HRESULT CreateOutputPin(AM_MEDIA_TYPE* type, const OLECHAR* name, IPin** out) override;
     HRESULT SetOutputPinMediaType(const OLECHAR* name, AM_MEDIA_TYPE* type) override;

@@ -134,7 +134,7 @@ HRESULT CTsFilterBase::CreateOutputPin(AM_MEDIA_TYPE* type, const OLECHAR* name,
     if (out == nullptr || name == nullptr)
         return E_POINTER;
     const std::u16string text(name);
-    if (text.size() > kMaxPinName)
+    if (text.empty() || text.size() > kMaxPinName)
         return E_INVALIDARG;
     CScopedLock lock(&StateLock());
     if (m_pins.Find(text))

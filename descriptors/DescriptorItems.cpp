@@ -44,7 +44,7 @@ HRESULT Subtitle::GetParam(uint32_t id, uint32_t* out) {
     case param::kAncillaryPageId:
         return WriteValue(out, m_ancillaryPageId);
     default:
-        return S_FALSE;
+        return IGetSetCOMParamImpl::GetParam(id, out);
     }
 }
 

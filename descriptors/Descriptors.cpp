@@ -61,7 +61,8 @@ HRESULT DescRegistration::Parse(std::span<const uint8_t> payload) {
 }
 
 HRESULT DescRegistration::GetParam(uint32_t id, uint32_t* out) {
-    return id == param::kFormatIdentifier ? WriteValue(out, m_formatIdentifier) : S_FALSE;
+    return id == param::kFormatIdentifier ? WriteValue(out, m_formatIdentifier)
+                                          : IGetSetCOMParamImpl::GetParam(id, out);
 }
 
 HRESULT DescConditionalAccess::Parse(std::span<const uint8_t> payload) {

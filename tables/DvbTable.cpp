@@ -17,7 +17,7 @@ HRESULT DvbTable::GetParam(uint32_t id, uint32_t* out) {
         value = m_version;
         break;
     default:
-        return S_FALSE;
+        return IGetSetCOMParamImpl::GetParam(id, out);
     }
     if (out == nullptr)
         return E_POINTER;

@@ -32,7 +32,7 @@ HRESULT TableGuide::GetParam(uint32_t id, uint32_t* out) {
         value = m_numberBytes;
         break;
     default:
-        return S_FALSE;
+        return IGetSetCOMParamImpl::GetParam(id, out);
     }
     return out != nullptr ? HandOutValue(value, out) : E_POINTER;
 }

@@ -35,7 +35,7 @@ HRESULT DvbServiceDescription::ParseEntry(ByteReader& reader) {
 
 HRESULT DvbServiceDescription::GetParam(uint32_t id, uint32_t* out) {
     if (id != param::kScrambled)
-        return S_FALSE;
+        return IGetSetCOMParamImpl::GetParam(id, out);
     return out != nullptr ? HandOutValue(m_freeCaMode ? 1u : 0u, out) : E_POINTER;
 }
 
@@ -46,7 +46,7 @@ DvbServiceDescriptionTable::DvbServiceDescriptionTable(uint32_t tableId)
 
 HRESULT DvbServiceDescriptionTable::GetParam(uint32_t id, uint32_t* out) {
     if (id != param::kTableIdExtension)
-        return S_FALSE;
+        return IGetSetCOMParamImpl::GetParam(id, out);
     return out != nullptr ? HandOutValue(m_originalNetworkId << 16 | TableIdExtension(), out) : E_POINTER;
 }
 

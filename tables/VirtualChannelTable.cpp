@@ -63,7 +63,7 @@ HRESULT VirtualChannel::GetParam(uint32_t id, uint32_t* out) {
     for (const auto& field : fields)
         if (field.id == id)
             return out != nullptr ? HandOutValue(field.value, out) : E_POINTER;
-    return S_FALSE;
+    return IGetSetCOMParamImpl::GetParam(id, out);
 }
 
 HRESULT VirtualChannel::GetStringParam(uint32_t id, BSTR* out) {

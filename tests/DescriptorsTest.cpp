@@ -223,6 +223,7 @@ TEST(Descriptors, SmallOnes) {
     const auto registration = Parsed<IGetSetParam>(0x05, {'A', 'C', '-', '3', 1});
     EXPECT_EQ(Param(registration.Get(), param::kFormatIdentifier), 0x41432D33u);
     EXPECT_EQ(registration->GetParam(param::kFormatIdentifier, nullptr), E_POINTER);
+    EXPECT_EQ(registration->GetParam(12345, nullptr), E_POINTER);
     const auto identifier = Parsed<IDvbDescStreamIdentifier>(0x52, {0xE1});
     EXPECT_EQ(Value(identifier.Get(), &IDvbDescStreamIdentifier::GetComponentTag), 0xE1u);
     EXPECT_EQ(identifier->GetComponentTag(nullptr), S_OK);

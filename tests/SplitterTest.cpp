@@ -387,6 +387,7 @@ TEST(Splitter, PinsComeAndGo) {
     const auto& demultiplexer = graph.demultiplexer;
     EXPECT_EQ(demultiplexer->CreateOutputPin(nullptr, nullptr, pin.Put()), E_POINTER);
     EXPECT_EQ(demultiplexer->CreateOutputPin(nullptr, u"x", nullptr), E_POINTER);
+    EXPECT_EQ(demultiplexer->CreateOutputPin(nullptr, u"", pin.Put()), E_INVALIDARG);
     EXPECT_EQ(demultiplexer->CreateOutputPin(nullptr, std::u16string(50, u'x').c_str(), pin.Put()), E_INVALIDARG);
     EXPECT_EQ(demultiplexer->CreateOutputPin(nullptr, u"Output1", pin.Put()), VFW_E_DUPLICATE_NAME);
     EXPECT_EQ(demultiplexer->CreateOutputPin(&unknown, u"x", pin.Put()), VFW_E_TYPE_NOT_ACCEPTED);

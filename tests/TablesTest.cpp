@@ -116,6 +116,7 @@ TEST(DvbTable, CollectsTheSectionsOfAVersionInAnyOrder) {
     EXPECT_EQ(Param(params, param::kTableIdExtension), 9u);
     EXPECT_EQ(Param(params, param::kVersionNumber), 3u);
     EXPECT_EQ(params->GetParam(param::kTableId, nullptr), E_POINTER);
+    EXPECT_EQ(params->GetParam(12345, nullptr), E_POINTER);
     EXPECT_EQ(params->GetParam(0x103, &last), S_FALSE);
     EXPECT_EQ(last, 2u);
 }

@@ -62,7 +62,7 @@ inline constexpr uint32_t kParamSelectService = 77777;
 // Pin parameter: what it delivers. 0 nothing yet, else MEDIA_SAMPLE_CONTENT + 1.
 inline constexpr uint32_t kParamContentKind = 300;
 
-// An id that an object does not handle gives S_FALSE and writes nothing.
+// An id that an object does not handle gives S_FALSE and writes nothing; a null out pointer is E_POINTER before that.
 class IGetSetParam : public IUnknown {
 public:
     static constexpr IID kIid = MakeGuid("{023C5FE8-3CD8-40F3-BF30-E0AE125B0A68}");
@@ -92,7 +92,7 @@ public:
 class IGetSetCOMParamImpl : public IGetSetCOMParam {
 public:
     HRESULT SetParam(uint32_t, uint32_t) override { return S_FALSE; }
-    HRESULT GetParam(uint32_t, uint32_t*) override { return S_FALSE; }
+    HRESULT GetParam(uint32_t, uint32_t* out) override { return out != nullptr ? S_FALSE : E_POINTER; }
     HRESULT Reserved1(uint32_t, uint32_t, uint32_t) override { return S_FALSE; }
     HRESULT Reserved2(uint32_t, uint32_t) override { return S_FALSE; }
     HRESULT Reserved3(uint32_t, uint32_t) override { return S_FALSE; }

@@ -232,6 +232,8 @@ protected:
     bool TakeParseTurn() {
         return m_parseTurn.Take([this] { return IsEnding(); });
     }
+    // As TakeParseTurn, also from a parser that waits for a receiver: what there is no room for meanwhile is lost.
+    bool SeizeParseTurn();
     COutputPinList& Pins() { return m_pins; }
 
     // A new pin at the end of the list; null when the list is full or memory is out. An empty name: the next number.
@@ -250,6 +252,7 @@ protected:
 
     // IOutputHost
     bool IsEnding() const override { return m_ending.load(); }
+    bool IsParserAwaited() const override { return IsEnding() || m_seizing != 0; }
     int32_t WorkerPriority() const override { return m_workerPriority.load(std::memory_order_relaxed); }
     std::shared_ptr<const ProgramMapTables> CurrentProgramMapTables() override;
 
@@ -340,6 +343,7 @@ private:
     std::atomic<bool> m_streaming{false};
     std::atomic<bool> m_running{false};  // as m_streaming; a pause leaves it, so that the time of the arrivals goes on
     std::atomic<bool> m_ending{false};
+    std::atomic<int> m_seizing{0};  // how many threads wait in SeizeParseTurn
     std::atomic<bool> m_scanning{false};
     std::atomic<int32_t> m_workerPriority{1};
     StreamingMode m_mode = StreamingMode::kStream;

@@ -70,6 +70,15 @@ void CTsFilterBase::BeginEnding() {
         pin->OnRoomMade();
 }
 
+bool CTsFilterBase::SeizeParseTurn() {
+    ++m_seizing;
+    for (const OutputPinPtr& pin : m_pins.All())
+        pin->OnRoomMade();
+    const bool taken = TakeParseTurn();
+    --m_seizing;
+    return taken;
+}
+
 HRESULT CTsFilterBase::Stop() {
     BeginEnding();
     CScopedLock lock(&StateLock());

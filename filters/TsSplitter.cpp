@@ -109,7 +109,7 @@ HRESULT CTsSplitter::SetSyncSource(IReferenceClock* clock) {
 
 HRESULT CTsSplitter::Reset() {
     // With the turn, so that no table comes between the reset and the contents' restart, which forgets it.
-    const bool hasTurn = TakeParseTurn();
+    const bool hasTurn = SeizeParseTurn();
     {
         CScopedLock streaming(&StreamingLock());
         CScopedLock tables(&TableLock());

@@ -27,6 +27,8 @@ public:
     virtual bool HasClock() const = 0;
     // The host is about to stop: whoever waits for a receiver gives up.
     virtual bool IsEnding() const = 0;
+    // It ends, or is about to start all outputs anew: the parsing thread waits for no receiver.
+    virtual bool IsParserAwaited() const = 0;
     // Filter parameter 22.
     virtual int32_t WorkerPriority() const = 0;
     // Shared, so that a delivery that does not come back finds it when it does.

@@ -47,7 +47,7 @@ int CTsOutputPin::DeliverPacket(const uint8_t* packet, const TsHeader& header, c
 
 CTsOutputPin::Room CTsOutputPin::WaitForRoom(CStreamExecutor& content, uint32_t milliseconds) {
     SignalDelivery();
-    if (CheckDeliveryState() != S_OK || m_host.IsEnding())
+    if (CheckDeliveryState() != S_OK || m_host.IsParserAwaited())
         return Room::kGaveUp;
     if (content.IsWaitingForProgram()) {
         // Only the parser could bring the table that this content waits for.

@@ -290,6 +290,8 @@ void CTsOutputPin::Restart() {
     m_offered.Take();
     content->ResetStreamStatus();
     m_startPending = true;
+    // The end may be pending, and the task that was told of it was one of the epoch before.
+    m_event->Set();
     WakeThread();
 }
 

@@ -510,6 +510,44 @@ TEST(Reset, ASenderThatWaitsForABufferStartsAnew) {
     EXPECT_THAT(numbers, ElementsAre(1, 3, 4));
 }
 
+// The receiver is stalled, and the parser too, or the end of the stream is pending.
+TEST(Reset, BesideAStalledReceiverWaitsForNobodyAndLosesNoEnd) {
+    for (const bool full : {true, false}) {
+        SCOPED_TRACE(full ? "the parser waits for room" : "the end is pending");
+        SplitterGraph graph;
+        TestSink& sink =
+            graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {ALL_PIDS}, MEDIA_TRANSPORT_PACKET);
+        Gate gate(sink);
+        ASSERT_EQ(graph.Run(), S_OK);
+        ProgrammeBuilder builder({{.streams = {Video(kPid, 100'000)}}});
+        const Bytes stream = builder.Tables().Frames(full ? 80 : 1).Padding().Take();
+        std::thread pusher([&] {
+            EXPECT_EQ(graph.source->Push(stream), S_OK);
+            EXPECT_EQ(full ? S_OK : graph.End(), S_OK);
+        });
+        EXPECT_TRUE(gate.WaitUntilReached());
+        const auto content = graph.Pin(u"t")->Content();
+        if (full) {
+            EXPECT_TRUE(Eventually([&] { return content->QueuedBytes() > 0x300000 - 188; }));
+        } else {
+            pusher.join();
+        }
+        CEvent done(EventReset::kManual);
+        std::thread resetter([&] {
+            EXPECT_EQ(graph.splitter->Reset(), S_OK);
+            done.Set();
+        });
+        EXPECT_TRUE(done.Wait(kTestWait)) << "it waits for the receiver";
+        gate.Open();
+        resetter.join();
+        if (full) {
+            pusher.join();
+            EXPECT_EQ(graph.End(), S_OK);
+        }
+        EXPECT_TRUE(sink.WaitForEnd());
+    }
+}
+
 TEST(Mapping, ChangesAtTheByteWhereItCame) {
     SplitterGraph graph;
     TestSink& sink = graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {kPid}, MEDIA_TRANSPORT_PACKET);

@@ -59,6 +59,12 @@ public:
 
     DECLARE_IUNKNOWN
     HRESULT NonDelegatingQueryInterface(const IID& iid, void** out) override;
+    // References of clients. Threads of the filter hold it apart from them (Hold), so that what they call may take a
+    // reference at any time. When the last client lets go, the filter stops and ends its threads; it is gone when
+    // none of them holds it any more.
+    ULONG NonDelegatingAddRef() override;
+    ULONG NonDelegatingRelease() override;
+    void ForgetReference() override;
 
     // Chooses the mode (parameter: 1 in live mode whatever is passed), makes the five table decoders and
     // the service list; there are no output pins then. E_FAIL when that cannot be done.
@@ -242,6 +248,8 @@ protected:
     void RemovePin(const OutputPinPtr& pin);
 
     void SetPacketSize(int32_t size) { m_parser.SetPacketSize(size); }
+    // The last client has let go. On any thread, also one that is to end; without a lock.
+    virtual void EndThreads() { Stop(); }
     // Put off until the locks are released: contents start anew.
     void DeferRestart();
     void DeferPidNotice(const PidNotice& notice);
@@ -251,6 +259,7 @@ protected:
     void BeginEnding();
 
     // IOutputHost
+    std::shared_ptr<const void> Hold() override;
     bool IsEnding() const override { return m_ending.load(); }
     bool IsParserAwaited() const override { return IsEnding() || m_seizing != 0; }
     int32_t WorkerPriority() const override { return m_workerPriority.load(std::memory_order_relaxed); }
@@ -333,6 +342,9 @@ private:
     HRESULT OnPinConnected(CTsOutputPin& pin) override;
     bool IsFirstPin(const CTsOutputPin& pin) override { return m_pins.At(0).get() == &pin; }
     HRESULT QueryHost(const IID& iid, void** out) override { return QueryInterface(iid, out); }
+
+    std::atomic<int32_t> m_clients{0};       // their references, which together hold the filter once
+    std::atomic<int32_t> m_lastReleases{0};  // those by which they all went, and whose EndThreads is still to come
 
     CCritSec m_streamingLock;
     CCritSec m_tableLock;

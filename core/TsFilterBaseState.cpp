@@ -37,6 +37,43 @@ HRESULT CTsFilterBase::NonDelegatingQueryInterface(const IID& iid, void** out) {
     return CBaseFilter::NonDelegatingQueryInterface(iid, out);
 }
 
+ULONG CTsFilterBase::NonDelegatingAddRef() {
+    const int32_t before = m_clients.fetch_add(1);
+    // Whoever takes the first one, or one after the last, holds the filter in another way.
+    if (before == 0)
+        CBaseFilter::NonDelegatingAddRef();
+    return static_cast<ULONG>(before + 1);
+}
+
+ULONG CTsFilterBase::NonDelegatingRelease() {
+    const int32_t left = m_clients.fetch_sub(1) - 1;
+    if (left != 0)
+        return static_cast<ULONG>(left);
+    // What the filter calls as it stops may take references, and let go of the last one again: one thread at a time
+    // ends it, for all that come meanwhile.
+    if (m_lastReleases.fetch_add(1) == 0) {
+        int32_t served = 0;
+        do {
+            served = m_lastReleases;
+            EndThreads();
+        } while (m_lastReleases.fetch_sub(served) != served);
+    }
+    CBaseFilter::NonDelegatingRelease();
+    return 0;
+}
+
+void CTsFilterBase::ForgetReference() {
+    if (m_clients.fetch_sub(1) == 1)
+        CBaseFilter::ForgetReference();
+}
+
+std::shared_ptr<const void> CTsFilterBase::Hold() try {
+    CBaseFilter::NonDelegatingAddRef();
+    return {static_cast<const void*>(this), [this](const void*) { CBaseFilter::NonDelegatingRelease(); }};
+} catch (const std::bad_alloc&) {
+    return nullptr;
+}
+
 HRESULT CTsFilterBase::Pause() {
     CScopedLock lock(&StateLock());
     if (State() == State_Paused)

@@ -40,6 +40,10 @@ CTsSplitter::CTsSplitter(IUnknown* outer)
 CTsSplitter::~CTsSplitter() {
     Stop();
     m_pidSinks.Clear();
+}
+
+void CTsSplitter::EndThreads() {
+    CTsFilterBase::EndThreads();
     m_worker.End();
 }
 
@@ -125,8 +129,6 @@ HRESULT CTsSplitter::Reset() {
 }
 
 uint32_t CTsSplitter::DoOneThreadTask() {
-    // What is called from here may let go of the filter.
-    const ComPtr<IBaseFilter> self(this);
     if (!TakeParseTurn())
         return INFINITE;
     bool synced = false;
@@ -280,7 +282,7 @@ HRESULT CTsSplitter::Stop() {
         CScopedLock receive(&m_input->ReceiveLock());
     }
     const HRESULT result = CTsFilterBase::Stop();
-    // The worker's task holds the filter. A client that lets go of a stopped filter wants it gone.
+    // A client that has stopped the filter wants to be called no more.
     m_worker.WaitForTask(kTaskWait);
     return result;
 }
@@ -306,7 +308,7 @@ HRESULT CTsSplitter::SettleThreads() {
     }
     m_worker.Pause();
     m_events.Stop();
-    return CTsFilterBase::StopStreaming();
+    return S_OK;
 }
 
 void CTsSplitter::InternalReset() {

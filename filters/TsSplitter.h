@@ -71,6 +71,7 @@ private:
     HRESULT OnTableStale(uint32_t tableId, uint32_t key) override;
     void TellPidSinks(std::span<const PidNotice> notices) override;
     HRESULT EnsureFreePin(CTsOutputPin& connected) override;
+    void EndThreads() override;
 
     // Starts the threads, or rests them, as streaming has begun or ended: whichever came last, when both come at once.
     HRESULT SettleThreads();

@@ -19,6 +19,8 @@ class CTsOutputPin;
 // lock unless it says so.
 class IOutputHost {
 public:
+    // The host lives as long as this: for the threads of its outputs. Null when memory is out.
+    virtual std::shared_ptr<const void> Hold() = 0;
     // Stream time while running, else 0.
     virtual REFERENCE_TIME CurrentStreamTime() = 0;
     virtual bool IsHostStopped() const = 0;

@@ -173,7 +173,8 @@ HRESULT CTsOutputPin::MakeThread() {
         std::shared_ptr<IRALThreadExecutor>(self, static_cast<IRALThreadExecutor*>(this)));
     if (!thread || FAILED(thread->SetWake(m_event)))
         return E_FAIL;
-    if (thread->Start(nullptr, kThreadStack) != S_OK)
+    auto hold = m_host.Hold();
+    if (!hold || thread->Start(nullptr, kThreadStack, std::move(hold)) != S_OK)
         return E_FAIL;
     m_thread = std::move(thread);
     return S_OK;

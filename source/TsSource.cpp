@@ -54,6 +54,10 @@ CTsSource::CTsSource(IUnknown* outer)
 
 CTsSource::~CTsSource() {
     Stop();
+}
+
+void CTsSource::EndThreads() {
+    CTsFilterBase::EndThreads();
     m_worker.End();
 }
 

@@ -117,6 +117,7 @@ private:
     bool EndsInput() const override { return m_discontinuity; }
     void NewTSID(uint32_t transportStreamId) override;
     HRESULT OnTableReady(uint32_t tableId, uint32_t key) override;
+    void EndThreads() override;
 
     // Scan
     HRESULT ScanFile();

@@ -60,7 +60,7 @@ HRESULT CTsSource::StartStreaming() {
         TakeInput();
     }
     RunDeferred();
-    const HRESULT result = m_worker.Start(WorkerPriority());
+    const HRESULT result = m_worker.Start(WorkerPriority(), Hold());
     m_workEvent->Set();
     return result;
 }
@@ -139,22 +139,15 @@ CTsSource::Input CTsSource::ReadInput() {
 }
 
 uint32_t CTsSource::DoOneThreadTask() {
-    const std::shared_ptr<CEvent> work = m_workEvent;
-    const std::shared_ptr<CEvent> hurry = m_hurry;
-    bool goesOn = true;
-    {
-        // What is called from here may let go of the filter.
-        const ComPtr<IBaseFilter> self(this);
-        // Whoever ends the input waits for the turn, so it is held for the whole task.
-        goesOn = TakeParseTurn();
-        if (goesOn) {
-            goesOn = ReadAndParse();
-            ParseTurn().Release();
-        }
+    // Whoever ends the input waits for the turn, so it is held for the whole task.
+    bool goesOn = TakeParseTurn();
+    if (goesOn) {
+        goesOn = ReadAndParse();
+        ParseTurn().Release();
     }
     if (!goesOn)
-        hurry->Wait(kRetryWait);
-    work->Set();
+        m_hurry->Wait(kRetryWait);
+    m_workEvent->Set();
     return INFINITE;
 }
 

@@ -8,14 +8,14 @@ constexpr size_t kStack = 65'536;
 
 }  // namespace
 
-HRESULT CFilterWorker::Start(int32_t priority) {
+HRESULT CFilterWorker::Start(int32_t priority, std::shared_ptr<const void> hold) {
     CScopedLock lock(&m_lock);
     if (!m_thread) {
-        auto thread = MakeRALThread<CRALExecutorThread>(m_life);
-        if (!thread)
+        auto thread = MakeRALThread<CRALExecutorThread>(m_filter);
+        if (!thread || !hold)
             return E_FAIL;
         thread->SetWake(m_wake);
-        thread->Start(nullptr, kStack);
+        thread->Start(nullptr, kStack, std::move(hold));
         m_thread = std::move(thread);
     }
     m_thread->Resume(priority);
@@ -44,18 +44,9 @@ bool CFilterWorker::WaitForTask(uint32_t milliseconds) {
 }
 
 void CFilterWorker::End() {
-    m_life = nullptr;
-    RALThreadPtr<CRALExecutorThread> last;
-    {
-        CScopedLock lock(&m_lock);
-        last = std::move(m_thread);
-    }
-    if (!last)
-        return;
-    const std::shared_ptr<CRALThread> thread = last.get_deleter().thread;
-    last = nullptr;
-    // A task that began just before it was stopped uses what is about to go.
-    thread->WaitForEnd(INFINITE);
+    RALThreadPtr<CRALExecutorThread> last;  // ends without the lock
+    CScopedLock lock(&m_lock);
+    last = std::move(m_thread);
 }
 
 }  // namespace tessel

@@ -14,8 +14,7 @@ namespace tessel {
 class CRALExecutorThread final : public CRALThread {
 public:
     explicit CRALExecutorThread(const std::shared_ptr<IRALThreadExecutor>& executor) : m_executor(executor) {}
-    // An executor that is not shared outlives the thread: when Stop has not seen its end, its owner
-    // waits for it with WaitForEnd.
+    // An executor that is not shared outlives the thread, which may have a hold on it from its start.
     explicit CRALExecutorThread(IRALThreadExecutor* executor)
         : m_unshared(executor, [](IRALThreadExecutor*) {}), m_executor(m_unshared) {}
 

@@ -25,7 +25,7 @@ HRESULT CRALThread::SetWake(std::shared_ptr<CEvent> wake, uint32_t timeout) {
     return S_OK;
 }
 
-HRESULT CRALThread::Start(Procedure procedure, size_t stackSize) {
+HRESULT CRALThread::Start(Procedure procedure, size_t stackSize, std::shared_ptr<const void> hold) {
     if (procedure == nullptr)
         procedure = &CRALThread::DefaultProcedure;
     const auto self = weak_from_this().lock();
@@ -43,7 +43,7 @@ HRESULT CRALThread::Start(Procedure procedure, size_t stackSize) {
         m_startDecided.Reset();
         m_stop.Reset();
         m_gate.Reset();
-        thread = CThread::Create(stackSize, [self, procedure] {
+        thread = CThread::Create(stackSize, [hold = std::move(hold), self, procedure] {
             const uint32_t code = procedure(self.get());
             self->m_startDecided.Set();
             return code;

@@ -54,7 +54,8 @@ public:
 
     // Makes the thread, paused, and waits until it has come up. A null procedure is DefaultProcedure.
     // E_UNEXPECTED while there is a thread, or while one that Stop did not wait for still runs.
-    HRESULT Start(Procedure procedure, size_t stackSize);
+    // hold: what the thread uses; it lets go of that at its very end.
+    HRESULT Start(Procedure procedure, size_t stackSize, std::shared_ptr<const void> hold = nullptr);
     // Sets the priority and lets tasks run.
     HRESULT Resume(int32_t priority);
     // No new task begins; one that runs, or is past the gate, finishes.

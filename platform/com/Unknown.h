@@ -40,7 +40,7 @@ public:
     virtual ULONG NonDelegatingAddRef();
     virtual ULONG NonDelegatingRelease();
     // Takes back a reference that the maker held for a while: the object lives, with a count of 0 as at birth.
-    void ForgetReference() { m_references.fetch_sub(1, std::memory_order_relaxed); }
+    virtual void ForgetReference() { m_references.fetch_sub(1, std::memory_order_relaxed); }
 
     // The object that outsiders count references on: the aggregating one, else this one's own IUnknown.
     IUnknown* GetOwner() const { return m_owner; }

@@ -172,11 +172,7 @@ class WholeStreams(DemuxTest):
         self.assertEqual(list(from_pipe), list(from_file))
         self.assertEqual(len(from_file), 2 * len(streams))
         for name, file in from_file.items():
-            if name.endswith(".csv"):  # samples without a time are as long as what was there when one was made
-                rows = [[row for row in time_rows(file) if row[1] is not None] for file in (from_pipe[name], file)]
-                self.assertEqual(*rows, name)
-            else:
-                self.assertSame(from_pipe[name].read_bytes(), file.read_bytes(), name)
+            self.assertSame(from_pipe[name].read_bytes(), file.read_bytes(), name)
 
 
 class Wrap(DemuxTest):
@@ -203,13 +199,7 @@ class Wrap(DemuxTest):
                 self.assertTrue(got.endswith(wanted[behind[0]:]), f"{len(got)} bytes of {len(wanted)}")
                 if mode == "live":  # what is late by the clock is cut at a start, and this machine may be late
                     continue
-                same = len(os.path.commonprefix([got, wanted]))
-                resumed = len(wanted) - (len(got) - same)
-                print(f"wrap, {mode}, {codec}: {resumed - same} bytes missing at {same} of {len(wanted)}", flush=True)
-                self.assertGreaterEqual(same, before[-1])
-                self.assertSame(got[same:], wanted[resumed:], "what follows the wrap")
-                # Contents start again with a time stamp: what is left of one PES is dropped, not more.
-                self.assertLessEqual(len([at for at, _ in stamps if same < at < resumed]), 1)
+                self.assertSame(got, wanted, "a wrap costs no byte")
                 jumps = [at for at, _, flags in time_rows(files[file.name + ".csv"]) if "discontinuity" in flags]
                 self.assertEqual((jumps[0], len(jumps)), (0, 2), "a discontinuity at the start, and one at the wrap")
                 self.assertTrue(before[-1] < jumps[1] < behind[0], (before[-1], jumps, behind[0]))

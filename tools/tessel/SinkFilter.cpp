@@ -17,7 +17,7 @@ std::span<const uint8_t> AsBytes(std::string_view text) {
     return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
 }
 
-// A line of the list, built in place: one is written for every sample.
+// A line of the list, built in place.
 class Line {
 public:
     void Add(int64_t number) { m_end = std::to_chars(m_end, m_text + sizeof(m_text), number).ptr; }
@@ -107,7 +107,8 @@ void SinkFilter::Note(IMediaSample* sample) {
     }
     m_counts.discontinuities += discontinuity && m_counts.samples != 0;
     ++m_counts.samples;
-    if (!m_times)
+    // In how many samples the rest of a PES packet comes is a matter of threads.
+    if (!m_times || (!timed && !discontinuity))
         return;
     Line line;
     line.Add(m_counts.bytes);

@@ -1,8 +1,8 @@
 // The content that delivers one elementary stream: the payload of the PES packets of one PID.
 #pragma once
 
+#include "core/stream/PesHeader.h"
 #include "output/PayloadCache.h"
-#include "output/PesHeader.h"
 #include "output/StreamExecutor.h"
 
 namespace tessel {

@@ -3,7 +3,7 @@
 
 #include <optional>
 
-#include "output/PesHeader.h"
+#include "core/stream/PesHeader.h"
 #include "source/PacketReader.h"
 #include "source/PictureScanner.h"
 

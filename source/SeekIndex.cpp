@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "output/PesHeader.h"
+#include "core/stream/PesHeader.h"
 
 namespace tessel {
 

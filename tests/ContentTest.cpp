@@ -2,7 +2,7 @@
 #include <gmock/gmock.h>
 
 #include "core/StartSync.h"
-#include "output/PesHeader.h"
+#include "core/stream/PesHeader.h"
 #include "output/SampleClock.h"
 #include "tests/support/FilterFixture.h"
 #include "tests/support/GraphFixture.h"

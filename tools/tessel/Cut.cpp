@@ -4,7 +4,7 @@
 #include <array>
 #include <cerrno>
 
-#include "output/PesHeader.h"
+#include "core/stream/PesHeader.h"
 #include "source/PacketReader.h"
 #include "source/StreamFile.h"
 #include "tables/Crc32.h"

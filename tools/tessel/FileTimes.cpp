@@ -6,7 +6,7 @@
 #include <span>
 
 #include "core/TsFilterBase.h"
-#include "output/PesHeader.h"
+#include "core/stream/PesHeader.h"
 #include "source/TsSource.h"
 #include "tools/tessel/FilePlayer.h"
 #include "tools/tessel/PacketMeter.h"

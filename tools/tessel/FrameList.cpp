@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "output/PesHeader.h"
+#include "core/stream/PesHeader.h"
 
 namespace tessel::tool {
 

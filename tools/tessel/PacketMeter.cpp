@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "Classes/MultiPlatform/ByteReader.h"
-#include "output/PesHeader.h"
+#include "core/stream/PesHeader.h"
 
 namespace tessel::tool {
 

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "output/PesHeader.h"
+#include "core/stream/PesHeader.h"
 #include "source/TsSource.h"
 #include "tools/tessel/Failure.h"
 #include "tools/tessel/Services.h"

@@ -1,4 +1,4 @@
-#include "output/PesHeader.h"
+#include "core/stream/PesHeader.h"
 
 namespace tessel {
 

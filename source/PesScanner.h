@@ -3,7 +3,7 @@
 
 #include <optional>
 
-#include "core/stream/PesHeader.h"
+#include "core/stream/PesReader.h"
 #include "source/PacketReader.h"
 #include "source/PictureScanner.h"
 
@@ -19,11 +19,26 @@ struct ScannedPes {
     int32_t frameDuration;
 };
 
-// The payload of a packet of that PID; empty when it has none, or is another's, damaged or scrambled.
-std::span<const uint8_t> PayloadOf(const uint8_t* packet, uint32_t pid);
+// Reads a file packet by packet, for the PES packets of one PID.
+class CPesFile {
+public:
+    CPesFile(IStream& file, int32_t packetSize, uint32_t pid) : m_reader(file, packetSize), m_pid(pid) {}
 
-// Whether the packet with that payload begins a PES packet.
-bool BeginsPes(const uint8_t* packet, std::span<const uint8_t> payload);
+    // See CPacketReader.
+    bool MoveTo(int64_t position);
+    int64_t Position() const { return m_reader.Position(); }
+
+    // The next packet; false at the end of what can be read.
+    bool Next();
+    // What it holds, valid until the next: nothing when it is of another PID, damaged or scrambled.
+    const PesPart& Part() const { return m_part; }
+
+private:
+    CPacketReader m_reader;
+    const uint32_t m_pid;
+    PesReader m_pes;
+    PesPart m_part;
+};
 
 class CPesScanner {
 public:
@@ -35,22 +50,16 @@ public:
     static constexpr int64_t kLookAhead = 65'536;
 
     CPesScanner(IStream& file, int32_t packetSize, uint32_t pid, AccessRule rule)
-        : m_reader(file, packetSize), m_pid(pid), m_pictures(rule) {}
+        : m_file(file, packetSize, pid), m_pictures(rule) {}
 
     bool MoveTo(int64_t position);
     // False when none begins before limit.
     bool ReadPes(int64_t limit, Depth depth, ScannedPes* out);
 
 private:
-    void Begin(std::span<const uint8_t> payload, ScannedPes* out);
-    void Add(std::span<const uint8_t> payload);
-
-    CPacketReader m_reader;
-    const uint32_t m_pid;
+    CPesFile m_file;
     CPictureScanner m_pictures;
-    // A packet that was read and is still to be looked at.
-    const uint8_t* m_held = nullptr;
-    size_t m_headerLeft = 0;  // bytes of the PES header that are still to come
+    bool m_held = false;  // the packet that was read last is still to be looked at
 };
 
 }  // namespace tessel

@@ -83,19 +83,14 @@ REFERENCE_TIME CSeekIndex::WalkAudio(const SeekPoint& point) {
     std::unique_ptr<cvneDataParser::FrameParser> parser;
     if (cvneDataParser::CreateParser(m_master.subtype, &parser) != S_OK)
         return kUnknown;
-    CPacketReader reader(m_file, m_packetSize);
-    if (!reader.MoveTo(point.filePos))
+    CPesFile file(m_file, m_packetSize, m_master.pid);
+    if (!file.MoveTo(point.filePos))
         return kUnknown;
     cvneDataParser::AudioFrameWalk walk(*parser);
-    while (const uint8_t* packet = reader.ReadPacket()) {
-        std::span<const uint8_t> payload = PayloadOf(packet, m_master.pid);
-        if (BeginsPes(packet, payload)) {
-            const int64_t pts = ParsePts(payload);
-            if (pts != kNoTimestamp)
-                walk.Restart(TimeOf(pts));
-            payload = payload.subspan(std::min(payload.size(), static_cast<size_t>(ParsePesHeader(payload).size)));
-        }
-        if (FAILED(walk.Append(payload)))
+    while (file.Next()) {
+        if (file.Part().pts != kNoTimestamp)
+            walk.Restart(TimeOf(file.Part().pts));
+        if (FAILED(walk.Append(file.Part().payload)))
             return kUnknown;
     }
     return walk.Time();

@@ -2,7 +2,7 @@
 #include <gmock/gmock.h>
 
 #include "core/StartSync.h"
-#include "core/stream/PesHeader.h"
+#include "core/stream/PesReader.h"
 #include "output/SampleClock.h"
 #include "tests/support/FilterFixture.h"
 #include "tests/support/GraphFixture.h"
@@ -57,6 +57,58 @@ TEST(PesHeader, StartAndTimes) {
         EXPECT_EQ(ParsePesHeader(bytes).size, id == 0xBF ? 6 : 9) << id;
         std::reverse(bytes.begin(), bytes.begin() + 4);
         EXPECT_EQ(IsPesStart(bytes), known) << id;
+    }
+}
+
+TEST(PesReader, TellsHeadersFromPayload) {
+    constexpr auto kOne = PesReader::Headers::kInFirstPacket;
+    constexpr auto kSplit = PesReader::Headers::kSplit;
+    const Bytes data(500, 0x55);
+    struct {
+        const char* what;
+        PesReader::Headers headers;
+        size_t stuffing;
+        size_t first;    // bytes of the PES packet in the first transport packet
+        size_t payload;  // bytes that come out
+        bool timed;
+    } const cases[] = {
+        {"a header in a packet", kOne, 0, 184, 500, true},
+        {"a header longer than a packet", kOne, 241, 184, 500, true},
+        {"a header cut in its time stamp", kOne, 0, 13, 500, false},
+        {"a header cut too early to be told", kOne, 0, 10, 514, false},
+        {"a header longer than a packet, put together", kSplit, 241, 184, 500, true},
+        {"a header cut in its time stamp, put together", kSplit, 9, 13, 500, true},
+        {"a header cut early, put together", kSplit, 241, 1, 500, true},
+    };
+    for (const auto& [what, headers, stuffing, first, payload, timed] : cases) {
+        SCOPED_TRACE(what);
+        const Bytes pes = build::PesPacket(0xC0, data, {.pts = 900, .headerStuffing = stuffing});
+        StreamBuilder stream;
+        for (int i = 0; i < 2; ++i) {
+            stream.Packet(kPid, std::span(pes).first(first), {.unitStart = true, .duplicate = true});
+            for (size_t at = first; at < pes.size(); at += 180)
+                stream.Packet(kPid, std::span(pes).subspan(at, std::min<size_t>(180, pes.size() - at)),
+                              {.duplicate = true});
+        }
+        const Bytes none = build::Join({{0x00, 0x01}, data});
+        stream.Packet(kPid, std::span(none).first(180), {.unitStart = true});
+        PesReader reader(headers);
+        size_t got = 0;
+        size_t stamps = 0;
+        size_t gaps = 0;
+        for (size_t at = 0; at < stream.bytes().size(); at += kPacketSize) {
+            const uint8_t* const packet = stream.bytes().data() + at;
+            const TsHeader header = DecodeTsHeader(packet);
+            const PesPart part = reader.Read(
+                packet, header,
+                header.HasAdaptationField() ? DecodeAdaptationFieldHeader(packet) : AdaptationFieldHeader{});
+            got += part.payload.size();
+            stamps += part.begins && part.pts == 900 && part.timestamp == 900 ? 1 : 0;
+            gaps += part.follows ? 0 : 1;
+        }
+        EXPECT_EQ(got, 2 * payload);
+        EXPECT_EQ(stamps, timed ? 2 : 0);
+        EXPECT_EQ(gaps, 1);
     }
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 namespace tessel {
 
@@ -55,6 +56,15 @@ inline AdaptationFieldHeader DecodeAdaptationFieldHeader(const uint8_t* packet) 
 // Bytes before the payload. The result may lie past the packet: adaptation_field_length can be anything.
 inline int32_t PayloadOffset(const TsHeader& header, const AdaptationFieldHeader& adaptation) {
     return header.HasAdaptationField() ? 4 + 1 + adaptation.Length() : 4;
+}
+
+// packet: 188 bytes. Empty when it has no payload, or no room for one.
+inline std::span<const uint8_t> PayloadOf(const uint8_t* packet, const TsHeader& header,
+                                          const AdaptationFieldHeader& adaptation) {
+    const int32_t offset = PayloadOffset(header, adaptation);
+    if (!header.HasPayload() || offset >= kTransportPacketSize)
+        return {};
+    return {packet + offset, static_cast<size_t>(kTransportPacketSize - offset)};
 }
 
 }  // namespace tessel

@@ -15,9 +15,7 @@ constexpr size_t kMostPackets = 4096;
 PacketView::PacketView(const uint8_t* bytes) : packet(bytes), header(DecodeTsHeader(bytes)) {
     if (header.HasAdaptationField())
         adaptation = DecodeAdaptationFieldHeader(bytes);
-    const int32_t offset = PayloadOffset(header, adaptation);
-    if (header.HasPayload() && offset < kTransportPacketSize)
-        payload = std::span(bytes, kTransportPacketSize).subspan(static_cast<size_t>(offset));
+    payload = PayloadOf(bytes, header, adaptation);
 }
 
 bool PacketView::IsClear() const {

@@ -175,6 +175,32 @@ class WholeStreams(DemuxTest):
             self.assertSame(from_pipe[name].read_bytes(), file.read_bytes(), name)
 
 
+class LongHeaders(DemuxTest):
+    """PES headers that are longer than a packet are in no stream, and nobody misses them."""
+
+    def test_nothing_is_dropped(self):
+        stream = support.Stream()
+        # Twelve frames of 24 ms and a header of 264 bytes fill 39 packets.
+        frame = b"\xff\xfd\xa4\0" + bytes(range(2, 73)) * 8 + b"\2" * 4
+        for i in range(190):
+            stamp = 90_000 + i * 25_920
+            stream.pcr(0x100, stamp - 9_000)
+            stream.table(0, support.pat(1, {1: 0x50}))
+            stream.table(0x50, support.pmt(1, 0x100, [(0x03, 0x101)]))
+            field = 0x2100010001 | (stamp >> 30) << 33 | (stamp >> 15 & 0x7FFF) << 17 | (stamp & 0x7FFF) << 1
+            data = b"\0\0\1\xc0\x1c\x02\x80\x80\xff" + field.to_bytes(5, "big") + b"\xff" * 250 + frame * 12
+            for at in range(0, len(data), 184):
+                stream.packet(0x101, data[at:at + 184], start=at == 0)
+        stream.null_packets(5)
+        path = self.file("long.ts", bytes(stream.data))
+        for how in ([], ["--push"]):
+            [row] = json.loads(self.done("demux", path, "-o", self.folder / "out", "--json", *how))["streams"]
+            self.assertEqual((row["bytes"], row["dropped_bytes"]), (190 * 12 * len(frame), 0))
+        listed = self.done("frames", path, "--pid", 0x101, "--json").splitlines()
+        self.assertEqual([json.loads(line)["position"] for line in listed],
+                         list(range(0, 190 * 12 * len(frame), len(frame))))
+
+
 class Wrap(DemuxTest):
     """PCR and PTS begin again at 0 in mid-stream: contents synchronise again, and nothing behind that is missing."""
 

@@ -1,9 +1,6 @@
 #include "tools/tessel/PacketMeter.h"
 
-#include <algorithm>
-
 #include "Classes/MultiPlatform/ByteReader.h"
-#include "core/stream/PesHeader.h"
 
 namespace tessel::tool {
 
@@ -44,28 +41,12 @@ void PacketMeter::Note(const uint8_t* packet) {
         }
     }
     ++counts.packets;
-    if (adaptation.DiscontinuityIndicator())
-        counts.lastCounter = -1;
-    const auto offset = static_cast<size_t>(PayloadOffset(header, adaptation));
-    if (!header.HasPayload() || offset >= kTransportPacketSize || counts.lastCounter == header.ContinuityCounter())
-        return;
-    counts.lastCounter = static_cast<int8_t>(header.ContinuityCounter());
-    CountPayload(counts, header, {packet + offset, kTransportPacketSize - offset});
-}
-
-void PacketMeter::CountPayload(PidCounts& counts, const TsHeader& header, std::span<const uint8_t> payload) {
-    size_t skip = 0;
-    if (header.PayloadUnitStartIndicator() && payload.size() >= kLeastPesHeader) {
-        if (!IsPesStart(payload))
-            return;
-        const PesHeader pes = ParsePesHeader(payload);
-        if (!counts.timed && pes.timestamp != kNoTimestamp) {
-            counts.timed = true;
-            counts.beforeStart = counts.payload;
-        }
-        skip = std::min(static_cast<size_t>(pes.size), payload.size());
+    const PesPart part = m_pes[header.Pid()].Read(packet, header, adaptation);
+    if (!counts.timed && part.timestamp != kNoTimestamp) {
+        counts.timed = true;
+        counts.beforeStart = counts.payload;
     }
-    counts.payload += static_cast<int64_t>(payload.size() - skip);
+    counts.payload += static_cast<int64_t>(part.payload.size());
 }
 
 }  // namespace tessel::tool

@@ -7,6 +7,7 @@
 #include <span>
 #include <vector>
 
+#include "core/stream/PesReader.h"
 #include "tools/tessel/PacketFeed.h"
 
 namespace tessel::tool {
@@ -21,12 +22,11 @@ struct PidCounts {
     bool scrambled = false;
     bool timed = false;  // a PES packet with a time stamp has come
     bool hasPcr = false;
-    int8_t lastCounter = -1;
 };
 
 class PacketMeter {
 public:
-    PacketMeter() : m_pids(kPidCount) {}
+    PacketMeter() : m_pids(kPidCount), m_pes(kPidCount) {}
 
     // See PacketFeed.
     void Push(std::span<const uint8_t> bytes) { m_feed.Push(bytes, *this); }
@@ -48,13 +48,12 @@ private:
     friend PacketParser;
     ParserStep ParsePacket(const uint8_t* packet) { return Note(packet), ParserStep::kGoOn; }
     void Note(const uint8_t* packet);
-    void CountPayload(PidCounts& counts, const TsHeader& header, std::span<const uint8_t> payload);
-
     PacketFeed m_feed;
     bool m_foundPackets = false;
     std::optional<uint32_t> m_pcrPid;
     std::optional<Pcr> m_lastPcr;
     std::vector<PidCounts> m_pids;
+    std::vector<PesReader> m_pes;
 };
 
 }  // namespace tessel::tool

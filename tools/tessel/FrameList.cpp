@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "core/stream/PesHeader.h"
-
 namespace tessel::tool {
 
 namespace {
@@ -19,21 +17,18 @@ FrameList::FrameList(uint32_t pid, cvneDataParser::FrameParser& parser, Taker ta
 
 int FrameList::DeliverPacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation,
                              bool) {
-    const int32_t offset = PayloadOffset(header, adaptation);
-    if (header.Pid() != m_pid || !header.HasPayload() || offset >= kTransportPacketSize)
+    if (header.Pid() != m_pid)
         return 0;
-    // A packet may come twice, ISO/IEC 13818-1 clause 2.4.3.3.
-    const int counter = header.ContinuityCounter();
-    if (counter == m_counter && !adaptation.DiscontinuityIndicator())
-        return 0;
-    if (m_counter >= 0 && counter != (m_counter + 1) % 16 && !adaptation.DiscontinuityIndicator())
+    const PesPart part = m_pes.Read(packet, header, adaptation);
+    if (!part.follows)
         OnGap();
-    m_counter = counter;
-    if (header.PayloadUnitStartIndicator()) {
-        m_header.clear();
-        m_state = Pes::kHeader;
-    }
-    Add({packet + offset, static_cast<size_t>(kTransportPacketSize - offset)});
+    if (part.pts != kNoTimestamp)
+        m_stamps.push_back({m_position + static_cast<int64_t>(m_bytes.size()), part.pts});
+    m_begun |= part.begins;
+    if (m_begun)
+        m_bytes.insert(m_bytes.end(), part.payload.begin(), part.payload.end());
+    if (m_bytes.size() >= 2 * kWindow)
+        Walk(false);
     return 0;
 }
 
@@ -42,37 +37,6 @@ void FrameList::OnGap() {
     Walk(true);
     m_nextTime.reset();
     m_stamps.clear();
-    if (m_state == Pes::kHeader)
-        m_state = Pes::kLost;
-}
-
-void FrameList::Add(std::span<const uint8_t> payload) {
-    if (m_state == Pes::kLost)
-        return;
-    if (m_state == Pes::kPayload) {
-        m_bytes.insert(m_bytes.end(), payload.begin(), payload.end());
-    } else {
-        m_header.insert(m_header.end(), payload.begin(), payload.end());
-        TakeHeader();
-    }
-    if (m_bytes.size() >= 2 * kWindow)
-        Walk(false);
-}
-
-void FrameList::TakeHeader() {
-    if (m_header.size() < static_cast<size_t>(kLeastPesHeader))
-        return;
-    if (!IsPesStart(m_header)) {
-        m_state = Pes::kLost;
-        return;
-    }
-    const int32_t size = ParsePesHeader(m_header).size;
-    if (m_header.size() < static_cast<size_t>(size))
-        return;
-    if (const int64_t pts = ParsePts(std::span(m_header).first(static_cast<size_t>(size))); pts != kNoTimestamp)
-        m_stamps.push_back({m_position + static_cast<int64_t>(m_bytes.size()), pts});
-    m_bytes.insert(m_bytes.end(), m_header.begin() + size, m_header.end());
-    m_state = Pes::kPayload;
 }
 
 void FrameList::Finish() {

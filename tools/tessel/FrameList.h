@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/stream/PacketSink.h"
+#include "core/stream/PesReader.h"
 #include "output/parsers/FrameParser.h"
 
 namespace tessel::tool {
@@ -40,10 +41,7 @@ private:
         int64_t position;
         int64_t pts;
     };
-    enum class Pes { kLost, kHeader, kPayload };
 
-    void Add(std::span<const uint8_t> payload);
-    void TakeHeader();
     // Packets are missing.
     void OnGap();
     // All frames that are there; the last bytes too when nothing follows them.
@@ -53,9 +51,8 @@ private:
     const uint32_t m_pid;
     cvneDataParser::FrameParser& m_parser;
     const Taker m_taker;
-    int m_counter = -1;  // continuity_counter of the last packet
-    Pes m_state = Pes::kLost;
-    std::vector<uint8_t> m_header;
+    PesReader m_pes{PesReader::Headers::kSplit};
+    bool m_begun = false;          // a PES packet has begun
     std::vector<uint8_t> m_bytes;  // of the joined stream, not yet walked over
     int64_t m_position = 0;        // of their first
     std::deque<Stamp> m_stamps;

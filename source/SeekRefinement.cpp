@@ -52,12 +52,16 @@ void CSeekIndex::RefineVideo(SeekPoint* point) {
         if (pes.pts)
             stamps.push_back(TimeOf(*pes.pts));
     }
+    stamps.push_back(point->time);
     if (RuleOf(m_master) == AccessRule::kMpeg2) {
         point->frameDuration = first.frameDuration;
-        point->startTime = point->time - REFERENCE_TIME{first.temporalReference.value_or(0)} * first.frameDuration;
+        // Where no headers of groups stand, it counts on from unit to unit.
+        const int64_t reference = first.temporalReference.value_or(0);
+        point->startTime = 2 * reference < halfPictures || reference == 0
+                               ? point->time - reference * first.frameDuration
+                               : *std::min_element(stamps.begin(), stamps.end());
         point->endTime = point->startTime + halfPictures * first.frameDuration / 2;
     } else {
-        stamps.push_back(point->time);
         std::sort(stamps.begin(), stamps.end());
         point->frameDuration = ShortestStep(stamps);
         point->startTime = stamps.front();

@@ -129,23 +129,6 @@ INSTANTIATE_TEST_SUITE_P(Codings, Seeks,
                                          SeekCase{"Audio", {.video = false}}),
                          [](const auto& test) { return test.param.name; });
 
-// Pictures that are shown before the one that a group begins with count from the group's time.
-TEST_F(FileSource, TimesAGroupByItsFirstPictureShown) {
-    Movie movie({.firstReference = 2});
-    movie.Frames(25).Padding();
-    SourceGraph graph;
-    ASSERT_EQ(graph.Load(Write(movie.stream.bytes())), S_OK);
-    graph.AddStreams();
-    constexpr REFERENCE_TIME kEarlier = 2 * Movie::kFrameTime;
-    EXPECT_EQ(graph.Duration(), movie.Now() - kEarlier);
-    ASSERT_EQ(graph.Seek(1), S_OK);
-    REFERENCE_TIME from = 0;
-    REFERENCE_TIME to = 0;
-    EXPECT_EQ(graph.seeking->GetAvailable(&from, &to), S_OK);
-    EXPECT_EQ(from, movie.points[0].time - kEarlier);
-    EXPECT_EQ(to, movie.points[1].time);
-}
-
 int SeekRounds(int usual) {
     const char* const text = std::getenv("TESSEL_SEEK_ROUNDS");
     return text != nullptr ? std::atoi(text) : usual;
@@ -290,6 +273,55 @@ private:
     int64_t m_bytes = 0;
 };
 
+// A file, and the index of its times.
+struct IndexedFile {
+    IndexedFile(const fs::path& path, const MovieOptions& options)
+        : file(MakeObject<CountingStream>(OpenStreamFile(path.c_str(), GENERIC_READ, &opened))),
+          index(*file.Get(), 188, 0,
+                {.pid = options.video ? kVideoPid : kAudioPid,
+                 .isAudio = !options.video,
+                 .subtype = options.video ? TypeOf(options.coding) : MEDIASUBTYPE_MPEG1Payload,
+                 .pcrOrigin = options.start * 300}) {
+        EXPECT_EQ(opened, S_OK);
+    }
+
+    HRESULT opened = E_FAIL;
+    ComPtr<CountingStream> file;
+    CSeekIndex index;
+};
+
+TEST_F(FileSource, TimesAGroupByThePicturesThatItShows) {
+    constexpr REFERENCE_TIME kTwo = 2 * Movie::kFrameTime;
+    constexpr REFERENCE_TIME kFive = 5 * Movie::kFrameTime;  // the pictures of the last group
+    struct {
+        const char* what;
+        MovieOptions options;
+        REFERENCE_TIME earlier;  // than its first picture
+        REFERENCE_TIME last;     // how long the last group is shown
+    } const cases[] = {
+        {"pictures are missing that are shown before the first", {.firstReference = 2}, kTwo, kFive},
+        {"no group headers", {.firstReference = 1'000}, 0, kFive},
+        {"no group headers, and pictures shown before the first", {.firstReference = 1'000, .leading = 2}, kTwo, kFive},
+        {"23.976 a second", {.frameRate = 1}, 0, 5 * 417'083},
+        {"29.97 a second", {.frameRate = 4}, 0, 5 * 333'666},
+        {"twice 25 a second", {.rateExtension = 1}, 0, kFive / 2},
+        {"fields", {.structure = 1}, 0, kFive / 2},
+        {"every other field twice", {.repeatFirst = 1}, 0, kFive * 3 / 2},
+        {"H.264", {.coding = Coding::kAvcIdr}, 0, kFive},
+        {"H.264, open groups", {.coding = Coding::kAvcRecovery, .leading = 2}, kTwo, kFive},
+    };
+    for (const auto& [what, options, earlier, last] : cases) {
+        SCOPED_TRACE(what);
+        Movie movie(options);
+        movie.Frames(25).Padding();
+        IndexedFile file(Write(movie.stream.bytes()), options);
+        ASSERT_TRUE(file.index.Build());
+        EXPECT_EQ(file.index.First().time, movie.points[0].time - earlier);
+        EXPECT_EQ(file.index.First().endTime, movie.points[1].time);
+        EXPECT_EQ(file.index.Last().endTime, movie.points[2].time - earlier + last);
+    }
+}
+
 TEST_F(FileSource, ReadsAFewSpansForASeek) {
     struct Case {
         const char* what;
@@ -310,12 +342,9 @@ TEST_F(FileSource, ReadsAFewSpansForASeek) {
         movie.Frames(1'400);
         const REFERENCE_TIME length = movie.Now();
         movie.SetLead(Movie::kLead + c.stray).Frames(c.options.gop).Padding();
-        HRESULT result = E_FAIL;
-        const auto file =
-            MakeObject<CountingStream>(OpenStreamFile(Write(movie.stream.bytes()).c_str(), GENERIC_READ, &result));
-        ASSERT_EQ(result, S_OK);
-        CSeekIndex index(*file.Get(), 188, 0,
-                         {.pid = kVideoPid, .subtype = TypeOf(c.options.coding), .pcrOrigin = c.options.start * 300});
+        IndexedFile indexed(Write(movie.stream.bytes()), c.options);
+        CountingStream* const file = indexed.file.Get();
+        CSeekIndex& index = indexed.index;
         ASSERT_TRUE(index.Build());
         const double span = static_cast<double>(movie.stream.bytes().size()) / (static_cast<double>(length) / 2e7);
         std::mt19937 random(11);

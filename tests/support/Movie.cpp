@@ -38,10 +38,17 @@ Movie& Movie::Frames(size_t count) {
             wrap = stream.bytes().size();
         stream.Pcr(kPcrPid, m_time % kWrap * 300);
         const int64_t pts = (m_time + m_lead + kWrap) % kWrap;
-        if (m_frames % m_options.gop == 0 && m_options.video)
-            points.push_back({stream.bytes().size(), Now(), video.size(), audio.size()});
+        const size_t inGroup = m_frames % m_options.gop;
+        const auto later = static_cast<int64_t>(m_options.leading);
+        if (inGroup == 0 && m_options.video)
+            points.push_back({stream.bytes().size(), Now() + later * kFrameTime, video.size(), audio.size()});
         if (m_options.video)
-            Add(kVideoPid, 0xE0, Picture(m_frames % m_options.gop), pts, video);
+            Add(kVideoPid, 0xE0, Picture(inGroup),
+                pts + (inGroup == 0                   ? later
+                       : inGroup <= m_options.leading ? -1
+                                                      : 0) *
+                          kFrame,
+                video);
         if (!m_options.video)
             points.push_back({stream.bytes().size(), Now(), video.size(), audio.size()});
         Bytes frame = Filler(576);
@@ -79,29 +86,16 @@ Bytes Movie::Filler(size_t size) {
 // Some bytes before the headers move them over the packets' edges.
 Bytes Movie::Picture(size_t inGroup) {
     const bool key = inGroup == 0;
-    const auto reference = static_cast<uint8_t>(key ? m_options.firstReference : inGroup);
+    const size_t reference = key ? m_options.firstReference : inGroup;
     const auto mpeg2 = [&] {
-        const Bytes picture = {0,
-                               0,
-                               1,
-                               0,
-                               static_cast<uint8_t>(reference >> 2),
-                               static_cast<uint8_t>(reference << 6 | 8),
-                               0xFF,
-                               0xF8,
-                               0,
-                               0,
-                               1,
-                               0xB5,
-                               0x8F,
-                               0xFF,
-                               0xF3,
-                               0x40,
-                               0x80,
-                               0x80};
-        const Bytes sequence = {0,    0, 1, 0xB3, 0x2D, 0x02, 0x40, 0x23, 0xFF, 0xFF, 0xE0,
-                                0x18, 0, 0, 1,    0xB5, 0x14, 0x8A, 0x00, 0x01, 0x00, 0x00};
-        return key ? build::Join({sequence, picture}) : picture;
+        build::BitWriter picture;
+        picture.Put(0x100, 32).Put(reference, 10).Put(1, 3).Put(0xFFFF, 16).Put(0, 3);
+        picture.Put(0x1B5, 32).Put(0x8FFFF, 20).Put(0, 2).Put(m_options.structure, 2);
+        picture.Put(0x10, 6).Put(m_options.repeatFirst, 1).Put(0, 1).Put(0x8080, 16);
+        build::BitWriter sequence;
+        sequence.Put(0x1B3, 32).Put(0x2D0240, 24).Put(2, 4).Put(m_options.frameRate, 4).Put(0xFFFFE018, 32);
+        sequence.Put(0x1B5, 32).Put(0x148A000100, 40).Put(m_options.rateExtension, 3).Put(0, 5);
+        return key ? build::Join({sequence.bytes(), picture.bytes()}) : picture.bytes();
     };
     Bytes headers;
     switch (m_options.coding) {

@@ -23,13 +23,19 @@ const GUID& TypeOf(Coding coding);
 
 struct MovieOptions {
     Coding coding = Coding::kMpeg2;
-    size_t gop = 10;             // frames
-    int64_t start = 90'000;      // of the PCR, 90 kHz
-    bool named = true;           // with an SDT
-    uint8_t firstReference = 0;  // temporal_reference of the first picture of a group
+    size_t gop = 10;              // frames
+    int64_t start = 90'000;       // of the PCR, 90 kHz
+    bool named = true;            // with an SDT
+    uint16_t firstReference = 0;  // temporal_reference of the first picture of a group
     bool video = true;
     size_t pictureSize = 3'000;
-    size_t sizes = 1;  // every 100 frames the pictures become larger by pictureSize, so many times, and small again
+    size_t sizes = 1;    // every 100 frames the pictures become larger by pictureSize, so many times, and small again
+    size_t leading = 0;  // pictures of a group that are shown before its first
+    // MPEG-2: frame_rate_code, frame_rate_extension_n, picture_structure, repeat_first_field
+    uint8_t frameRate = 3;
+    uint8_t rateExtension = 0;
+    uint8_t structure = 3;
+    uint8_t repeatFirst = 0;
 };
 
 // A file of 25 frames a second: a PCR, then a PES packet of video and one of audio. Remembers what stands where.

@@ -23,9 +23,9 @@ bool CPacketReader::MoveTo(int64_t position) {
     return true;
 }
 
-const uint8_t* CPacketReader::ReadPacket() {
+const uint8_t* CPacketReader::ReadPacket(int64_t limit) {
     HRESULT result = m_parser.ParseData(*this);
-    while (result == S_OK && ReadMore())
+    while (result == S_OK && m_parser.StreamPosition() < limit && ReadMore())
         result = m_parser.ParseData(*this);
     return result == kParsePaused ? m_packet : nullptr;
 }

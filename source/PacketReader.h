@@ -18,8 +18,8 @@ public:
 
     // False when there is no memory, or the file does not say where it is.
     bool MoveTo(int64_t position);
-    // 188 bytes, valid until the next call; null at the end of what can be read.
-    const uint8_t* ReadPacket();
+    // 188 bytes, valid until the next call; null at the end of what can be read, and when there is none before limit.
+    const uint8_t* ReadPacket(int64_t limit = INT64_MAX);
     // Of the packet read last, in the file.
     int64_t Position() const { return m_position; }
     // The byte that could not be read, which was taken for the end.

@@ -9,9 +9,9 @@ bool CPesFile::MoveTo(int64_t position) {
     return m_reader.MoveTo(position);
 }
 
-bool CPesFile::Next() {
+bool CPesFile::Next(int64_t limit) {
     m_part = {};
-    const uint8_t* const packet = m_reader.ReadPacket();
+    const uint8_t* const packet = m_reader.ReadPacket(limit);
     if (packet == nullptr)
         return false;
     const TsHeader header = DecodeTsHeader(packet);
@@ -29,7 +29,7 @@ bool CPesScanner::MoveTo(int64_t position) {
 
 bool CPesScanner::ReadPes(int64_t limit, Depth depth, ScannedPes* out) {
     do {
-        if (!std::exchange(m_held, false) && !m_file.Next())
+        if (!std::exchange(m_held, false) && !m_file.Next(limit))
             return false;
         m_held = m_file.Position() >= limit;
         if (m_held)
@@ -42,7 +42,7 @@ bool CPesScanner::ReadPes(int64_t limit, Depth depth, ScannedPes* out) {
         out->pts = m_file.Part().pts;
     m_pictures.Restart();
     m_pictures.Feed(m_file.Part().payload);
-    while ((depth == Depth::kWhole || !m_pictures.IsDecided()) && m_file.Next()) {
+    while ((depth == Depth::kWhole || !m_pictures.IsDecided()) && m_file.Next(limit + kLookAhead)) {
         m_held = m_file.Part().begins || m_file.Position() >= limit + kLookAhead;
         if (m_held)
             break;

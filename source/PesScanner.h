@@ -28,8 +28,8 @@ public:
     bool MoveTo(int64_t position);
     int64_t Position() const { return m_reader.Position(); }
 
-    // The next packet; false at the end of what can be read.
-    bool Next();
+    // The next packet; see CPacketReader::ReadPacket.
+    bool Next(int64_t limit);
     // What it holds, valid until the next: nothing when it is of another PID, damaged or scrambled.
     const PesPart& Part() const { return m_part; }
 

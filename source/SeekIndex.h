@@ -30,17 +30,20 @@ struct SeekMaster {
 // One thread at a time, which nobody else moves the file under.
 class CSeekIndex {
 public:
-    // What is read at each end of the file to find a time stamp, and behind a place to find the next one.
+    // What is read at each end of the file to find a point, and behind a place to find the next one.
     static constexpr int64_t kSearchLimit = 10'485'760;
+    // Where points stand farther apart than that: how much of the stream is looked through for the one to begin at.
+    static constexpr int64_t kMostSearched = 8 * kSearchLimit;
 
     // The file outlives the index. dataStart: of the first packet.
     CSeekIndex(IStream& file, int32_t packetSize, int64_t dataStart, const SeekMaster& master);
 
-    // The first and the last point. False when there is none, or none near the end.
+    // The first and the last point. False when there is none, or none near the end, or when the time stamps have gone
+    // back between them.
     bool Build();
 
     // Finds the point to begin at for *target, which is moved into the file, and makes it the current one.
-    // E_FAIL: there is none any more.
+    // E_FAIL: there is none any more, or none within reach.
     HRESULT MoveTo(REFERENCE_TIME* target);
 
     const SeekPoint& First() const { return m_first; }
@@ -61,15 +64,28 @@ private:
     bool Find(int64_t from, int64_t limit, SeekPoint* out);
     bool FindNext(int64_t limit, SeekPoint* out);
     bool FindLast(int64_t span);
-    // Reads what the point stands for, and fills in all but filePos and time. previous: of the point before, if that is
-    // known.
-    void Refine(SeekPoint* point, REFERENCE_TIME previous);
-    void RefineVideo(SeekPoint* point);
-    void RefineAudio(SeekPoint* point, REFERENCE_TIME previous);
-    // The time at which the audio from that point to the end of the file is over; kUnknown when that cannot be told.
-    REFERENCE_TIME WalkAudio(const SeekPoint& point);
-    Bracket SearchBelow(REFERENCE_TIME target);
-    SeekPoint WalkUp(const Bracket& bracket, REFERENCE_TIME target);
+    // Reads what the point stands for, up to limit, and fills in all but filePos and time. previous: of the point
+    // before, if that is known.
+    void Refine(SeekPoint* point, int64_t limit, REFERENCE_TIME previous);
+    void RefineVideo(SeekPoint* point, int64_t limit);
+    void RefineAudio(SeekPoint* point, int64_t limit, REFERENCE_TIME previous);
+    // The time at which the audio from that point to limit is over; kUnknown when that cannot be told.
+    REFERENCE_TIME WalkAudio(const SeekPoint& point, int64_t limit);
+
+    // The three steps from a time to its point. The first two are false where points stand too far apart.
+    bool Narrow(REFERENCE_TIME target, Bracket* bracket);
+    bool WalkUp(REFERENCE_TIME target, Bracket* bracket);
+    bool SearchSparse(REFERENCE_TIME target, Bracket* bracket);
+    // The last point before end that is not later than the target becomes the bracket's. isEmpty: nothing of the stream
+    // is between from and end.
+    bool FindBelow(REFERENCE_TIME target, int64_t from, int64_t end, Bracket* bracket, bool* isEmpty);
+    // The first time stamp, of a point or not, that a short look from there on finds.
+    std::optional<REFERENCE_TIME> StampAt(int64_t from);
+    // From a place where nothing is found of the stream towards another one, the first where something is, but for so
+    // much as StampAt looks at; else the other one.
+    int64_t CrossGap(int64_t from, int64_t to);
+    // Packets stand one behind the other, so most places can be made to hit one.
+    int64_t Align(int64_t position) const { return position - (position - m_dataStart) % m_packetSize; }
     bool IsAtOrBelow(const SeekPoint& point, REFERENCE_TIME target) const;
 
     IStream& m_file;

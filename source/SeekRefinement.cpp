@@ -25,17 +25,16 @@ int32_t ShortestStep(const std::vector<REFERENCE_TIME>& sorted) {
 
 }  // namespace
 
-void CSeekIndex::Refine(SeekPoint* point, REFERENCE_TIME previous) {
+void CSeekIndex::Refine(SeekPoint* point, int64_t limit, REFERENCE_TIME previous) {
     point->startTime = point->time;
     if (m_master.isAudio)
-        RefineAudio(point, previous);
+        RefineAudio(point, limit, previous);
     else if (m_scanner.MoveTo(point->filePos))
-        RefineVideo(point);
+        RefineVideo(point, limit);
     point->endTime = std::max(point->endTime, point->time + 1);
 }
 
-void CSeekIndex::RefineVideo(SeekPoint* point) {
-    const int64_t limit = point->filePos + kSearchLimit;
+void CSeekIndex::RefineVideo(SeekPoint* point, int64_t limit) {
     std::vector<REFERENCE_TIME> stamps;
     REFERENCE_TIME next = kUnknown;
     int64_t halfPictures = 0;
@@ -71,19 +70,19 @@ void CSeekIndex::RefineVideo(SeekPoint* point) {
         point->endTime = next;
 }
 
-void CSeekIndex::RefineAudio(SeekPoint* point, REFERENCE_TIME previous) {
+void CSeekIndex::RefineAudio(SeekPoint* point, int64_t limit, REFERENCE_TIME previous) {
     point->frameDuration = 0;
     SeekPoint next;
-    if (Find(point->filePos + m_packetSize, point->filePos + kSearchLimit, &next)) {
+    if (Find(point->filePos + m_packetSize, limit, &next)) {
         point->endTime = next.time;
         return;
     }
-    point->endTime = WalkAudio(*point);
+    point->endTime = WalkAudio(*point, limit);
     if (point->endTime <= point->time && previous != kUnknown)
         point->endTime = point->time + (point->time - previous);
 }
 
-REFERENCE_TIME CSeekIndex::WalkAudio(const SeekPoint& point) {
+REFERENCE_TIME CSeekIndex::WalkAudio(const SeekPoint& point, int64_t limit) {
     std::unique_ptr<cvneDataParser::FrameParser> parser;
     if (cvneDataParser::CreateParser(m_master.subtype, &parser) != S_OK)
         return kUnknown;
@@ -91,7 +90,7 @@ REFERENCE_TIME CSeekIndex::WalkAudio(const SeekPoint& point) {
     if (!file.MoveTo(point.filePos))
         return kUnknown;
     cvneDataParser::AudioFrameWalk walk(*parser);
-    while (file.Next()) {
+    while (file.Next(limit)) {
         if (file.Part().pts != kNoTimestamp)
             walk.Restart(TimeOf(file.Part().pts));
         if (FAILED(walk.Append(file.Part().payload)))

@@ -322,6 +322,65 @@ TEST_F(FileSource, TimesAGroupByThePicturesThatItShows) {
     }
 }
 
+// Points are found where they stand far apart, and where the file has a hole, and no more is read than it takes.
+TEST_F(FileSource, FindsPointsThatStandFarApart) {
+    constexpr int64_t kMost = 100'000'000;
+    struct {
+        const char* what;
+        MovieOptions options;
+        size_t frames;  // on either side of the hole
+        int64_t hole;
+        int64_t pause;  // between the two, 90 kHz
+        bool isSeekable = true;
+    } const cases[] = {
+        {"12 MB between points", {.gop = 300, .pictureSize = 40'000}, 451, 0, 0},
+        {"one point", {.gop = 300, .pictureSize = 40'000}, 149, 0, 0},
+        {"no point near the end", {.gop = 600, .pictureSize = 40'000}, 299, 0, 0, false},
+        {"a hole", {.gop = 12}, 200, 10'000'000'000, 0},
+        {"a hole in a pause", {.gop = 12, .pictureSize = 20'000}, 200, 10'000'000'000, 100 * 90'000},
+        {"a hole in sound", {.video = false}, 200, 10'000'000'000, 0},
+        {"a hole in a pause of the sound", {.video = false}, 1'000, 3'000'000'000, 100 * 90'000},
+        {"time stamps that go back", {.start = 90'000'000}, 200, 0, -1'000 * 90'000, false},
+        {"time stamps before the clock", {.start = 90'000'000}, 10, 0, -100 * 90'000, false},
+    };
+    for (const auto& [what, options, frames, hole, pause, isSeekable] : cases) {
+        SCOPED_TRACE(what);
+        Movie movie(options);
+        movie.Frames(frames);
+        const auto& bytes = movie.stream.bytes();
+        const size_t cut = bytes.size();
+        movie.Skip(pause).Frames(frames).Padding();
+        const fs::path path = Write(Bytes(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(cut)));
+        fs::resize_file(path, cut + static_cast<uintmax_t>(hole));
+        std::ofstream(path, std::ios::binary | std::ios::app)
+            .write(reinterpret_cast<const char*>(bytes.data() + cut), static_cast<std::streamsize>(bytes.size() - cut));
+        for (Movie::Point& point : movie.points)
+            point.filePos += point.filePos >= cut ? static_cast<size_t>(hole) : 0;
+
+        IndexedFile file(path, options);
+        ASSERT_EQ(file.index.Build(), isSeekable);
+        EXPECT_LE(file.file->TakeCount(), kMost);
+        if (!isSeekable)
+            continue;
+        const REFERENCE_TIME end =
+            options.video ? movie.Now() : movie.points.back().time + 240'000;  // a frame of sound
+        EXPECT_EQ(file.index.Last().endTime, end);
+        std::vector<REFERENCE_TIME> targets = {0, end - 1};
+        const REFERENCE_TIME behind = end - static_cast<REFERENCE_TIME>(frames) * Movie::kFrameTime;
+        for (const REFERENCE_TIME by : {-20'000'000, -1, 1, 100'000, 500'000, 1'000'000, 30'000'000})
+            targets.push_back(behind + by);
+        std::mt19937 random(3);
+        while (targets.size() < 25)
+            targets.push_back(static_cast<REFERENCE_TIME>(random() % static_cast<uint64_t>(end)));
+        std::shuffle(targets.begin(), targets.end(), random);
+        for (REFERENCE_TIME target : targets) {
+            ASSERT_EQ(file.index.MoveTo(&target), S_OK) << target;
+            EXPECT_EQ(static_cast<size_t>(file.index.Current().filePos), PointOf(movie, target).filePos) << target;
+            EXPECT_LE(file.file->TakeCount(), kMost) << target;
+        }
+    }
+}
+
 TEST_F(FileSource, ReadsAFewSpansForASeek) {
     struct Case {
         const char* what;

@@ -76,6 +76,10 @@ public:
     // "live", "strm", "rec " or "file", for diagnostics.
     const char* ModeName() const { return m_modeName; }
 
+    // PIDs that the input is known to have: a program map does not wait for the first packet of one. Before streaming,
+    // and from then on, resets included.
+    void ExpectPids(const PidSet& pids) { m_expectedPids = pids; }
+
     // The filter's states. Stop ends every wait for a receiver first.
     HRESULT GetClassID(CLSID* out) override { return CBaseFilter::GetClassID(out); }
     HRESULT Stop() override;
@@ -322,7 +326,9 @@ private:
     std::vector<int32_t> PcrPids() override { return m_router.PcrPids(); }
     void NotifyDiscontinuity(int32_t pcrPid) override { m_router.NotifyDiscontinuity(pcrPid); }
     void NotifyClockChange(const PcrClock& clock) override { m_router.NotifyClockChange(clock); }
-    bool IsPidPresent(uint32_t pid) const override { return pid < kPidCount && m_pidStatus.IsPresent(pid); }
+    bool IsPidPresent(uint32_t pid) const override {
+        return pid < kPidCount && (m_pidStatus.IsPresent(pid) || m_expectedPids.test(pid));
+    }
     HRESULT RequestTablePid(uint32_t tableId, uint32_t tableIdExtension, uint32_t pid) override;
 
     // IOutputHost
@@ -368,6 +374,7 @@ private:
     // With the streaming lock.
     Announcement m_announcement;
     PidStatusBits m_pidStatus;
+    PidSet m_expectedPids;  // does not change while the filter streams
     PacketRouter m_router;
     PcrClocks m_clocks;
     COutputPinList m_pins;

@@ -3,11 +3,14 @@
 
 #include <array>
 #include <atomic>
+#include <bitset>
 #include <cstdint>
 
 #include "core/stream/TsHeader.h"
 
 namespace tessel {
+
+using PidSet = std::bitset<kPidCount>;
 
 // Written by the parsing thread alone; any thread may read. Each byte is an atomic of its own: a
 // reader needs the two bits of one PID, and those are written together.
@@ -25,6 +28,13 @@ public:
     // pid: below 8192.
     bool IsPresent(uint32_t pid) const { return (Byte(pid) >> (4 + pid % 4) & 1) != 0; }
     bool IsScrambled(uint32_t pid) const { return (Byte(pid) >> (pid % 4) & 1) != 0; }
+
+    PidSet Present() const {
+        PidSet pids;
+        for (uint32_t pid = 0; pid < kPidCount; ++pid)
+            pids.set(pid, IsPresent(pid));
+        return pids;
+    }
 
     void Clear() {
         for (auto& byte : m_bytes)

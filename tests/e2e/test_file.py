@@ -348,8 +348,10 @@ class Recordings(FileTest):
                 self.assertEqual(summary["mode"] == "rec", summary["why_pushed"] is not None)
                 for service in {stream["service"] for stream in summary["streams"]}:
                     alone, files, _ = self.demux(facts["path"], "--service", service)
-                    _, wanted, _ = self.demux(facts["path"], "--service", service, "--push")
-                    self.assertTrue(wanted and files == wanted, (service, alone))
+                    pushed, wanted, _ = self.demux(facts["path"], "--service", service, "--push")
+                    self.assertTrue(wanted and wanted.items() <= files.items(), (service, alone))
+                    # Half a second of clock references is not everywhere.
+                    self.assertTrue(all(s["file"] or s["note"] for s in pushed["streams"]), pushed)
                     played += alone["mode"] == "file"
                     cut = self.folder / "cut.ts"
                     self.done("cut", facts["path"], "--service", service, "-o", cut)

@@ -137,6 +137,33 @@ class Times(support.ToolTest):
         self.assertEqual(self.times("-", input=whole), (None, None, False))
 
 
+class TablesInFront(support.ToolTest):
+    """Every program map comes before the first packet of its clock: what `info` lists, the others take."""
+
+    def test_every_command_finds_the_streams(self):
+        whole = support.two_programmes()
+        data = whole.read_bytes()
+        packets = [data[at:at + support.PACKET] for at in range(0, len(data), support.PACKET)]
+        pids = [int.from_bytes(packet[1:3], "big") & 0x1FFF for packet in packets]
+        tables = [packet for packet, pid in zip(packets, pids) if pid not in range(256, 260)]
+        late = self.file("late.ts", b"".join(tables + [packet for packet in packets if packet not in tables]))
+        self.assertEqual([[c["pid"] for c in s["components"]] for s in self.info(late)["services"]],
+                         [[256, 257], [258, 259]])
+        self.assertEqual(self.info(late)["duration"], self.info(whole)["duration"])
+        self.assertEqual(self.done("frames", late, "--pid", 257), self.done("frames", whole, "--pid", 257))
+        for options in ([], ["--push"]):
+            files = []
+            for path in (whole, late):
+                folder = self.folder / f"{path.stem}{len(options)}"
+                self.done("demux", path, "-o", folder, *options)
+                files.append({file.name: file.read_bytes() for file in folder.iterdir()})
+            self.assertEqual(files[0].keys(), files[1].keys())
+            for name, written in files[0].items():
+                self.assertTrue(files[1][name].endswith(written), (name, options))
+        self.assertTrue(self.done("cut", late, "--service", 12, "--from", 1, "-o", "-"))
+        self.assertTrue(self.done("extract", late, "--pid", 257, "--from", 1, "-o", "-"))
+
+
 class Sample(support.ToolTest):
     @unittest.skipUnless(support.SAMPLE.is_file(), "samples/tessel-sample.ts is missing")
     def test_three_services(self):

@@ -304,7 +304,7 @@ void Cut(InputFile& input, const std::optional<std::string>& service, const Time
         throw Failure(NoStreamText(input));
     const ServiceInfo& chosen = ChooseService(found.services, service);
     std::string why;
-    const auto player = FilePlayer::Open(input.Name(), 1, &why);
+    const auto player = FilePlayer::Open(input.Name(), 1, found.latePids, &why);
     if (!player)
         throw CannotCut(input.Name(), why);
     CTsSource& source = player->Source(0);

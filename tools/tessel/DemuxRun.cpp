@@ -240,7 +240,7 @@ DemuxResult Demux(InputFile& input, const DemuxRequest& request) {
     feed.Restart();
     std::string why;
     if (request.mode == StreamingMode::kFile) {
-        if (const auto player = FilePlayer::Open(input.Name(), plan.splitters, &why)) {
+        if (const auto player = FilePlayer::Open(input.Name(), plan.splitters, found.latePids, &why)) {
             if (request.service)
                 player->SelectService(plan);
             if (!request.span.IsWhole())
@@ -256,7 +256,7 @@ DemuxResult Demux(InputFile& input, const DemuxRequest& request) {
     DemuxRequest pushed = request;
     if (request.mode == StreamingMode::kFile)
         pushed.mode = StreamingMode::kRecording;
-    Pipeline pipeline(pushed.mode, plan.splitters);
+    Pipeline pipeline(pushed.mode, plan.splitters, found.latePids);
     DemuxResult result = PushRun(pipeline, feed, pushed, plan).Do();
     if (input.CanRewind())  // nobody expects a pipe to be played
         result.whyPushed = why;

@@ -82,7 +82,8 @@ void ReadOnlyPart(InputFile& input, const std::vector<uint32_t>& pids, const Tim
         if (has && !stream)
             stream = FindTimingStream(found.services, service.id);
     }
-    const ByteRange range = FindPart(input.Name(), stream ? stream : FindTimingStream(found.services), span);
+    const ByteRange range =
+        FindPart(input.Name(), stream ? stream : FindTimingStream(found.services), found.latePids, span);
     input.SetRange(range.begin, range.end);
 }
 

@@ -92,7 +92,8 @@ ComPtr<CTsSource> MakeInputSource() {
     return source;
 }
 
-std::unique_ptr<FilePlayer> FilePlayer::Open(const std::string& path, size_t sources, std::string* why) {
+std::unique_ptr<FilePlayer> FilePlayer::Open(const std::string& path, size_t sources, const PidSet& latePids,
+                                             std::string* why) {
     const auto name = SourceNameOf(path);
     if (!name) {
         *why = "it is no regular file";
@@ -101,6 +102,7 @@ std::unique_ptr<FilePlayer> FilePlayer::Open(const std::string& path, size_t sou
     auto player = std::unique_ptr<FilePlayer>(new FilePlayer());
     for (size_t i = 0; i < sources; ++i) {
         ComPtr<CTsSource> source = MakeInputSource();
+        source->ExpectPids(latePids);
         if (const HRESULT result = source->Load(name->c_str(), nullptr); FAILED(result)) {
             *why = result == E_INVALIDARG ? "its path is too long" : WhyRefused(*source.Get(), path);
             return nullptr;

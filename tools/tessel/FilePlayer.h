@@ -18,7 +18,8 @@ ComPtr<CTsSource> MakeInputSource();
 class FilePlayer {
 public:
     // Null when the file source does not open the file; *why then says what it lacks.
-    static std::unique_ptr<FilePlayer> Open(const std::string& path, size_t sources, std::string* why);
+    static std::unique_ptr<FilePlayer> Open(const std::string& path, size_t sources, const PidSet& latePids,
+                                            std::string* why);
     ~FilePlayer() { Stop(); }
     FilePlayer(const FilePlayer&) = delete;
     FilePlayer& operator=(const FilePlayer&) = delete;

@@ -64,8 +64,9 @@ bool ClockGoesOn(const std::string& path, size_t packetSize, uint32_t pcrPid, in
     return total <= end / 1'000 * 9 + kSlack;
 }
 
-ComPtr<IMediaSeeking> Open(const std::u16string& name, const ComponentInfo& master) {
+ComPtr<IMediaSeeking> Open(const std::u16string& name, const ComponentInfo& master, const PidSet& latePids) {
     const ComPtr<CTsSource> source = MakeInputSource();
+    source->ExpectPids(latePids);
     if (FAILED(source->Load(name.c_str(), nullptr)) || !MapTimingPin(source.Get(), master))
         return nullptr;
     return ComPtr<IMediaSeeking>(source.Get());
@@ -73,10 +74,11 @@ ComPtr<IMediaSeeking> Open(const std::u16string& name, const ComponentInfo& mast
 
 }  // namespace
 
-FileTimes ReadFileTimes(const std::string& path, int32_t packetSize, const std::vector<ServiceInfo>& services) {
+FileTimes ReadFileTimes(const std::string& path, int32_t packetSize, const std::vector<ServiceInfo>& services,
+                        const PidSet& latePids) {
     const auto master = FindTimingStream(services);
     const auto name = SourceNameOf(path);
-    const ComPtr<IMediaSeeking> seeking = name && master ? Open(*name, *master->component) : nullptr;
+    const ComPtr<IMediaSeeking> seeking = name && master ? Open(*name, *master->component, latePids) : nullptr;
     DWORD capabilities = 0;
     if (!seeking || FAILED(seeking->GetCapabilities(&capabilities)) || capabilities == 0)
         return {};

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "core/stream/PidStatus.h"
 #include "tools/tessel/Services.h"
 
 namespace tessel::tool {
@@ -20,6 +21,7 @@ struct FileTimes {
 // By the first video of the services, or else their first audio, that is clear. Nothing is known of a path that leads
 // to no regular file, or to one that the file source does not open, or whose
 // clock goes back.
-FileTimes ReadFileTimes(const std::string& path, int32_t packetSize, const std::vector<ServiceInfo>& services);
+FileTimes ReadFileTimes(const std::string& path, int32_t packetSize, const std::vector<ServiceInfo>& services,
+                        const PidSet& latePids);
 
 }  // namespace tessel::tool

@@ -8,7 +8,7 @@
 
 #include "tools/tessel/FileTimes.h"
 #include "tools/tessel/Services.h"
-#include "tools/tessel/StreamReader.h"
+#include "tools/tessel/TableReader.h"
 
 namespace tessel::tool {
 
@@ -28,6 +28,7 @@ struct StreamInfo {
     std::vector<ServiceInfo> services;
     std::vector<TableStore::Version> tables;
     std::vector<PidInfo> pids;
+    PidSet latePids;  // see TableReader
 };
 
 // Reads until the information is complete or 10,000,000 bytes; with allPids to the end.

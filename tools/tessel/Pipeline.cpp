@@ -23,12 +23,13 @@ void Check(HRESULT result, const char* text) {
     throw Failure(std::string(text) + (result == E_OUTOFMEMORY ? ": out of memory" : std::string(": result ") + code));
 }
 
-Pipeline::Pipeline(StreamingMode mode, size_t splitters)
+Pipeline::Pipeline(StreamingMode mode, size_t splitters, const PidSet& latePids)
     : m_mode(mode), m_graph(new CFilterGraph()), m_source(new PushSource(splitters)) {
     Check(m_graph->AddFilter(m_source.Get(), u"Source"), "cannot add the source");
     for (size_t i = 0; i < splitters; ++i) {
         ComPtr<IBaseFilter> splitter;
         Check(CreateTsSplitter(mode, splitter.Put(), kRules), "cannot make a splitter");
+        static_cast<CTsSplitter*>(splitter.Get())->ExpectPids(latePids);
         Check(m_graph->AddFilter(splitter.Get(), nullptr), "cannot add a splitter");
         ComPtr<IPin> input;
         Check(splitter->FindPin(u"Input", input.Put()), "the splitter has no input");

@@ -16,8 +16,8 @@ void Check(HRESULT result, const char* text);
 
 class Pipeline {
 public:
-    // Stopped, and with nothing behind the splitters.
-    Pipeline(StreamingMode mode, size_t splitters);
+    // Stopped, and with nothing behind the splitters. They expect latePids; see TableReader.
+    Pipeline(StreamingMode mode, size_t splitters, const PidSet& latePids = {});
     // No sample may be out, and no thread may deliver, when the graph goes.
     ~Pipeline() { Stop(); }
     Pipeline(const Pipeline&) = delete;

@@ -5,7 +5,7 @@
 
 #include "tools/tessel/Feed.h"
 #include "tools/tessel/PacketMeter.h"
-#include "tools/tessel/Services.h"
+#include "tools/tessel/TableReader.h"
 
 namespace tessel::tool {
 
@@ -27,6 +27,7 @@ struct FoundServices {
     std::vector<ServiceInfo> services;
     bool complete = false;
     bool wholeInput = false;  // all of it has been seen
+    PidSet latePids;          // see TableReader
 };
 
 // Reads feed until the services are complete and no obstacle is left that more bytes could lift, or up to

@@ -54,10 +54,7 @@ void StreamReader::Parse() {
 }
 
 bool StreamReader::FoundPackets() const {
-    for (uint32_t pid = 0; pid < kPidCount; ++pid)
-        if (PidStatus().IsPresent(pid))
-            return true;
-    return false;
+    return PidStatus().Present().any();
 }
 
 std::string NoStreamText(const InputFile& input) {

@@ -191,11 +191,12 @@ ByteRange SeekToPart(CTsSource& source, const TimingStream& stream, const TimeSp
     return range;
 }
 
-ByteRange FindPart(const std::string& path, const std::optional<TimingStream>& stream, const TimeSpan& span) {
+ByteRange FindPart(const std::string& path, const std::optional<TimingStream>& stream, const PidSet& latePids,
+                   const TimeSpan& span) {
     if (!stream)
         throw CannotCut(path, "no service has clear video or audio to time it by");
     std::string why;
-    const auto player = FilePlayer::Open(path, 1, &why);
+    const auto player = FilePlayer::Open(path, 1, latePids, &why);
     if (!player)
         throw CannotCut(path, why);
     return SeekToPart(player->Source(0), *stream, span, path);

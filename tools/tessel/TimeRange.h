@@ -55,6 +55,7 @@ struct ByteRange {
 // sought in, or from is behind its end.
 ByteRange SeekToPart(CTsSource& source, const TimingStream& stream, const TimeSpan& span, const std::string& path);
 // The same by a source of its own. Failure when there is none, or no stream to time the file by.
-ByteRange FindPart(const std::string& path, const std::optional<TimingStream>& stream, const TimeSpan& span);
+ByteRange FindPart(const std::string& path, const std::optional<TimingStream>& stream, const PidSet& latePids,
+                   const TimeSpan& span);
 
 }  // namespace tessel::tool

@@ -127,7 +127,7 @@ void RunInfo(const InfoArguments& arguments) {
     RunOn(input, arguments.skipUnreadable, [&] {
         StreamInfo info = ReadStreamInfo(input, arguments.pids);
         if (!arguments.push && arguments.input != "-")
-            info.times = ReadFileTimes(arguments.input, info.packetSize, info.services);
+            info.times = ReadFileTimes(arguments.input, info.packetSize, info.services, info.latePids);
         Print(arguments.json ? InfoAsJson(info, arguments.pids) : InfoAsText(info, arguments.pids));
     });
 }

@@ -70,16 +70,25 @@ bool IsVideo(IDvbComponent& component, std::optional<uint32_t> wanted) {
 
 // Calls visit(component) until it returns false.
 template <class Visit>
-void ForEachComponent(IDvbService& service, Visit visit) {
-    ComPtr<IDvbCollection> components;
-    if (FAILED(service.GetComponents(components.Put())))
-        return;
+void ForEachComponent(const ComPtr<IDvbCollection>& components, Visit visit) {
     for (int32_t i = 0; const auto component = ItemAs<IDvbComponent>(components.Get(), i); ++i)
         if (!visit(*component.Get()))
             return;
 }
 
 }  // namespace
+
+ComPtr<IDvbCollection> CServiceSelection::CurrentComponents(IDvbService& service) const {
+    uint32_t id = 0;
+    service.GetServiceId(&id);
+    ComPtr<IDvbProgramMapTable> map;
+    ComPtr<IDvbCollection> components;
+    if (SUCCEEDED(m_information.GetProgramMapTable(id, map.Put())))
+        map->GetComponents(components.Put());
+    else
+        service.GetComponents(components.Put());
+    return components;
+}
 
 bool CServiceSelection::IsPresent(IDvbComponent& component) const {
     uint32_t pid = kPidCount;
@@ -89,7 +98,9 @@ bool CServiceSelection::IsPresent(IDvbComponent& component) const {
 
 bool CServiceSelection::HasPresentComponents(IDvbService& service) const {
     bool found = false;
-    ForEachComponent(service, [&](IDvbComponent& component) {
+    ComPtr<IDvbCollection> components;
+    service.GetComponents(components.Put());
+    ForEachComponent(components, [&](IDvbComponent& component) {
         found = IsPresent(component);
         return !found;
     });
@@ -136,7 +147,7 @@ void CServiceSelection::FillPins(Pins& pins) {
 CServiceSelection::Choice CServiceSelection::Choose(IDvbService& service, std::optional<uint32_t> videoType) const {
     Choice choice;
     uint32_t best = 0;
-    ForEachComponent(service, [&](IDvbComponent& component) {
+    ForEachComponent(CurrentComponents(service), [&](IDvbComponent& component) {
         if (!IsPresent(component))
             return true;
         uint32_t pid = 0;

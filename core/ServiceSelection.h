@@ -19,8 +19,8 @@ public:
     };
 
     CServiceSelection(std::vector<OutputPinPtr> pins, const PidStatusBits& pidStatus,
-                      std::optional<FileOperations> file)
-        : m_pins(std::move(pins)), m_pidStatus(pidStatus), m_file(std::move(file)) {}
+                      IDvbServiceInformationEx& information, std::optional<FileOperations> file)
+        : m_pins(std::move(pins)), m_pidStatus(pidStatus), m_information(information), m_file(std::move(file)) {}
 
     // The index-th of the services that have packets; when it has neither video nor audio, the next one that has.
     // E_FAIL when there is none.
@@ -37,6 +37,8 @@ private:
         std::optional<uint32_t> audioPid;
     };
 
+    // Of the current program map, where there is one: a service keeps the components of earlier versions.
+    ComPtr<IDvbCollection> CurrentComponents(IDvbService& service) const;
     bool IsPresent(IDvbComponent& component) const;
     bool HasPresentComponents(IDvbService& service) const;
     bool Try(IDvbService& service);
@@ -47,6 +49,7 @@ private:
 
     std::vector<OutputPinPtr> m_pins;
     const PidStatusBits& m_pidStatus;
+    IDvbServiceInformationEx& m_information;
     const std::optional<FileOperations> m_file;
 };
 

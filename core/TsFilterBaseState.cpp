@@ -243,7 +243,7 @@ HRESULT CTsFilterBase::SelectService(uint32_t index) {
     if (FAILED(result))
         return result;
     if (m_mode != StreamingMode::kFile)
-        return CServiceSelection(m_pins.All(), m_pidStatus, std::nullopt).Select(*services.Get(), index);
+        return CServiceSelection(m_pins.All(), m_pidStatus, *this, std::nullopt).Select(*services.Get(), index);
     const auto rewind = [this] {
         ComPtr<IMediaSeeking> seeking;
         int64_t start = 0;
@@ -254,7 +254,7 @@ HRESULT CTsFilterBase::SelectService(uint32_t index) {
     // Nobody else makes pins, or starts, meanwhile.
     CScopedLock lock(&StateLock());
     return CServiceSelection(
-               m_pins.All(), m_pidStatus,
+               m_pins.All(), m_pidStatus, *this,
                CServiceSelection::FileOperations{[this](const OLECHAR* name) { return CreatePin(name); }, rewind})
         .Select(*services.Get(), index);
 }

@@ -159,49 +159,64 @@ TEST(SavedState, ComesBackOrIsRefused) {
     EXPECT_TRUE(loaded.Pin(u"yy"));
 }
 
-TEST(ServiceSelection, CountsTheServicesThatHavePackets) {
-    SplitterGraph graph;
-    EXPECT_EQ(graph.splitter->SetParam(kParamSelectService, 0), E_FAIL);
-    graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, 0x1000);
-    graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_DOLBY_AC3, 0x1001);
-    ASSERT_EQ(graph.Run(), S_OK);
-    const auto german = build::Language("ger", 0);
-    const auto comment = build::Language("ger", 3);
+TEST(ServiceSelection, TakesTheBestOfWhatIsListedAndSent) {
     const auto audio = [](uint16_t pid, uint8_t type, build::Descriptors descriptors) {
         build::ElementaryStream stream = Audio(pid, 200, type);
         stream.descriptors = std::move(descriptors);
         return stream;
     };
+    const auto german = build::Language("ger", 0);
+    const auto comment = build::Language("ger", 3);
     ProgrammeBuilder builder(
-        {{.number = 1, .pmtPid = 0x100, .pcrPid = 0x101, .streams = {Video(0x111), Audio(0x112)}},
+        {{.number = 1, .pmtPid = 0x100, .pcrPid = 0x101, .streams = {Video(0x111), audio(0x112, 0x03, {german})}},
          {.number = 2, .pmtPid = 0x200, .pcrPid = 0x201, .streams = {Video(0x211)}},
-         // Neither video that the pin takes nor audio, but packets.
+         // Neither video that an MPEG-2 pin takes nor audio, but packets.
          {.number = 3, .pmtPid = 0x300, .pcrPid = 0x301, .streams = {Video(0x311, 100, 0x1B), audio(0x312, 0x06, {})}},
          {.number = 4,
           .pmtPid = 0x400,
           .pcrPid = 0x401,
-          .streams = {Video(0x411, 100, 0x1B), Video(0x412, 100, 0x01), audio(0x413, 0x03, {german}),
-                      audio(0x414, 0x81, {}), audio(0x415, 0x06, {build::Ac3(), comment}),
+          .streams = {Video(0x410), audio(0x417, 0x81, {german}), Video(0x411, 100, 0x1B), Video(0x412, 100, 0x01),
+                      audio(0x413, 0x03, {german}), audio(0x414, 0x81, {}), audio(0x415, 0x06, {build::Ac3(), comment}),
                       audio(0x416, 0x81, {comment})}}});
     builder.Tables();
-    builder.programmes()[1].streams.clear();  // listed, and not sent
-    ASSERT_EQ(graph.source->Push(builder.Frames(3).Padding().Take()), S_OK);
-    ASSERT_TRUE(Eventually([&] { return graph.splitter->PidStatus().IsPresent(0x416); }));
-    ASSERT_EQ(graph.End(), S_OK);
-    struct {
+    auto& programmes = builder.programmes();
+    // Listed, and not sent.
+    programmes[1].streams.clear();
+    programmes[3].streams.erase(programmes[3].streams.begin(), programmes[3].streams.begin() + 2);
+    builder.Frames(3);
+    // Sent, and no longer listed: 0x112.
+    programmes[0].pmtVersion = 1;
+    programmes[0].streams = {Video(0x111), audio(0x113, 0x03, {comment}), audio(0x114, 0x03, {german})};
+    const Bytes stream = builder.Tables().Frames(1).Padding().Take();
+
+    struct Case {
         uint32_t index;
         HRESULT result;
-        ULONG video;
-        ULONG audio;
-    } const cases[] = {{0, S_OK, 0x111, 0x112},
-                       {1, S_OK, 0x412, 0x415},
-                       {2, S_OK, 0x412, 0x415},
-                       {3, E_FAIL, 0x412, 0x415},
-                       {0, S_OK, 0x111, 0x112}};
-    for (const auto& [index, result, videoPid, audioPid] : cases) {
-        EXPECT_EQ(graph.splitter->SetParam(kParamSelectService, index), result);
-        EXPECT_EQ(graph.Pin(u"v")->Map().Entries(), std::vector<ULONG>{videoPid});
-        EXPECT_EQ(graph.Pin(u"a")->Map().Entries(), std::vector<ULONG>{audioPid});
+        ULONG video, audio;
+    };
+    const std::pair<GUID, std::vector<Case>> pins[] = {
+        {MEDIASUBTYPE_MPEG2_VIDEO,
+         {{0, S_OK, 0x111, 0x114},
+          {1, S_OK, 0x412, 0x415},
+          {2, S_OK, 0x412, 0x415},
+          {3, E_FAIL, 0x412, 0x415},
+          {0, S_OK, 0x111, 0x114}}},
+        {MEDIASUBTYPE_AVC_VIDEO, {{0, S_OK, 0x1000, 0x114}, {1, S_OK, 0x311, 0x114}, {2, S_OK, 0x411, 0x415}}},
+    };
+    for (const auto& [subtype, cases] : pins) {
+        SplitterGraph graph;
+        EXPECT_EQ(graph.splitter->SetParam(kParamSelectService, 0), E_FAIL);
+        graph.AddStream(u"v", MEDIATYPE_Video, subtype, 0x1000);
+        graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_DOLBY_AC3, 0x1001);
+        ASSERT_EQ(graph.Run(), S_OK);
+        ASSERT_EQ(graph.source->Push(stream), S_OK);
+        ASSERT_TRUE(Eventually([&] { return graph.splitter->PidStatus().IsPresent(build::kNullPid); }));
+        ASSERT_EQ(graph.End(), S_OK);
+        for (const auto& [index, result, videoPid, audioPid] : cases) {
+            EXPECT_EQ(graph.splitter->SetParam(kParamSelectService, index), result);
+            EXPECT_EQ(graph.Pin(u"v")->Map().Entries(), std::vector<ULONG>{videoPid}) << index;
+            EXPECT_EQ(graph.Pin(u"a")->Map().Entries(), std::vector<ULONG>{audioPid}) << index;
+        }
     }
 }
 

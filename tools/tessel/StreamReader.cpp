@@ -1,20 +1,10 @@
 #include "tools/tessel/StreamReader.h"
 
-#include "services/objects/Collections.h"
-#include "tools/tessel/Failure.h"
-
 namespace tessel::tool {
 
-StreamReader::StreamReader() : CTsFilterBase("StreamReader") {
+void StreamReader::Start() {
     if (FAILED(SetMode(StreamingMode::kRecording, 0)) || FAILED(StartStreaming()))
         throw Failure("out of memory");
-}
-
-ComPtr<StreamReader> MakeStreamReader() {
-    auto reader = MakeObject<StreamReader>();
-    if (!reader)
-        throw Failure("out of memory");
-    return reader;
 }
 
 void StreamReader::Push(std::span<const uint8_t> bytes) {

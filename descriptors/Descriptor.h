@@ -4,7 +4,9 @@
 #pragma once
 
 #include <span>
+#include <vector>
 
+#include "descriptors/DescriptorBytes.h"
 #include "descriptors/DescriptorInterfaces.h"
 #include "platform/com/Unknown.h"
 #include "services/objects/Parameters.h"
@@ -26,16 +28,22 @@ HRESULT WriteValue(T* out, T value) {
 }
 
 // A descriptor whatever its interface.
-class DescriptorBase : public CUnknown, public IGetSetCOMParamImpl {
+class DescriptorBase : public CUnknown, public IGetSetCOMParamImpl, public IDescriptorBytes {
 public:
     DECLARE_IUNKNOWN
 
     // Reads the bytes after tag and length: S_OK, or an error that says to discard the object.
     // Throws std::bad_alloc only.
     virtual HRESULT Parse(std::span<const uint8_t> payload) = 0;
+    // Once, with what was parsed. Throws std::bad_alloc only.
+    void KeepBytes(std::span<const uint8_t> payload) { m_bytes.assign(payload.begin(), payload.end()); }
+    std::span<const uint8_t> Bytes() const override { return m_bytes; }
 
 protected:
     explicit DescriptorBase(const char* name) : CUnknown(name, nullptr) {}
+
+private:
+    std::vector<uint8_t> m_bytes;
 };
 
 // The part of IDvbDescriptor in an interface I that is or derives from it.
@@ -63,6 +71,8 @@ public:
                 return GetInterface<I>(this, out);
             if (IsParameterInterface(iid))
                 return GetInterface<IGetSetCOMParam>(this, out);
+            if (iid == IDescriptorBytes::kIid)
+                return GetInterface<IDescriptorBytes>(this, out);
         }
         return CUnknown::NonDelegatingQueryInterface(iid, out);
     }

@@ -57,8 +57,10 @@ void AddDescriptor(std::span<const uint8_t> payload, DescriptorContext context, 
         return;  // it would be dropped: not worth parsing
     try {
         const auto descriptor = MakeDescriptor(context, descriptorTag);
-        if (descriptor && SUCCEEDED(descriptor->Parse(payload)))
-            descriptors.AddKeyed(descriptorTag, descriptor.Get());
+        if (descriptor && SUCCEEDED(descriptor->Parse(payload))) {
+            descriptor->KeepBytes(payload);
+            descriptors.AddKeyed(descriptorTag, static_cast<IGetSetCOMParam*>(descriptor.Get()));
+        }
     } catch (const std::bad_alloc&) {
         // Left out: the table is worth more than one descriptor.
     }

@@ -40,7 +40,10 @@ class Recordings(support.ToolTest):
         shown = {key: service[key] for key in ("id", "name", "provider", "type", "pmt_pid", "pcr_pid", "channel")}
         shown["components"] = [
             {"pid": c["pid"], "stream_type": c["stream_type"], "tags": sorted(d["tag"] for d in c["descriptors"]),
-             "scrambled": c["scrambled"], "language": c["language"]} for c in service["components"]]
+             "scrambled": c["scrambled"],
+             # The facts have those of audio alone.
+             "language": c["language"] if any(d["tag"] == 0x0A for d in c["descriptors"]) else None}
+            for c in service["components"]]
         return shown
 
     def test_facts(self):
@@ -178,8 +181,8 @@ class Sample(support.ToolTest):
         self.assertEqual(
             [[(c["pid"], c["media"], c["language"], c["scrambled"]) for c in s["components"]] for s in services],
             [[(0x101, "video/mpeg2", None, False), (0x102, "audio/mpeg1", "ger", False),
-              (0x103, "audio/mpeg1", "fre", False), (0x104, "vbi/teletext", None, False),
-              (0x105, "subtitle/dvb", None, False)],
+              (0x103, "audio/mpeg1", "fre", False), (0x104, "vbi/teletext", "ger", False),
+              (0x105, "subtitle/dvb", "ger", False)],
              [(0x201, "video/h264", None, False), (0x202, "audio/ac3", "eng", False),
               (0x203, "audio/aac", "fre", False)],
              [(0x301, "video/mpeg2", None, True), (0x302, "audio/ac3", "ger", True)]])
@@ -213,14 +216,35 @@ class MadeStreams(support.ToolTest):
         self.assertIn("no usable program map of service 6", self.done("info", path).decode())
 
     def test_service_types(self):
-        names = {1: "DigitalTelevision", 2: "DigitalRadio", 0x19: "ServiceType[19]", 0: None}
-        programmes = {number: 0x50 + number for number in range(1, 5)}
+        names = {1: "DigitalTelevision", 2: "DigitalRadio", 0x19: "AVCHDTelevision", 0x2A: "ServiceType[2a]", 0: None}
+        programmes = {number: 0x50 + number for number in range(1, 6)}
         data = tables_then(
             programmes=programmes, services=[(n, t, b"P", b"N") for n, t in zip(programmes, names)],
             maps=[(pid, pmt(n, 0x100, [(0x02, 0x100)])) for n, pid in programmes.items()], packets_on=[0x100])
         info = self.info(self.file("types.ts", data))
         self.assertEqual([(s["type"], s["type_name"]) for s in info["services"]],
                          [(type_ or None, name) for type_, name in names.items()])
+
+    def test_names_and_languages_of_components(self):
+        """Numbers are shown where no standard has a name; what a private stream type means depends on who registered."""
+        pages = b"".join(code + b"\x10\x01" for code in (b"deu", b"fra", b"deu"))
+        subtitles = b"".join(code + b"\x10\0\1\0\1" for code in (b"ces", b"eng"))
+        components = [(0x24, 0x64), (0x86, 0x65), (0x06, 0x66, b"\x7a\x01\x80" + b"\x7b\x01\0" + b"\xf3\0"), (0xC8, 0x67),
+                      (0x06, 0x68, b"\x56\x0f" + pages), (0x06, 0x69, b"\x59\x10" + subtitles)]
+        plain = pmt(5, 0x64, components)
+        loop = b"\x05\4HDMV"
+        registered = plain[:10] + bytes([0xF0, len(loop)]) + loop + plain[12:-4]
+        registered = registered[:2] + bytes([registered[2] + len(loop)]) + registered[3:]
+        registered += support.crc32(registered).to_bytes(4, "big")
+        for table, private in ((plain, "SCTE 35 Splice Information"), (registered, "HDMV DTS-HD Audio (lossless)")):
+            data = tables_then(programmes={5: 0x50}, maps=[(0x50, table)], packets_on=[0x64])
+            [service] = self.info(self.file("names.ts", data))["services"]
+            self.assertEqual([(c["stream_type_name"], c["language"]) for c in service["components"]],
+                             [("ISO23008-2 Video (HEVC)", None), (private, None), ("ISO13818-1 PrivatePES", None),
+                              ("StreamType[c8]", None), ("ISO13818-1 PrivatePES", "ger,fre"),
+                              ("ISO13818-1 PrivatePES", "cze,eng")])
+            self.assertEqual([(d["name"], d["text"]) for d in service["components"][2]["descriptors"]],
+                             [("EnhancedAC3", "EnhancedAC3"), ("DTS", "DTS"), ("DescriptorTag[f3]", "DescriptorTag[f3]")])
 
     def test_texts_cannot_harm_terminal_or_json(self):
         texts = [
@@ -233,7 +257,11 @@ class MadeStreams(support.ToolTest):
             (b"\xe1" * 126, "\xe1" * 126),
             (b"\x11\x00A\x00", "A"),  # half a character at the end
             (b'"\\</script>', '"\\</script>'),
-            (b"\x15\xff\xc3(\xed\xa0\x80", ""),  # a table without a converter
+            (b"\x15" + "Čas 日本 \U0001f600".encode(), "Čas 日本 \U0001f600"),
+            (b"\x15a\xee\x82\x86b\xee\x82\x87c\xee\x82\x8ad\0e", "abcd"),  # emphasis, the end of a line, of the text
+            (b"\x15\xff\xc3(\xed\xa0\x80\xc0\x80\xf4\x90\x80\x80", "\ufffd" * 2 + "(" + "\ufffd" * 9),
+            (b"\x15", ""),
+            (b"\x14\xb4\xfa", ""),  # a table without a converter
         ]
         programmes = {number: 0x50 for number in range(1, len(texts) + 1)} | {99: 0x63}
         services = [(n, 1, text, text) for n, (text, _) in zip(programmes, texts)] + [(99, 1, b"", b"\x9b" * 252)]

@@ -2,11 +2,15 @@
 
 #include <algorithm>
 
+#include "Classes/MultiPlatform/ByteReader.h"
 #include "core/stream/TsHeader.h"
+#include "descriptors/DescriptorBytes.h"
 #include "descriptors/DescriptorText.h"
+#include "descriptors/LanguageCode.h"
 #include "descriptors/NameTable.h"
 #include "services/objects/Parameters.h"
 #include "tables/TableFactory.h"
+#include "tools/tessel/Names.h"
 #include "tools/tessel/Utf8.h"
 
 namespace tessel::tool {
@@ -31,6 +35,35 @@ std::optional<std::string> TextOf(IDvbService* service, HRESULT (IDvbService::*g
     if (FAILED((service->*getter)(text.Put())) || !text)
         return std::nullopt;
     return ToUtf8(text.View());
+}
+
+std::span<const uint8_t> BytesOf(IDvbMapping* descriptors, uint8_t tag) {
+    const auto descriptor = LookupAs<IDescriptorBytes>(descriptors, tag);
+    return descriptor ? descriptor->Bytes() : std::span<const uint8_t>();
+}
+
+// The library has no decoder for UTF-8 and makes nothing of it; EN 300 468 annex A selects it by 0x15.
+void ReadUtf8(std::optional<std::string>& text, std::span<const uint8_t> sent) {
+    constexpr uint8_t kUtf8Selector = 0x15;
+    if (text == "" && !sent.empty() && sent.front() == kUtf8Selector)
+        text = DecodeUtf8(sent.subspan(1));
+}
+
+// The names of a service that the library leaves empty, by the service descriptor, EN 300 468 clause 6.2.33.
+void ReadUtf8Names(ServiceInfo& info, ITableDecoder& tables) {
+    ComPtr<IDvbCollection> list;
+    tables.EnumTables(kServiceDescriptionTable, list.Put());
+    for (int32_t i = 0; const auto table = ItemAs<IDvbServiceDescriptionTable>(list.Get(), i); ++i) {
+        ComPtr<IDvbMapping> services, descriptors;
+        table->GetServiceDescriptions(services.Put());
+        const auto service = LookupAs<IDvbServiceDescription>(services.Get(), static_cast<int32_t>(info.id));
+        if (!service || FAILED(service->GetDescriptors(descriptors.Put())))
+            continue;
+        ByteReader reader(BytesOf(descriptors.Get(), tag::kService));
+        reader.Skip(1);  // service_type
+        ReadUtf8(info.provider, reader.Take(reader.U8()));
+        ReadUtf8(info.name, reader.Take(reader.U8()));
+    }
 }
 
 // Three letters or digits; what a broken descriptor holds is no language.
@@ -69,19 +102,56 @@ DescriptorInfo DescribeDescriptor(IDvbDescriptor* descriptor) {
     const uint32_t tag = Value(descriptor, &IDvbDescriptor::GetTag);
     OLECHAR text[kDescriptorTextUnits];
     RenderDescriptor(text, descriptor);
-    return {tag, ToUtf8(DescriptorTagNames().GetName(tag)), ToUtf8(text)};
+    const std::string documented = ToUtf8(DescriptorTagNames().GetName(tag));
+    const std::string name = DescriptorTagName(tag);
+    std::string rendered = ToUtf8(text);
+    if (rendered.starts_with(documented))
+        rendered.replace(0, documented.size(), name);
+    return {tag, name, rendered};
 }
 
-ComponentInfo DescribeComponent(IDvbComponentEx* component) {
+// The languages of pages and subtitles, each once, in the order of the descriptor: "ger,fre".
+std::optional<std::string> LanguagesOf(IDvbMapping* descriptors) {
+    std::string languages;
+    const auto add = [&languages](uint32_t code) {
+        if (const auto language = LanguageText(code); language && languages.find(*language) == std::string::npos)
+            languages += (languages.empty() ? "" : ",") + *language;
+    };
+    if (const auto teletext = LookupAs<IDvbDescTeletext>(descriptors, tag::kTeletext)) {
+        ComPtr<IDvbDescTeletextItem> item;
+        for (uint32_t i = 0; SUCCEEDED(teletext->GetItem(i, item.Put())); ++i)
+            add(Value(item.Get(), &IDvbDescTeletextItem::GetLanguage));
+    }
+    if (const auto subtitling = LookupAs<IGetSetCOMParam>(descriptors, tag::kSubtitling)) {
+        ComPtr<IDvbCollection> subtitles;
+        subtitling->GetCOMParam(param::kSubtitles, IDvbCollection::kIid, reinterpret_cast<void**>(subtitles.Put()));
+        for (int32_t i = 0; const auto subtitle = ItemAs<IGetSetParam>(subtitles.Get(), i); ++i) {
+            uint32_t code = 0;
+            if (subtitle->GetParam(param::kLanguage, &code) == S_OK)
+                add(code);
+        }
+    }
+    return languages.empty() ? std::nullopt : std::optional(languages);
+}
+
+// format_identifier of a registration, ISO/IEC 13818-1 clause 2.6.8; 0 where there is none.
+uint32_t RegistrationOf(IDvbMapping* descriptors) {
+    ByteReader reader(BytesOf(descriptors, tag::kRegistration));
+    return reader.U32();
+}
+
+ComponentInfo DescribeComponent(IDvbComponentEx* component, uint32_t registration) {
     ComponentInfo info;
     info.pid = Value<IDvbComponent>(component, &IDvbComponent::GetPid);
     info.streamType = Value<IDvbComponent>(component, &IDvbComponent::GetStreamType);
-    info.streamTypeName = ToUtf8(StreamTypeNames().GetName(info.streamType));
+    info.streamTypeName = StreamTypeName(info.streamType, registration);
     info.language = LanguageText(Value<IDvbComponentEx>(component, &IDvbComponentEx::GetLanguage));
     info.scrambled = component->IsScrambled() == S_OK;
     info.media = MediaOf(component);
     ComPtr<IDvbMapping> descriptors;
     component->GetDescriptors(descriptors.Put());
+    if (!info.language)
+        info.language = LanguagesOf(descriptors.Get());
     for (int32_t i = 0; const auto descriptor = ItemAs<IDvbDescriptor>(descriptors.Get(), i); ++i)
         info.descriptors.push_back(DescribeDescriptor(descriptor.Get()));
     return info;
@@ -93,15 +163,26 @@ std::optional<uint32_t> PidOrNone(uint32_t pid) {
 
 }  // namespace
 
+std::string CanonicalLanguage(const std::string& code) {
+    const auto letter = [&code](size_t i) { return static_cast<uint8_t>(code[i]); };
+    if (code.size() == 2)
+        return LanguageText(NormaliseLanguage(0, letter(0), letter(1))).value_or(code);
+    if (code.size() == 3)
+        return LanguageText(NormaliseLanguage(letter(0), letter(1), letter(2))).value_or(code);
+    return code;
+}
+
 ServiceInfo DescribeService(IDvbService* service, ITableDecoder& tables, bool named) {
     ServiceInfo info;
     info.id = Value<IDvbService>(service, &IDvbService::GetServiceId);
     info.name = TextOf(service, &IDvbService::GetName);
     info.provider = TextOf(service, &IDvbService::GetProviderName);
+    if (info.name == "" || info.provider == "")
+        ReadUtf8Names(info, tables);
     // 0 is reserved: no table has told the type.
     if (const uint32_t type = Value<IDvbService>(service, &IDvbService::GetServiceType); named && type != 0) {
         info.type = type;
-        info.typeName = ToUtf8(ServiceTypeNames().GetName(type));
+        info.typeName = ServiceTypeName(type);
     }
     info.scrambled = service->IsScrambled() == S_OK;
     info.pcrPid = PidOrNone(Value<IDvbService>(service, &IDvbService::GetPcrPid));
@@ -123,9 +204,12 @@ ServiceInfo DescribeService(IDvbService* service, ITableDecoder& tables, bool na
     if (const auto pmt = table.As<IDvbProgramMapTable>()) {
         info.hasProgramMap = true;
         ComPtr<IDvbCollection> components;
+        ComPtr<IDvbMapping> descriptors;
         pmt->GetComponents(components.Put());
+        pmt->GetDescriptors(descriptors.Put());
+        const uint32_t registration = RegistrationOf(descriptors.Get());
         for (int32_t i = 0; const auto component = ItemAs<IDvbComponentEx>(components.Get(), i); ++i)
-            info.components.push_back(DescribeComponent(component.Get()));
+            info.components.push_back(DescribeComponent(component.Get(), registration));
     }
     return info;
 }

@@ -30,7 +30,7 @@ struct ComponentInfo {
     uint32_t pid = 0;
     uint32_t streamType = 0;
     std::string streamTypeName;
-    std::optional<std::string> language;
+    std::optional<std::string> language;  // of teletext and subtitles all, with commas
     bool scrambled = false;
     const MediaKind* media = nullptr;
     std::vector<DescriptorInfo> descriptors;
@@ -54,6 +54,9 @@ struct ServiceInfo {
     bool hasProgramMap = false;
     std::vector<ComponentInfo> components;
 };
+
+// The one code that a language is shown by: "ger" for "ger", "deu", "DEU" and "de".
+std::string CanonicalLanguage(const std::string& code);
 
 // From the service and the current program map table; named: a table with names has come.
 ServiceInfo DescribeService(IDvbService* service, ITableDecoder& tables, bool named);

@@ -14,11 +14,14 @@ char32_t TakeCharacter(std::string_view& text) {
     const auto ones = static_cast<size_t>(std::countl_one(byte(0)));
     const size_t length = ones == 0 ? 1 : ones;
     char32_t c = byte(0) & 0xFF >> ones;
+    // What is longer than it must be is no character either, nor is half a surrogate pair.
+    constexpr char32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
     bool whole = ones != 1 && ones <= 4;
     for (size_t i = 1; whole && i < length; ++i) {
         whole = (byte(i) & 0xC0) == 0x80;
         c = c << 6 | (byte(i) & 0x3F);
     }
+    whole = whole && c >= kLeast[ones] && c <= 0x10FFFF && (c < 0xD800 || c > 0xDFFF);
     text.remove_prefix(whole ? length : 1);
     return whole ? c : U'\uFFFD';
 }
@@ -28,13 +31,26 @@ char32_t TakeCharacter(std::string_view& text) {
 bool IsShown(char32_t c) {
     constexpr struct {
         char32_t first, last;
-    } kHidden[] = {{0x0080, 0x009F}, {0x061C, 0x061C}, {0x200B, 0x200B},   {0x200E, 0x200F},
-                   {0x2028, 0x202E}, {0x2060, 0x206F}, {0xD800, 0xDFFF},   {0xFEFF, 0xFEFF},
-                   {0xFFF9, 0xFFFB}, {0xFFFE, 0xFFFF}, {0xE0000, 0xE0FFF}, {0x110000, ~char32_t{0}}};
+    } kHidden[] = {{0x0080, 0x009F}, {0x061C, 0x061C}, {0x200B, 0x200B}, {0x200E, 0x200F}, {0x2028, 0x202E},
+                   {0x2060, 0x206F}, {0xFEFF, 0xFEFF}, {0xFFF9, 0xFFFB}, {0xFFFE, 0xFFFF}, {0xE0000, 0xE0FFF}};
     return std::ranges::none_of(kHidden, [c](const auto& range) { return c >= range.first && c <= range.last; });
 }
 
 }  // namespace
+
+std::string DecodeUtf8(std::span<const uint8_t> bytes) {
+    constexpr char32_t kEmphasisOn = 0xE086, kEmphasisOff = 0xE087, kLineEnd = 0xE08A;
+    std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    std::string out;
+    while (!text.empty()) {
+        const char32_t c = TakeCharacter(text);
+        if (c == 0)
+            break;
+        if (c != kEmphasisOn && c != kEmphasisOff && c != kLineEnd)
+            AppendUtf8(out, c);
+    }
+    return out;
+}
 
 std::string ToTerminal(std::string_view utf8) {
     std::string out;

@@ -182,11 +182,28 @@ class Demux(MannersTest):
                 self.assertRegex(text, name.split(".")[0].replace("-", " +") + fr" .* {len(data)} ")
 
     def test_what_cannot_start_is_said(self):
-        head = self.file("head.ts", self.stream.read_bytes()[:188 * 400])
-        summary, files = self.demux("--push", source=head)
-        self.assertEqual(files, {})
-        notes = [stream["note"] for stream in summary["streams"]]
-        self.assertTrue(notes and all(notes), notes)
+        whole = self.stream.read_bytes()
+        scrambled, broken = bytearray(whole), bytearray(whole)
+        for at in range(0, len(whole), support.PACKET):
+            pid = int.from_bytes(whole[at + 1:at + 3], "big") & 0x1FFF
+            scrambled[at + 3] |= 0xC0 if pid == 256 else 0
+            broken[at + 20] ^= pid == 0x11
+        cases = [(whole[:188 * 400], ["--push"], ""), (bytes(scrambled), ["--pid", "256:packets"], "is scrambled"),
+                 (bytes(broken), ["--pid", "0x11"], "no section was whole"), (whole, ["--pid", "300"], "no packets came")]
+        for data, options, reason in cases:
+            for where in (["--discard"], ["-o", self.folder / "out"]):
+                with self.subTest(reason, where=where):
+                    result = run("demux", self.file("in.ts", data), "--json", *options, *where)
+                    self.assertEqual(result.returncode, 1)
+                    self.assertRegex(result.stderr.decode(), r"\Atessel: [^\n]*in.ts: nothing came out[^\n]*\n\Z")
+                    notes = [stream["note"] or "" for stream in json.loads(result.stdout)["streams"]]
+                    self.assertTrue(notes and all(note and reason in note for note in notes), notes)
+        self.assertEqual(list((self.folder / "out").iterdir()), [])
+
+    def test_a_name_that_is_no_utf_8_is_called_so(self):
+        path = self.file(os.fsdecode(b"\xff.ts"), self.stream.read_bytes())
+        summary = json.loads(self.done("demux", "--discard", "--json", path))
+        self.assertEqual(summary["why_pushed"], "its name is no UTF-8")
 
     def test_outputs_that_are_refused(self):
         folder = self.folder / "in"

@@ -182,6 +182,8 @@ private:
 
     // A PID that two services share is written once, for the first.
     void Add(StreamPlan stream) {
+        const PidCounts& counts = m_meter.Of(stream.pid);
+        stream.scrambled = counts.scrambled && counts.packets == 0;
         if (m_seen.insert({stream.pid, stream.content}).second)
             m_plan.streams.push_back(std::move(stream));
     }

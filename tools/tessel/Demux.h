@@ -42,8 +42,9 @@ struct StreamPlan {
     std::optional<Content> content;
     const MediaKind* media = nullptr;
     std::optional<std::string> language;
-    std::string note;    // why it is not an elementary stream, or not there at all
-    bool alone = false;  // it may never start, so it gets a splitter of its own
+    std::string note;        // why it is not an elementary stream, or not there at all
+    bool alone = false;      // it may never start, so it gets a splitter of its own
+    bool scrambled = false;  // all that came of it at the beginning
     size_t splitter = 0;
 
     std::string FileName() const;

@@ -10,7 +10,7 @@ struct StreamResult {
     StreamPlan plan;
     SinkCounts counts;
     std::optional<std::string> file;  // absent where nothing was written
-    bool packetsCame = true;          // these two as far as they are known
+    bool packetsCame = true;          // clear ones; these two as far as they are known
     bool timeStampCame = true;
     std::optional<int64_t> dropped;  // bytes behind the first delivered one that never came out; absent if not counted
 };
@@ -23,6 +23,8 @@ struct DemuxResult {
     bool aborted = false;   // the file source ended before the file did
     std::string whyPushed;  // a file that the file source does not open
     std::vector<StreamResult> streams;
+
+    bool IsEmpty() const;
 };
 
 // Failure when the input cannot be read, nothing that is asked for is there, or a file cannot be written.

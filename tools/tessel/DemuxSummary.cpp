@@ -11,10 +11,12 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 const char* WhyNothingCame(const StreamResult& stream) {
+    if (!stream.packetsCame && stream.plan.scrambled)
+        return "nothing came out: it is scrambled";
     if (!stream.packetsCame || stream.plan.content == Content::kPackets)
         return "nothing came out: no packets came";
     if (stream.plan.content == Content::kSections)
-        return "nothing came out: no section was whole";
+        return "nothing came out: no section was whole, with a right CRC";
     if (!stream.timeStampCame)
         return "nothing came out: no time stamp came";
     return "nothing came out: to start, a stream needs a program map, half a second of clock references and 64 KiB of "
@@ -79,6 +81,10 @@ Json ToJson(const StreamResult& stream) {
 }
 
 }  // namespace
+
+bool DemuxResult::IsEmpty() const {
+    return std::none_of(streams.begin(), streams.end(), [](const auto& stream) { return stream.counts.bytes != 0; });
+}
 
 std::string DemuxAsJson(const DemuxResult& result) {
     Json streams = Json::array();

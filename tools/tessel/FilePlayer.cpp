@@ -96,7 +96,8 @@ std::unique_ptr<FilePlayer> FilePlayer::Open(const std::string& path, size_t sou
                                              std::string* why) {
     const auto name = SourceNameOf(path);
     if (!name) {
-        *why = "it is no regular file";
+        std::error_code error;
+        *why = std::filesystem::is_regular_file(path, error) ? "its name is no UTF-8" : "it is no regular file";
         return nullptr;
     }
     auto player = std::unique_ptr<FilePlayer>(new FilePlayer());

@@ -164,7 +164,7 @@ std::vector<StreamResult> Outlets::Close(const PacketMeter* meter) const {
             outlet->sink->CloseFiles();
             stream.counts = outlet->sink->Counts();
             stream.dropped = Dropped(*outlet, stream, meter);
-            stream.packetsCame = meter == nullptr || meter->Of(plan.pid).packets != 0;
+            stream.packetsCame = meter == nullptr ? !plan.scrambled : meter->Of(plan.pid).packets != 0;
             stream.timeStampCame = meter == nullptr || meter->Of(plan.pid).timed;
             Settle(*outlet, stream);
             ++outlet;

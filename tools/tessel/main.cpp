@@ -207,6 +207,8 @@ void RunDemux(const DemuxArguments& arguments) {
         if (result.aborted)
             throw Failure(arguments.input + ": its clock jumps, or another stream begins, before byte " +
                           std::to_string(result.bytes) + ", where playing it ends; --push goes on beyond that");
+        if (result.IsEmpty() && !result.interrupted)
+            throw Failure(arguments.input + ": nothing came out; the summary says why");
     });
 }
 

@@ -52,6 +52,7 @@ class Frames(support.ToolTest):
         path = support.made_by_ffmpeg("cd-sound", "-f", "lavfi", "-i", "sine=440:d=4:r=44100", "-ac", "2",
                                       "-c:a", "mp2", "-b:a", "192k")
         frames = self.frames(path, 256)
+        self.assertTrue(all(round(frame["time"], 6) == frame["time"] for frame in frames), "a time stamp tells no more")
         self.assert_same(frames, self.packets(path, 256))
         self.assertEqual({frame["length"] for frame in frames}, {626, 627})
 

@@ -239,15 +239,32 @@ class Demux(MannersTest):
 
 class Arguments(MannersTest):
     def test_bad_pids(self):
-        for pid in ("8192", "0x2000", "-1", "", ",", "1,", "1,,2", "abc", "1.5", "0x", "0x-1", "1 2", "+1", "9" * 11):
+        for pid in ("8192", "0x2000", "-1", "", ",", "1,", "1,,2", "abc", "1.5", "0x", "0x-1", "+1", "9" * 11,
+                    "5-4", "5-", "5--6", "1-2-3", "8190-8192", " ", "1 - ", "-"):
             with self.subTest(pid):
                 self.assertFails(2, "", "extract", self.stream, f"--pid={pid}", "-o", "-")
 
     def test_good_pids(self):
         wanted = self.extract(self.stream, [256, 257])
-        for pids in ("0x100,0x101", "0X101,256", "256,257,256", "00256,0x0101"):
+        for pids in (["0x100,0x101"], ["0X101,256"], ["256,257,256"], ["00256,0x0101"], ["256-257"], ["0x100 - 0x101"],
+                     [" 256 , 257 "], ["256 257"], ["256", "--pid", "257"], ["257-257", "--pid", "0x100"]):
             with self.subTest(pids):
-                self.assertTrue(self.done("extract", self.stream, "--pid", pids, "-o", "-") == wanted)
+                self.assertTrue(self.done("extract", "--pid", *pids, self.stream, "-o", "-") == wanted)
+
+    def test_ranges_name_what_is_there(self):
+        def pids(*options):
+            summary = json.loads(self.done("demux", "--json", "--discard", *options, self.stream))
+            return [(stream["pid"], stream["content"]) for stream in summary["streams"]]
+
+        self.assertEqual(pids("--pid", "100 - 258 :packets"), [(256, "packets"), (257, "packets"), (258, "packets")])
+        self.assertEqual(pids("--pid", "0x102-8191", "--pid", "0"),
+                         [(258, "es"), (259, "es"), (4096, "sections"), (4097, "sections"), (0, "sections")])
+        self.assertFails(1, "none of those PIDs is there", "demux", self.stream, "--discard", "--pid", "300-400")
+
+    def test_languages_have_two_codes(self):
+        for code in ("fre", "fra", "FRA", "fr"):
+            summary = json.loads(self.done("demux", self.stream, "--discard", "--json", "--service", "12", "--audio", code))
+            self.assertEqual([stream["pid"] for stream in summary["streams"]], [258, 259], code)
 
     def test_nothing_found_is_a_failure(self):
         self.assertFails(1, "no clear packet", "extract", self.stream, "--pid", "8191", "-o", "-")
@@ -259,7 +276,8 @@ class Arguments(MannersTest):
                           ["extract", stream], ["extract", stream, "--pid", "1"], ["extract", stream, "-o", "-"],
                           ["extract", "--pid", "1", "-o", "-"], ["extract", stream, "--pid"]):
             with self.subTest(arguments):
-                self.assertFails(2, "--help", *arguments)
+                help = f"tessel {arguments[0]} --help`" if arguments[:1] in (["info"], ["extract"]) else "tessel --help`"
+                self.assertFails(2, help, *arguments)
 
     def test_demux_that_makes_no_sense(self):
         into = ["-o", self.folder / "out"]

@@ -4,8 +4,8 @@
 #include <map>
 #include <set>
 
-#include "tools/tessel/Extract.h"
 #include "tools/tessel/Failure.h"
+#include "tools/tessel/PidList.h"
 
 namespace tessel::tool {
 
@@ -19,17 +19,19 @@ const struct {
 constexpr uint32_t kLastTablePid = 0x1F;
 constexpr uint32_t kPsipBasePid = 0x1FFB;
 
-PidRequest ParsePidRequest(const std::string& text) {
+void ParsePidRequest(const std::string& text, std::vector<PidRequest>& requests) {
     const size_t colon = text.find(':');
-    PidRequest request = {ParsePid(text.substr(0, colon)), std::nullopt};
-    if (colon == std::string::npos)
-        return request;
-    for (const auto& row : kContents)
-        if (text.substr(colon + 1) == row.text)
-            request.content = row.content;
-    if (!request.content)
-        throw Misuse("\"" + text + "\": behind the PID may come :es, :packets or :sections");
-    return request;
+    const PidRange range = ParsePidRange(text.substr(0, colon));
+    std::optional<Content> content;
+    if (colon != std::string::npos) {
+        for (const auto& row : kContents)
+            if (text.substr(colon + 1) == row.text)
+                content = row.content;
+        if (!content)
+            throw Misuse("\"" + text + "\": behind the PID may come :es, :packets or :sections");
+    }
+    for (uint32_t pid = range.first; pid <= range.last; ++pid)
+        requests.push_back({pid, content, range.first != range.last});
 }
 
 bool IsAudio(const ComponentInfo& component) {
@@ -70,7 +72,8 @@ public:
         if (m_request.service || m_request.pids.empty())
             AddServices();
         for (const PidRequest& pid : m_request.pids)
-            AddPid(pid);
+            if (!pid.ifThere || m_meter.IsPresent(pid.pid))
+                AddPid(pid);
         ShareOut();
         return std::move(m_plan);
     }
@@ -231,13 +234,8 @@ private:
 
 std::vector<PidRequest> ParsePidRequests(const std::vector<std::string>& texts) {
     std::vector<PidRequest> requests;
-    for (const std::string& text : texts) {
-        for (size_t start = 0; start <= text.size();) {
-            const size_t comma = std::min(text.find(',', start), text.size());
-            requests.push_back(ParsePidRequest(text.substr(start, comma - start)));
-            start = comma + 1;
-        }
-    }
+    for (const std::string& text : SplitPids(texts))
+        ParsePidRequest(text, requests);
     return requests;
 }
 
@@ -273,7 +271,9 @@ DemuxPlan MakePlan(const DemuxRequest& request, const FoundServices& found, cons
     std::string reasons;
     for (const StreamPlan& stream : plan.streams)
         reasons += (reasons.empty() ? "" : ", ") + std::string("PID ") + std::to_string(stream.pid) + " " + stream.note;
-    throw Failure("nothing can be delivered: " + (reasons.empty() ? "the services have no streams" : reasons));
+    throw Failure("nothing can be delivered: " + (!reasons.empty()       ? reasons
+                                                  : request.pids.empty() ? "the services have no streams"
+                                                                         : "none of those PIDs is there"));
 }
 
 }  // namespace tessel::tool

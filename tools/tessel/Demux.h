@@ -16,9 +16,10 @@ enum class Content { kElementary, kPackets, kSections };
 struct PidRequest {
     uint32_t pid;
     std::optional<Content> content;  // none: whatever suits the PID
+    bool ifThere = false;            // of a range, which names more than there are
 };
 
-// "256", "0x11:sections", "256:es,257:packets"; Misuse for anything else.
+// "256", "0x11:sections", "256:es,257-260:packets"; Misuse for anything else.
 std::vector<PidRequest> ParsePidRequests(const std::vector<std::string>& texts);
 // "rec", "strm" or "live"; Misuse for anything else.
 StreamingMode ParseMode(const std::string& text);

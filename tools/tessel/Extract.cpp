@@ -1,7 +1,6 @@
 #include "tools/tessel/Extract.h"
 
 #include <algorithm>
-#include <charconv>
 
 #include "tools/tessel/Failure.h"
 #include "tools/tessel/ServiceFinder.h"
@@ -45,27 +44,6 @@ private:
 };
 
 }  // namespace
-
-uint32_t ParsePid(const std::string& text) {
-    const bool hex = text.starts_with("0x") || text.starts_with("0X");
-    const char* const begin = text.data() + (hex ? 2 : 0);
-    const char* const end = text.data() + text.size();
-    uint32_t pid = 0;
-    const auto [stop, error] = std::from_chars(begin, end, pid, hex ? 16 : 10);
-    if (error != std::errc() || stop != end || pid >= kPidCount)
-        throw Misuse("\"" + text + "\" is no PID; a PID is a number from 0 to 8191 (0x1FFF)");
-    return pid;
-}
-
-std::vector<uint32_t> ParsePidList(const std::string& text) {
-    std::vector<uint32_t> pids;
-    for (size_t start = 0; start <= text.size();) {
-        const size_t comma = std::min(text.find(',', start), text.size());
-        pids.push_back(ParsePid(text.substr(start, comma - start)));
-        start = comma + 1;
-    }
-    return pids;
-}
 
 void ReadOnlyPart(InputFile& input, const std::vector<uint32_t>& pids, const TimeSpan& span) {
     Feed feed(input);

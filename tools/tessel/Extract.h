@@ -12,11 +12,6 @@ namespace tessel::tool {
 
 enum class ExtractWhat { kPackets, kSections };
 
-// "256" or "0x100"; Misuse for anything that is no PID.
-uint32_t ParsePid(const std::string& text);
-// "256", "0x100", "17,0x11": PIDs below 8192; Misuse for anything else.
-std::vector<uint32_t> ParsePidList(const std::string& text);
-
 // input gives only that part of the file from here on, by a stream of the first service that has one of the PIDs, else
 // of any. Failure when it cannot be sought in.
 void ReadOnlyPart(InputFile& input, const std::vector<uint32_t>& pids, const TimeSpan& span);

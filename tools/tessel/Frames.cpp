@@ -6,6 +6,7 @@
 #include "output/parsers/AudioFrameWalk.h"
 #include "tools/tessel/Failure.h"
 #include "tools/tessel/FrameList.h"
+#include "tools/tessel/Seconds.h"
 #include "tools/tessel/ServiceFinder.h"
 #include "tools/tessel/StreamReader.h"
 
@@ -29,7 +30,7 @@ std::string AsJson(const AudioFrame& frame) {
     using Json = nlohmann::ordered_json;
     return Json{{"position", frame.position}, {"length", frame.length},
                 {"samples", frame.samples},   {"rate", frame.rate},
-                {"channels", frame.channels}, {"time", frame.time ? Json(*frame.time) : Json()}}
+                {"channels", frame.channels}, {"time", frame.time ? Json(RoundedSeconds(*frame.time)) : Json()}}
                .dump() +
            "\n";
 }

@@ -1,6 +1,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/tessel/Info.h"
+#include "tools/tessel/Seconds.h"
 
 namespace tessel::tool {
 
@@ -61,7 +62,7 @@ std::string InfoAsJson(const StreamInfo& info, bool withPids) {
                  {"transport_stream_id", OrNull(info.transportStreamId)},
                  {"original_network_id", OrNull(info.originalNetworkId)},
                  {"complete", info.complete},
-                 {"duration", OrNull(info.times.duration)},
+                 {"duration", info.times.duration ? Json(RoundedSeconds(*info.times.duration)) : Json(nullptr)},
                  {"bit_rate", OrNull(info.times.bitRate)},
                  {"seekable", info.times.seekable},
                  {"services", std::move(services)},

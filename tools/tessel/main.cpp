@@ -13,6 +13,7 @@
 #include "tools/tessel/Frames.h"
 #include "tools/tessel/Info.h"
 #include "tools/tessel/Interrupt.h"
+#include "tools/tessel/PidList.h"
 #include "tools/tessel/Unreadable.h"
 #include "tools/tessel/Watch.h"
 #include "tools/tessel/inspect/Inspect.h"
@@ -43,7 +44,7 @@ struct ExtractArguments {
     bool skipUnreadable = false;
     SpanArguments span;
     FollowArguments follow;
-    std::string pids;
+    std::vector<std::string> pids;
     bool sections = false;
     std::string output;
 };
@@ -182,7 +183,8 @@ void RunDemux(const DemuxArguments& arguments) {
                    : arguments.push || arguments.follow.follow || arguments.input == "-" ? StreamingMode::kRecording
                                                                                          : StreamingMode::kFile;
     request.service = Given(arguments.service);
-    request.audio = Given(arguments.audio);
+    if (!arguments.audio.empty())
+        request.audio = CanonicalLanguage(arguments.audio);
     request.pids = ParsePidRequests(arguments.pids);
     request.span = ParseSpan(arguments.span, arguments.input);
     CheckFollow(arguments.follow, request.span);
@@ -287,10 +289,15 @@ void AddFollow(CLI::App* command, FollowArguments& arguments) {
         ->check(CLI::Range(0.001, 1e6));
 }
 
+// Each takes a list, and may come several times.
+CLI::Option* AddPids(CLI::App* command, std::vector<std::string>& pids, const char* help) {
+    return command->add_option("--pid", pids, help)->option_text("PIDS")->allow_extra_args(false);
+}
+
 void AddExtract(CLI::App& app, ExtractArguments& arguments) {
     CLI::App* extract = app.add_subcommand("extract", "Take PIDs out of a stream");
     extract->add_option("INPUT", arguments.input, kInputHelp)->required();
-    extract->add_option("--pid", arguments.pids, "PIDs, in decimal or 0x hexadecimal: P[,P...]")->required();
+    AddPids(extract, arguments.pids, "PIDs, in decimal or 0x hexadecimal: P[-P][,...]")->required();
     extract->add_flag("--sections", arguments.sections, "Complete sections, table_id to CRC, instead of packets");
     extract->add_option("-o,--output", arguments.output, "The file to write, or - for standard output")->required();
     AddSpan(extract, arguments.span);
@@ -311,9 +318,10 @@ void AddDemux(CLI::App& app, DemuxArguments& arguments) {
     demux->add_option("-o,--output", arguments.directory, "The directory to write to; it is made when missing");
     demux->add_flag("--discard", arguments.discard, "Write nothing, only measure");
     demux->add_option("--service", arguments.service, "Of this service alone: its id or its name");
-    demux->add_option("--audio", arguments.audio, "Audio in this language alone: a code as `tessel info` shows it");
-    demux->add_option("--pid", arguments.pids,
-                      "These PIDs: P[:es|packets|sections][,...]; with --service, besides its streams");
+    demux->add_option("--audio", arguments.audio,
+                      "Audio in this language alone: a code of ISO 639, deu as well as ger");
+    AddPids(demux, arguments.pids,
+            "These PIDs: P[-P][:es|packets|sections][,...]; with --service, besides its streams");
     demux->add_flag("--push", arguments.push, "Read a file as a pipe is read, not by the file source");
     demux->add_option(
         "--mode", arguments.mode,
@@ -453,7 +461,9 @@ int Run(int argc, char** argv) {
     } catch (const CLI::Success& success) {
         return app.exit(success);
     } catch (const CLI::ParseError& error) {
-        throw Misuse(std::string(error.what()) + "; see `tessel --help`");
+        const auto commands = app.get_subcommands();
+        const std::string command = commands.empty() ? "" : commands.front()->get_name() + " ";
+        throw Misuse(std::string(error.what()) + "; see `tessel " + command + "--help`");
     }
     return kDone;
 }

@@ -6,6 +6,8 @@
 #include <thread>
 
 #include "tests/support/FilterFixture.h"
+#include "tests/support/GraphFixture.h"
+#include "tests/support/ProgramBuilder.h"
 
 namespace tessel {
 namespace {
@@ -125,6 +127,33 @@ TEST(FilterBaseThreads, ClientsSeeWholeTablesAndServices) {
     EXPECT_EQ(filter->TableVersions().size(), kPrograms + 2u);
     for (const auto& version : filter->TableVersions())
         EXPECT_EQ(version.version, kVersions - 1);
+}
+
+TEST(FilterThreads, HoldTheFilterWhileTheyWaitInAReceiver) {
+    const auto token = MakeObject<ManualClock>();  // any object that the filter holds until it goes
+    const auto references = [&token] {
+        token->AddRef();
+        return token->Release();
+    };
+    CEvent reached(EventReset::kManual);
+    CEvent open(EventReset::kManual);
+    auto graph = std::make_unique<SplitterGraph>();
+    uint32_t cookie = 0;
+    ASSERT_EQ(graph->splitter->Advise(static_cast<IReferenceClock*>(token.Get()), &cookie), S_OK);
+    graph->Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {ALL_PIDS}, MEDIA_TRANSPORT_PACKET)
+        .OnSample([&](IMediaSample&) {
+            reached.Set();
+            EXPECT_TRUE(open.Wait(kTestWait)) << "waited for the test";
+            return S_OK;
+        });
+    ASSERT_EQ(graph->Run(), S_OK);
+    build::ProgrammeBuilder builder({{.streams = {build::Video(0x111)}}});
+    ASSERT_EQ(graph->source->Push(builder.Tables().Frames(10).Take()), S_OK);
+    EXPECT_TRUE(reached.Wait(kTestWait));
+    graph.reset();  // waits two seconds for the thread, and then leaves it
+    EXPECT_EQ(references(), 2u);
+    open.Set();
+    EXPECT_TRUE(Eventually([&] { return references() == 1; }));
 }
 
 }  // namespace

@@ -2,7 +2,9 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 
+#include <cstdlib>
 #include <fstream>
+#include <thread>
 
 #include "filters/module/ClassTable.h"
 #include "filters/module/Module.h"
@@ -11,6 +13,9 @@
 #include "platform/com/GuidText.h"
 #include "platform/media/GraphInterfaces.h"
 #include "platform/media/MediaType.h"
+#include "platform/media/SourceInterfaces.h"
+#include "tests/support/GraphFixture.h"
+#include "tests/support/Movie.h"
 #include "tests/support/RegistryFolder.h"
 
 namespace tessel {
@@ -147,6 +152,42 @@ TEST_F(Module, AFilterCanBePartOfAnotherObject) {
     ASSERT_TRUE(filter);
     EXPECT_EQ(filter.As<IPersist>().Get(), static_cast<IPersist*>(outer.Get()));
     EXPECT_EQ(filter.As<IUnknown>().Get(), ComPtr<IPersist>(outer.Get()).As<IUnknown>().Get());
+}
+
+// In two copies of the module, each used by two threads. TESSEL_STRESS_ROUNDS: how many filters in all.
+TEST_F(Module, FiltersThatPlayAreLetGoOf) {
+    const char* const text = std::getenv("TESSEL_STRESS_ROUNDS");
+    const int rounds = text != nullptr ? std::atoi(text) : 100;
+    Movie movie;
+    const build::Bytes& bytes = movie.Tables(1).Frames(60).stream.bytes();
+    const auto path = folder.folder / "movie.ts";
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    const auto other = folder.folder / "copy.ax";
+    std::filesystem::copy_file(TESSEL_MODULE, other);
+    void* const library = dlopen(other.c_str(), RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(library, nullptr) << dlerror();
+    const auto getOther = reinterpret_cast<decltype(s_getClassObject)>(dlsym(library, "DllGetClassObject"));
+    const auto canUnloadOther = reinterpret_cast<decltype(s_canUnloadNow)>(dlsym(library, "DllCanUnloadNow"));
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (const auto getClassObject : {s_getClassObject, s_getClassObject, getOther, getOther})
+        threads.emplace_back([&, getClassObject] {
+            for (int i = 0; i < rounds / 4; ++i) {
+                ComPtr<IClassFactory> factory;
+                ComPtr<IFileSourceFilter> file;
+                getClassObject(kFilters[3].id, IClassFactory::kIid, reinterpret_cast<void**>(factory.Put()));
+                factory->CreateInstance(nullptr, IFileSourceFilter::kIid, reinterpret_cast<void**>(file.Put()));
+                failures +=
+                    FAILED(file->Load(path.u16string().c_str(), nullptr)) || FAILED(file.As<IBaseFilter>()->Pause());
+                for (int wait = i % 16 * 200; wait > 0; --wait)
+                    failures.load();
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(failures, 0);
+    EXPECT_TRUE(Eventually([&] { return s_canUnloadNow() == S_OK && canUnloadOther() == S_OK; }));
 }
 
 TEST_F(Module, RegistersItsFiltersInBothCategories) {

@@ -202,6 +202,12 @@ void CTsOutputPin::Bind(CStreamExecutor& content) {
     }
     if (FAILED(content.Active()))
         return;
+    {
+        // An end that the pin was told of while it had no content is not this one's, which would be bound to nothing.
+        const std::lock_guard task(m_taskMutex);
+        m_eosPending = false;
+        m_eosDelivered = false;
+    }
     content.OfferPrograms();
     content.Inactive();
 }

@@ -218,6 +218,24 @@ TEST_F(FileSource, PlaysTheServiceThatIsChosen) {
     }
 }
 
+// The end of the stream goes to pins without a content too.
+TEST_F(FileSource, PlaysWhatIsMappedBehindTheEnd) {
+    Movie movie;
+    movie.Frames(50).Padding();
+    SourceGraph graph;
+    ASSERT_EQ(graph.Load(Write(movie.stream.bytes())), S_OK);
+    graph.Add(u"v", kVideoPid, MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO);
+    ComPtr<IPin> late;
+    ASSERT_EQ(graph.filter.As<IMpeg2Demultiplexer>()->CreateOutputPin(nullptr, u"late", late.Put()), S_OK);
+    graph.Play();
+    ASSERT_EQ(graph.graph->Stop(), S_OK);
+    const ULONG pid = kAudioPid;
+    ASSERT_EQ(late.As<IMPEG2PIDMap>()->MapPID(1, &pid, MEDIA_ELEMENTARY_STREAM), S_OK);
+    const TestSink& audio = graph.Connect(late.Get(), GUID_NULL, GUID_NULL);
+    graph.Play();
+    EXPECT_EQ(audio.Bytes(), movie.audio);
+}
+
 TEST_F(FileSource, TwoChoicesAtOnceMakeOnePairOfPins) {
     Movie movie;
     movie.Frames(20).Padding();

@@ -89,7 +89,8 @@ public:
     HRESULT ReadResult() const { return m_readResult; }
     // Before Load: where the file is opened.
     void SetFileSystem(const CFileSystem& system) { m_system = &system; }
-    // A clock jumped, or the transport stream became another one: in the scan, or in playback, which that has ended.
+    // A clock jumped, or the transport stream became another one: in the scan, which that has failed, or in playback,
+    // which that has ended.
     bool MetDiscontinuity() const { return m_discontinuity; }
     bool WasAborted() const { return m_aborted; }
 
@@ -124,7 +125,15 @@ private:
     HRESULT StartScan();
     bool FindSync();
     void ScanTables();
+    // Of the current programs' clocks: those that go on, those that have jumped, and those that may still come.
+    struct ClockCount {
+        size_t steady = 0;
+        size_t jumped = 0;
+        size_t awaited = 0;
+    };
+    ClockCount CountClocks();
     bool HasAllClocks();
+    bool IsPlayed(int32_t pcrPid);
     void FinishClocks();
     void RegisterKeptTables();
     void ForgetFile();
@@ -141,7 +150,8 @@ private:
     // Seeking
     bool IsSeekable();
     bool InitSeek() OS_REQUIRES(m_seekLock);
-    bool FindMaster(Master* out);
+    bool FindMaster(Master* out) OS_REQUIRES(m_seekLock);
+    bool IsTimed(CTsOutputPin& pin) OS_REQUIRES(m_seekLock);
     HRESULT SeekTo(REFERENCE_TIME requested, bool toKeyFrame, REFERENCE_TIME* reached) OS_REQUIRES(m_seekLock);
     void NotePoints() OS_REQUIRES(m_seekLock);
     // The position becomes the time of what went out last.
@@ -160,7 +170,7 @@ private:
 
     // The services are complete; set by the parsing thread, under the table lock.
     std::atomic<bool> m_tablesReady{false};
-    // A clock jumped, or the transport stream became another one. Any thread.
+    // A clock that counts jumped, or the transport stream became another one. Any thread.
     std::atomic<bool> m_discontinuity{false};
     // All of the input has been parsed, or was given up. Until the next start.
     std::atomic<bool> m_endOfStream{false};
@@ -168,6 +178,8 @@ private:
     // Moves with every start, stop and end of the input. Written with the streaming lock.
     std::atomic<uint32_t> m_inputEpoch{0};
 
+    // The PCR PIDs that the scan has found to go on without a jump: media time counts from their first PCR.
+    std::vector<int32_t> m_steadyClocks OS_GUARDED_BY(m_seekLock);
     std::optional<CSeekIndex> m_index OS_GUARDED_BY(m_seekLock);
     Master m_master OS_GUARDED_BY(m_seekLock);
     // The master's pin, for who may not wait for a seek.

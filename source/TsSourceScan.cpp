@@ -1,4 +1,6 @@
 // The file source's scan of the beginning of a file, until its tables and clocks are known.
+#include <algorithm>
+
 #include "services/objects/Collections.h"
 #include "source/TsSource.h"
 #include "tables/TableFactory.h"
@@ -14,6 +16,7 @@ constexpr int64_t kTableLimit = 10'000'000;
 
 void CTsSource::ForgetFile() {
     CScopedLock seeking(&m_seekLock);
+    m_steadyClocks.clear();
     m_index.reset();
     m_master = {};
     {
@@ -64,8 +67,12 @@ HRESULT CTsSource::ScanFile() {
         ScanTables();
         if (!m_discontinuity && !m_tablesReady && Services() != nullptr && SUCCEEDED(Services()->FinishWithoutNames()))
             m_tablesReady = true;
-        if (m_discontinuity || !m_tablesReady || !HasAllClocks())
+        // A program without a clock of use is played, and cannot be sought in; one that has it is enough.
+        const ClockCount clocks = CountClocks();
+        if (m_discontinuity || !m_tablesReady || clocks.steady == 0)
             result = E_FAIL;
+        if (clocks.steady == 0 && clocks.jumped > 0)
+            m_discontinuity = true;
     }
     RemoveSectionFilters();
     Clocks().SetUpdateCount(0);
@@ -101,24 +108,39 @@ void CTsSource::ScanTables() {
     }
 }
 
-bool CTsSource::HasAllClocks() {
+CTsSource::ClockCount CTsSource::CountClocks() {
     std::vector<uint32_t> pids;
     CurrentProgramMapTables()->ForEach(
         [&pids](uint32_t, IDvbProgramMapTable& table) { table.GetPcrPid(&pids.emplace_back(kNullPid)); });
+    ClockCount count;
     CScopedLock lock(&Clocks().Lock());
     for (const uint32_t pid : pids) {
         const PcrClock* const clock = Clocks().Find(static_cast<int32_t>(pid));
-        if (clock == nullptr || clock->pcrDelta == 0)
-            return false;
+        if (clock != nullptr && clock->discontinuityCount != 0)
+            ++count.jumped;
+        else if (clock != nullptr && clock->pcrDelta != 0)
+            ++count.steady;
+        else if (pid != kNullPid)
+            ++count.awaited;
     }
-    return !pids.empty();
+    return count;
+}
+
+bool CTsSource::HasAllClocks() {
+    const ClockCount count = CountClocks();
+    return count.awaited == 0 && count.steady + count.jumped > 0;
 }
 
 void CTsSource::FinishClocks() {
-    Clocks().ForEach([](PcrClock& clock) {
+    std::vector<int32_t> steady;
+    Clocks().ForEach([&steady](PcrClock& clock) {
+        if (clock.discontinuityCount == 0 && clock.pcrDelta != 0)
+            steady.push_back(clock.pid);
         clock.timeOrigin = 0;
         clock.lastPcr = kUnknown;
     });
+    CScopedLock seeking(&m_seekLock);
+    m_steadyClocks = std::move(steady);
 }
 
 HRESULT CTsSource::OnTableReady(uint32_t tableId, uint32_t key) {
@@ -174,9 +196,19 @@ void CTsSource::RegisterKeptTables() {
             Services()->TableComplete(version.tableId, version.key);
 }
 
-// Clocks keep the time that the scan gave them. Contents hear of a jump no more than they hear of the end.
-HRESULT CTsSource::SetPcrDiscont(PcrClock&) {
-    m_discontinuity = true;
+bool CTsSource::IsPlayed(int32_t pcrPid) {
+    const auto pins = Pins().All();
+    return std::any_of(pins.begin(), pins.end(),
+                       [pcrPid](const OutputPinPtr& pin) { return pin->IsConnected() && pin->GetPcrPid() == pcrPid; });
+}
+
+// Clocks keep the time that the scan gave them. Contents hear of a jump no more than they hear of the end, which it is
+// where one that is played takes its time from the clock.
+HRESULT CTsSource::SetPcrDiscont(PcrClock& clock) {
+    if (IsScanning())
+        ++clock.discontinuityCount;
+    else if (IsPlayed(clock.pid))
+        m_discontinuity = true;
     return E_FAIL;
 }
 

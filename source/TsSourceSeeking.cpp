@@ -1,4 +1,6 @@
 // The file source's side of seeking: the stream that times the file, positions, and the getters.
+#include <algorithm>
+
 #include "platform/media/MediaResult.h"
 #include "source/TsSource.h"
 
@@ -16,11 +18,15 @@ REFERENCE_TIME Sum(REFERENCE_TIME a, REFERENCE_TIME b) {
 
 }  // namespace
 
+bool CTsSource::IsTimed(CTsOutputPin& pin) {
+    return pin.Kind() == ContentKind::kElementaryStream &&
+           std::find(m_steadyClocks.begin(), m_steadyClocks.end(), pin.GetPcrPid()) != m_steadyClocks.end();
+}
+
 bool CTsSource::FindMaster(Master* out) {
     OutputPinPtr found;
     for (const OutputPinPtr& pin : Pins().All()) {
-        const auto content = pin->Content();
-        if (!content || pin->Kind() != ContentKind::kElementaryStream || content->GetPcrPid() == kProgramUnknown)
+        if (!IsTimed(*pin))
             continue;
         if (pin->Media() == MediaClass::kVideo) {
             found = pin;

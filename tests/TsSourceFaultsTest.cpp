@@ -344,6 +344,63 @@ TEST_F(FileSource, EndsWithTheReadersResultWhereItCannotRead) {
     EXPECT_EQ(graph.video->Bytes(), From(movie.video, behind.video));
 }
 
+// A programme whose clock is of no use keeps no other from being played and sought in.
+TEST_F(FileSource, SeeksInTheProgrammesThatHaveAClock) {
+    constexpr uint16_t kOtherPcrPid = 0x201;
+    struct Case {
+        const char* what;
+        uint16_t pcrPid;
+        uint8_t scrambling;
+        size_t jump;  // the frame that it comes at
+        bool seekable;
+    };
+    const size_t never = SIZE_MAX;
+    const Case cases[] = {{"names none", kNullPid, 0, never, false},
+                          {"is silent", 0x202, 0, never, false},
+                          {"is scrambled", kOtherPcrPid, 2, never, false},
+                          {"jumps while the file is scanned", kOtherPcrPid, 0, 3, false},
+                          {"jumps later", kOtherPcrPid, 0, 200, true}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        Movie movie({.otherPcrPid = c.pcrPid});
+        for (size_t frame = 0; frame < 300; ++frame) {
+            const int64_t time = static_cast<int64_t>(frame) * Movie::kFrame + (frame < c.jump ? 0 : 90 * 90'000);
+            movie.stream.Null();
+            if (frame % 50 == 1)
+                movie.Tables(1);
+            movie.Frames(1);
+            movie.stream.Pcr(kOtherPcrPid, time * 300, {.scrambling = c.scrambling});
+            movie.stream.Pes(kOtherPid, 0xC0, Bytes(576, 2), {.pts = time + Movie::kLead});
+        }
+        movie.Padding();
+        SourceGraph graph;
+        ASSERT_EQ(graph.Load(Write(movie.stream.bytes())), S_OK);
+        ComPtr<IPin> other;
+        AM_MEDIA_TYPE audio = MakeMediaType(MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload);
+        const ULONG pid = kOtherPid;
+        ASSERT_EQ(graph.filter.As<IMpeg2Demultiplexer>()->CreateOutputPin(&audio, u"other", other.Put()), S_OK);
+        ASSERT_EQ(other.As<IMPEG2PIDMap>()->MapPID(1, &pid, MEDIA_ELEMENTARY_STREAM), S_OK);
+        EXPECT_EQ(graph.Duration() != 0, c.seekable);
+        graph.AddStreams();
+        EXPECT_EQ(graph.Duration(), movie.Now());
+        for (const Movie::Point& point : {movie.points[0], movie.points[12]}) {
+            ASSERT_EQ(graph.Seek(point.time), S_OK);
+            graph.Play();
+            EXPECT_EQ(graph.video->Bytes(), From(movie.video, point.video));
+            EXPECT_EQ(graph.audio->Bytes(), From(movie.audio, point.audio));
+            ASSERT_EQ(graph.graph->Stop(), S_OK);
+            graph.Forget();
+        }
+        EXPECT_EQ(graph.AbortResult(), S_OK);
+        if (!c.seekable)
+            continue;
+        graph.Connect(other.Get(), MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload);
+        ASSERT_EQ(graph.Seek(0), S_OK);
+        graph.Play();
+        EXPECT_EQ(graph.AbortResult(), VFW_E_INVALID_FILE_FORMAT) << "its clock counts once it is played";
+    }
+}
+
 // What becomes of the file while it is read. More of it is unread than the outputs hold while they start.
 TEST_F(FileSource, FollowsAFileThatOthersChange) {
     Movie movie({.pictureSize = 30'000});

@@ -19,7 +19,12 @@ Movie::Movie(const MovieOptions& options) : m_options(options), m_time(options.s
 
 Movie& Movie::Tables(uint16_t transportStreamId) {
     stream.Pcr(kPcrPid, m_time * 300);
-    Table(0, build::Pat(transportStreamId, {{1, kPmtPid}}));
+    const bool two = m_options.otherPcrPid != 0;
+    Table(0, two ? build::Pat(transportStreamId, {{1, kPmtPid}, {2, kOtherPmtPid}})
+                 : build::Pat(transportStreamId, {{1, kPmtPid}}));
+    if (two)
+        Table(kOtherPmtPid,
+              build::Pmt({.program = 2, .pcrPid = m_options.otherPcrPid, .streams = {{0x03, kOtherPid}}}));
     build::PmtFields fields{.program = 1, .pcrPid = kPcrPid};
     const bool avc = m_options.coding != Coding::kMpeg2 && m_options.coding != Coding::kMpeg4;
     const uint8_t type = m_options.coding == Coding::kMpeg2 ? 0x02 : avc ? 0x1B : 0x10;

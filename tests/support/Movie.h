@@ -14,6 +14,8 @@ constexpr uint16_t kVideoPid = 0x111;
 constexpr uint16_t kAudioPid = 0x112;
 constexpr uint16_t kPcrPid = 0x101;
 constexpr uint16_t kPmtPid = 0x100;
+constexpr uint16_t kOtherPmtPid = 0x200;
+constexpr uint16_t kOtherPid = 0x212;
 constexpr int64_t kWrap = int64_t{1} << 33;
 
 enum class Coding { kMpeg2, kMpeg4, kAvcParameters, kAvcIdr, kAvcRecovery, kOther };
@@ -26,6 +28,7 @@ struct MovieOptions {
     size_t gop = 10;              // frames
     int64_t start = 90'000;       // of the PCR, 90 kHz
     bool named = true;            // with an SDT
+    uint16_t otherPcrPid = 0;     // of a second programme, if not 0, with audio on kOtherPid
     uint16_t firstReference = 0;  // temporal_reference of the first picture of a group
     bool video = true;
     size_t pictureSize = 3'000;

@@ -69,7 +69,7 @@ std::string WhyRefused(CTsSource& source, const std::string& path) {
         return "its clock jumps, or another stream begins, before all its tables have come";
     if (!HasTable(source, kProgramMapTable))
         return "no tables come in its first 10,000,000 bytes";
-    return "not every clock of its services shows twice in its first 10,000,000 bytes";
+    return "no clock of its services shows twice in its first 10,000,000 bytes";
 }
 
 }  // namespace

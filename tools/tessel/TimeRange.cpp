@@ -135,7 +135,7 @@ std::optional<TimingStream> FindTimingStream(const std::vector<ServiceInfo>& ser
                                              std::optional<uint32_t> serviceId) {
     for (const GUID* const majortype : {&MEDIATYPE_Video, &MEDIATYPE_Audio})
         for (const ServiceInfo& service : services)
-            if (!serviceId || service.id == *serviceId)
+            if ((!serviceId || service.id == *serviceId) && service.pcrPid != kNullPid)
                 if (const ComponentInfo* const component = FindClear(service, *majortype))
                     return TimingStream{component, service.pcrPid.value_or(kNullPid)};
     return std::nullopt;

@@ -65,6 +65,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         Search(*parser, bytes);
         Walk(*parser, bytes, 1 + data[0]);
     }
-    tessel::Require(ac3.TimeCode1() >= 0 && ac3.TimeCode2() >= 0);
     return 0;
 }

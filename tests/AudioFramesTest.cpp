@@ -135,8 +135,6 @@ TEST(AudioFrames, AC3LengthsAreThoseOfTheBitRates) {
                 CAC3Parser parser;
                 EXPECT_EQ(Find(parser, bytes), (Found{S_OK, 0, 2 * words, 1536, true})) << fscod << " " << code;
                 EXPECT_EQ(parser.Format().nSamplesPerSec, rates[fscod]);
-                EXPECT_EQ(parser.Header().byteSwapped, bytes[0] == 0x77 ? 1u : 0u);
-                EXPECT_EQ(parser.Header().frmsizecod, code);
             }
         }
     }
@@ -212,71 +210,6 @@ TEST(AudioFrames, ImpossibleHeadersAreNoSyncWords) {
     }
 }
 
-TEST(AudioFrames, MissingPointersAndNegativeLengthsAreRefused) {
-    CMPAParser parser;
-    const Bytes bytes = MPA().Frame(8);
-    const uint8_t* data = bytes.data();
-    const uint8_t* null = nullptr;
-    int32_t length = -8;
-    FrameRecord frame;
-    BOOL complete = 1;
-    EXPECT_EQ(parser.FindSync(&data, &length), E_FAIL);
-    EXPECT_EQ(parser.FindSync(&null, &length), E_POINTER);
-    EXPECT_EQ(parser.FindSync(nullptr, &length), E_POINTER);
-    EXPECT_EQ(parser.FindSync(&data, nullptr), E_POINTER);
-    EXPECT_EQ(parser.ParseFormat(data, -8), kNoSyncWord);
-    EXPECT_EQ(parser.ParseFormat(nullptr, 8), E_POINTER);
-    EXPECT_EQ(parser.FindFrame(data, -8, 0, &frame, &complete), kNoSyncWord);
-    EXPECT_EQ(parser.FindFrame(nullptr, 8, 0, &frame, &complete), E_POINTER);
-    EXPECT_EQ(parser.FindFrame(data, 8, 0, nullptr, &complete), E_POINTER);
-    EXPECT_EQ(parser.FindFrame(data, 8, 0, &frame, nullptr), E_POINTER);
-    EXPECT_EQ(complete, 0);
-}
-
-TEST(AudioFrames, AC3InformationHasEachFieldInItsPlace) {
-    // Every optional field, for two mono channels.
-    BitWriter full = AC3(2, 10, 9, 5);
-    full.Put(0, 3).Put(1, 1);
-    full.Put(27, 5).Put(1, 1).Put(0xA5, 8).Put(1, 1).Put(0x09, 8).Put(1, 1).Put(21, 5).Put(2, 2);
-    full.Put(31, 5).Put(1, 1).Put(0x5A, 8).Put(1, 1).Put(0x7F, 8).Put(1, 1).Put(10, 5).Put(1, 2);
-    full.Put(0, 1).Put(1, 1);
-    full.Put(1, 1).Put(23, 5).Put(59, 6).Put(7, 3);
-    full.Put(1, 1).Put(7, 3).Put(29, 5).Put(63, 6);
-    for (const Bytes& bytes : {full.Frame(20), Swapped(full.Frame(20))}) {
-        CAC3Parser parser;
-        EXPECT_EQ(FormatOf(parser, bytes).nChannels, 3);
-        const AC3Header& h = parser.Header();
-        const uint32_t fields[] = {h.bsiValid,  h.fscod,     h.frmsizecod, h.bsid,      h.bsmod,     h.acmod,
-                                   h.cmixlev,   h.surmixlev, h.dsurmod,    h.lfeon,     h.dialnorm,  h.compre,
-                                   h.compr,     h.langcode,  h.langcod,    h.audprodie, h.mixlevel,  h.roomtyp,
-                                   h.dialnorm2, h.compr2e,   h.compr2,     h.langcod2e, h.langcod2,  h.audprodi2e,
-                                   h.mixlevel2, h.roomtyp2,  h.copyrightb, h.origbs,    h.timecod1e, h.timecod2e};
-        const uint32_t expected[] = {1, 2,  10, 9,  5, 0,    3, 3,    0, 1,  27, 1, 0xA5, 1, 9,
-                                     1, 21, 2,  31, 1, 0x5A, 1, 0x7F, 1, 10, 1,  0, 1,    1, 1};
-        EXPECT_TRUE(std::ranges::equal(fields, expected));
-        EXPECT_EQ(parser.TimeCode1(), ((23 * 60 + 59) * 60 + 56) * 10'000'000LL);
-        EXPECT_EQ(parser.TimeCode2(), 79'994'791);  // 7 + 29/30 + 63/1920 seconds
-    }
-
-    // A shorter one decoded by the same parser leaves nothing of the longer.
-    CAC3Parser parser;
-    FormatOf(parser, full.Frame(20));
-    const Bytes sparse = AC3(0, 8).Put(7, 3).Put(2, 2).Put(1, 2).Put(1, 1).Frame(20, 0);
-    FormatOf(parser, sparse);
-    EXPECT_EQ(parser.Header().cmixlev, 2u);
-    EXPECT_EQ(parser.Header().surmixlev, 1u);
-    EXPECT_EQ(parser.Header().lfeon, 1u);
-    EXPECT_EQ(parser.Header().compr, 0u);
-    EXPECT_EQ(parser.Header().dialnorm2, 0u);
-    EXPECT_EQ(parser.TimeCode1() + parser.TimeCode2(), 0);
-
-    // One byte short of the information.
-    FormatOf(parser, full.Frame(19));
-    EXPECT_EQ(parser.Header().bsiValid, 0u);
-    EXPECT_EQ(parser.Header().bsmod, 5u);
-    EXPECT_EQ(parser.Header().dialnorm, 0u);
-}
-
 TEST(AudioFrames, WaveFormatsDescribeTheDecodedAudio) {
     struct Mode {
         uint32_t mixBits;  // those between acmod and lfeon
@@ -287,7 +220,9 @@ TEST(AudioFrames, WaveFormatsDescribeTheDecodedAudio) {
     for (uint32_t acmod = 0; acmod < 8; ++acmod) {
         for (uint32_t lfeon = 0; lfeon < 2; ++lfeon) {
             BitWriter bits = AC3(0, 8).Put(acmod, 3).Put(0, modes[acmod].mixBits).Put(lfeon, 1);
-            EXPECT_EQ(FormatOf(ac3, bits.Frame(20)).nChannels, modes[acmod].channels + lfeon) << acmod;
+            for (const Bytes& bytes : {bits.Frame(20), Swapped(bits.Frame(20))})
+                EXPECT_EQ(FormatOf(ac3, bytes).nChannels, modes[acmod].channels + lfeon) << acmod;
+            EXPECT_EQ(FormatOf(ac3, bits.Frame(19)).nChannels, 2) << "too little to tell";
         }
     }
     const uint32_t rates[3][3] = {{48'000, 24'000, 12'000}, {44'100, 22'050, 11'025}, {32'000, 16'000, 8'000}};
@@ -307,24 +242,6 @@ TEST(AudioFrames, WaveFormatsDescribeTheDecodedAudio) {
         EXPECT_EQ(format.wBitsPerSample, 16);
         EXPECT_EQ(format.cbSize, 0);
     }
-}
-
-TEST(AudioFrames, MPEGHeaderBitsHaveTheirPlacesInTheWord) {
-    // From the first bit behind the sync word on, where each of them goes.
-    const uint32_t places[] = {7, 6, 5, 4, 3, 2, 1, 0, 15, 14, 13, 12, 11, 10, 9, 8, 23, 22, 21, 20};
-    for (uint32_t i = 0; i < 20; ++i) {
-        CMPAParser parser;
-        FormatOf(parser, BitWriter().Put(0xFFF, 12).Put(1u << (19 - i), 20).Frame(4));
-        EXPECT_EQ(parser.Header().bits, 1u << places[i]) << i;
-    }
-    CMPAParser parser;
-    FormatOf(parser, {0xFF, 0xFB, 0xA7, 0x9E});
-    const MPAHeader& h = parser.Header();
-    const uint32_t fields[] = {
-        h.ID(),         h.Layer(), h.ProtectionBit(), h.BitrateIndex(), h.SamplingFrequency(), h.PaddingBit(),
-        h.PrivateBit(), h.Mode(),  h.ModeExtension(), h.Copyright(),    h.OriginalCopy(),      h.Emphasis()};
-    const uint32_t expected[] = {1, 1, 1, 10, 1, 1, 1, 2, 1, 1, 1, 2};
-    EXPECT_TRUE(std::ranges::equal(fields, expected));
 }
 
 TEST(AudioFrames, FramesAreConfirmedCorrectedOrPassedOver) {

@@ -13,16 +13,10 @@ struct MPAHeader {
 
     uint32_t ID() const { return Field(7, 1); }  // 1 for ISO/IEC 11172-3
     uint32_t Layer() const { return Field(5, 2); }
-    uint32_t ProtectionBit() const { return Field(4, 1); }
     uint32_t BitrateIndex() const { return Field(0, 4); }
     uint32_t SamplingFrequency() const { return Field(14, 2); }
     uint32_t PaddingBit() const { return Field(13, 1); }
-    uint32_t PrivateBit() const { return Field(12, 1); }
     uint32_t Mode() const { return Field(10, 2); }
-    uint32_t ModeExtension() const { return Field(8, 2); }
-    uint32_t Copyright() const { return Field(23, 1); }
-    uint32_t OriginalCopy() const { return Field(22, 1); }
-    uint32_t Emphasis() const { return Field(20, 2); }
 
     // Bits a second; 0 for free format and for the layer that is reserved.
     uint32_t BitRate() const;
@@ -35,8 +29,6 @@ private:
 class CMPAParser final : public FrameParser {
 public:
     int32_t GetHeaderSize() const override { return 4; }
-
-    const MPAHeader& Header() const { return m_header; }
 
 protected:
     std::optional<size_t> SyncOffset(Bytes bytes) const override;

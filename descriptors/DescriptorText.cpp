@@ -153,8 +153,6 @@ void WriteName(TextWriter& text, IDvbDescService& service, HRESULT (IDvbDescServ
     text << u", '" << (name.View().empty() ? otherwise : name.View()) << u"'";
 }
 
-}  // namespace
-
 void RenderVideoStream(std::span<OLECHAR> buffer, IDvbDescriptor* descriptor) {
     TextWriter text(buffer);
     text << u"VideoStream";
@@ -246,6 +244,8 @@ void RenderSubtitling(std::span<OLECHAR> buffer, IDvbDescriptor* descriptor) {
 void RenderDataBroadcastId(std::span<OLECHAR> buffer, IDvbDescriptor* descriptor) {
     RenderNumber(buffer, u"DataBroadcastId", &IDvbDescDataBroadcastId::GetDataBroadcastId, descriptor);
 }
+
+}  // namespace
 
 void RenderDescriptor(std::span<OLECHAR> buffer, IDvbDescriptor* descriptor) {
     TextWriter text(buffer);

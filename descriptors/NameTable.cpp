@@ -19,11 +19,6 @@ std::u16string NameTable::GetName(uint32_t key) const {
     return name;
 }
 
-int32_t NameTable::GetKey(std::u16string_view name) const {
-    const auto row = std::ranges::find(m_rows, name, &Row::name);
-    return row != m_rows.end() ? static_cast<int32_t>(row->key) : -1;
-}
-
 namespace {
 
 // Some names are misspelt; clients compare them, so they stay.
@@ -188,19 +183,6 @@ constexpr NameTable::Row kServiceTypeRows[] = {
     {0x98, u"HDTV MPEG2 MP@HL"},
 };
 
-constexpr NameTable::Row kLinkageTypeRows[] = {
-    {0x00, u"Reserved"},
-    {0x01, u"InformationService"},
-    {0x02, u"EpgService"},
-    {0x03, u"CaReplacementService"},
-    {0x04, u"TsWithCompleteNetworkBouquetSi"},
-    {0x05, u"ServiceReplacementService"},
-    {0x06, u"DataBroadcastService"},
-    {0x07, u"RcsMap"},
-    {0x08, u"MobileHandover"},
-    {0x90, u"AstraServiceGuide"},
-};
-
 consteval NameTable Sorted(std::u16string_view name, std::span<const NameTable::Row> rows) {
     if (!std::ranges::is_sorted(rows, std::ranges::less_equal{}, &NameTable::Row::key))
         throw "rows are searched by halves";
@@ -210,7 +192,6 @@ consteval NameTable Sorted(std::u16string_view name, std::span<const NameTable::
 constexpr NameTable kDescriptorTags = Sorted(u"DescriptorTag", kDescriptorTagRows);
 constexpr NameTable kStreamTypes = Sorted(u"StreamType", kStreamTypeRows);
 constexpr NameTable kServiceTypes = Sorted(u"ServiceType", kServiceTypeRows);
-constexpr NameTable kLinkageTypes = Sorted(u"LinkageType", kLinkageTypeRows);
 
 }  // namespace
 
@@ -224,10 +205,6 @@ const NameTable& StreamTypeNames() {
 
 const NameTable& ServiceTypeNames() {
     return kServiceTypes;
-}
-
-const NameTable& LinkageTypeNames() {
-    return kLinkageTypes;
 }
 
 }  // namespace tessel

@@ -20,8 +20,6 @@ public:
 
     // The name of key; without a row the table's name and the key in hexadecimal: DescriptorTag[7f].
     std::u16string GetName(uint32_t key) const;
-    // The key of name, or -1.
-    int32_t GetKey(std::u16string_view name) const;
 
 private:
     const std::u16string_view m_name;
@@ -31,6 +29,5 @@ private:
 const NameTable& DescriptorTagNames();
 const NameTable& StreamTypeNames();
 const NameTable& ServiceTypeNames();
-const NameTable& LinkageTypeNames();
 
 }  // namespace tessel

@@ -322,7 +322,8 @@ TEST(Streaming, AnInputPinTellsWhyItTakesNothing) {
     const MediaEvent event = rig.Next();
     EXPECT_EQ(event.code, EC_ERRORABORT);
     EXPECT_EQ(event.param1, VFW_E_TYPE_NOT_ACCEPTED);
-    rig.graph->Flush(rig.out.get());
+    rig.out->DeliverBeginFlush();
+    rig.out->DeliverEndFlush();
     EXPECT_EQ(rig.out->Send(7), S_OK) << "a flush ends the error";
     rig.graph->Stop();
     EXPECT_EQ(rig.out->Send(8), VFW_E_NOT_COMMITTED);
@@ -346,7 +347,8 @@ TEST(Streaming, AFlushAndAStopEndTheWaitOfAThreadThatSends) {
             Sleep(1);
     };
     waitForSample();
-    ASSERT_EQ(rig.graph->Flush(rig.out.get()), S_OK);
+    ASSERT_EQ(rig.out->DeliverBeginFlush(), S_OK);
+    ASSERT_EQ(rig.out->DeliverEndFlush(), S_OK);
     waitForSample();
     EXPECT_FALSE(sender->Wait(20)) << "it waits again";
     ASSERT_EQ(rig.graph->Stop(), S_OK);
@@ -389,57 +391,6 @@ TEST(Graph, ChangesStateUpstreamAndKeepsStreamTimeOverAPause) {
     EXPECT_FALSE(rig.sink->Clock()) << "the clock left with its filter";
     EXPECT_EQ(rig.graph->SetDefaultSyncSource(), S_OK);
     EXPECT_TRUE(rig.sink->Clock()) << "the system's";
-}
-
-// Can be asked for a position and nothing else, and notes the state in which it was.
-class Seeker final : public CUnknown, public IMediaSeeking {
-public:
-    explicit Seeker(Rig& rig) : CUnknown("Seeker", nullptr), m_rig(rig) {}
-    DECLARE_IUNKNOWN
-    HRESULT SetPositions(int64_t* current, DWORD flags, int64_t*, DWORD) override {
-        m_rig.log.Add("seek " + std::to_string(*current) + " " + std::to_string(flags));
-        return m_rig.source->State() == State_Running ? E_UNEXPECTED : m_result;
-    }
-    HRESULT GetCapabilities(DWORD*) override { return E_NOTIMPL; }
-    HRESULT CheckCapabilities(DWORD*) override { return E_NOTIMPL; }
-    HRESULT IsFormatSupported(const GUID*) override { return E_NOTIMPL; }
-    HRESULT QueryPreferredFormat(GUID*) override { return E_NOTIMPL; }
-    HRESULT GetTimeFormat(GUID*) override { return E_NOTIMPL; }
-    HRESULT IsUsingTimeFormat(const GUID*) override { return E_NOTIMPL; }
-    HRESULT SetTimeFormat(const GUID*) override { return E_NOTIMPL; }
-    HRESULT GetDuration(int64_t*) override { return E_NOTIMPL; }
-    HRESULT GetStopPosition(int64_t*) override { return E_NOTIMPL; }
-    HRESULT GetCurrentPosition(int64_t*) override { return E_NOTIMPL; }
-    HRESULT ConvertTimeFormat(int64_t*, const GUID*, int64_t, const GUID*) override { return E_NOTIMPL; }
-    HRESULT GetPositions(int64_t*, int64_t*) override { return E_NOTIMPL; }
-    HRESULT GetAvailable(int64_t*, int64_t*) override { return E_NOTIMPL; }
-    HRESULT SetRate(double) override { return E_NOTIMPL; }
-    HRESULT GetRate(double*) override { return E_NOTIMPL; }
-    HRESULT GetPreroll(int64_t*) override { return E_NOTIMPL; }
-
-    Rig& m_rig;
-    HRESULT m_result = S_OK;
-};
-
-TEST(Graph, PausesForASeekAndBeginsStreamTimeAgain) {
-    Rig rig({MEDIASUBTYPE_MPEG2_VIDEO}, {MEDIASUBTYPE_MPEG2_VIDEO}, true);
-    const ComPtr<Seeker> seeker(new Seeker(rig));
-    ASSERT_EQ(rig.Connect(), S_OK);
-    ASSERT_EQ(rig.graph->SetDefaultSyncSource(), S_OK);
-    ASSERT_EQ(rig.graph->Run(0), S_OK);
-    rig.source->m_now = 5'100'000;
-    rig.out->DeliverEndOfStream();
-    rig.log.Take();
-    int64_t position = 77;
-    EXPECT_EQ(rig.graph->SetPositions(seeker.Get(), &position, AM_SEEKING_AbsolutePositioning), S_OK);
-    EXPECT_THAT(rig.log.Take(),
-                ElementsAre("pause sink", "pause source", "seek 77 1", "run sink 5200000", "run source 5200000"));
-    EXPECT_EQ(rig.Next().code, 0) << "the end was that of before";
-    rig.source->m_now = 6'200'000;
-    seeker->m_result = E_FAIL;
-    EXPECT_EQ(rig.graph->SetPositions(seeker.Get(), &position, AM_SEEKING_AbsolutePositioning), E_FAIL);
-    EXPECT_EQ(rig.sink->StartTime(), 6'300'000 - 1'000'000) << "it runs on where it was";
-    EXPECT_EQ(rig.sink->State(), State_Running);
 }
 
 TEST(Graph, NamesItsFiltersAndLetsThemGo) {

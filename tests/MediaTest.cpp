@@ -1,7 +1,6 @@
 // The parts of the media layer that need no graph: media types, samples, the allocator, saved state.
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
 #include <vector>
 
@@ -228,33 +227,6 @@ TEST(Allocator, EndsAWaitByAReleaseAndByDecommit) {
         ASSERT_TRUE(thread->Wait(kBound));
         EXPECT_EQ(result, release ? S_OK : VFW_E_NOT_COMMITTED);
     }
-}
-
-TEST(MemoryStream, ReadsAndWritesAtItsPosition) {
-    const ComPtr<CMemoryStream> stream(new CMemoryStream());
-    const auto seek = [&](int64_t move, DWORD origin) {
-        uint64_t position = 99;
-        return stream->Seek(move, origin, &position) == S_OK ? static_cast<int64_t>(position) : -1;
-    };
-    std::array<uint8_t, 8> buffer{};
-    ULONG count = 0;
-    EXPECT_EQ(seek(2, STREAM_SEEK_SET), 2);
-    ASSERT_EQ(stream->Write("ab", 2, &count), S_OK);
-    EXPECT_EQ(count, 2u);
-    EXPECT_EQ(seek(-3, STREAM_SEEK_CUR), 1);
-    ASSERT_EQ(stream->Read(buffer.data(), 8, &count), S_OK);
-    EXPECT_EQ(count, 3u);
-    EXPECT_EQ(buffer[0], 0) << "the gap";
-    EXPECT_EQ(buffer[2], 'b');
-    EXPECT_EQ(seek(1, STREAM_SEEK_END), 5);
-    EXPECT_EQ(stream->Read(buffer.data(), 8, &count), S_OK);
-    EXPECT_EQ(count, 0u);
-    EXPECT_EQ(seek(-6, STREAM_SEEK_CUR), -1);
-    EXPECT_EQ(seek(0, 3), -1);
-    EXPECT_EQ(seek(0, STREAM_SEEK_CUR), 5) << "a seek that fails moves nothing";
-    EXPECT_EQ(seek(INT64_MAX, STREAM_SEEK_CUR), -1);
-    EXPECT_EQ(seek(INT64_MAX, STREAM_SEEK_SET), INT64_MAX);
-    EXPECT_EQ(stream->Write("c", 1, nullptr), E_OUTOFMEMORY);
 }
 
 class Saved final : public CPersistStream, public CUnknown {

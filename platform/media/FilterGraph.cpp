@@ -408,38 +408,3 @@ HRESULT CFilterGraph::GetState(DWORD milliseconds, FILTER_STATE* out) {
     }
     return result;
 }
-
-HRESULT CFilterGraph::Flush(IPin* pin) {
-    if (pin == nullptr)
-        return E_POINTER;
-    const CAutoLock lock(&m_lock);
-    const ComPtr<IPin> input = IsOutput(*pin) ? PeerOf(*pin) : ComPtr<IPin>(pin);
-    if (!input)
-        return VFW_E_NOT_CONNECTED;
-    HRESULT result = input->BeginFlush();
-    if (FAILED(result))
-        return result;
-    // Between the two nothing moves: no event of the old stream comes after it, none of the new before.
-    const HRESULT restarted = RestartEvents();
-    result = input->EndFlush();
-    return FAILED(result) ? result : restarted;
-}
-
-HRESULT CFilterGraph::SetPositions(IMediaSeeking* seeking, int64_t* current, DWORD flags) {
-    if (seeking == nullptr)
-        return E_POINTER;
-    const CAutoLock lock(&m_lock);
-    const bool running = m_state == State_Running;
-    HRESULT result = running ? PauseAll() : S_OK;
-    if (SUCCEEDED(result))
-        result = RestartEvents();
-    if (FAILED(result))
-        return result;
-    result = seeking->SetPositions(current, flags, nullptr, AM_SEEKING_NoPositioning);
-    if (SUCCEEDED(result))
-        m_streamTime = 0;
-    if (!running)
-        return result;
-    const HRESULT resumed = RunAll(0);
-    return FAILED(resumed) ? resumed : result;
-}

@@ -50,10 +50,6 @@ public:
     HRESULT SetSyncSource(IReferenceClock* clock) override;
     HRESULT GetSyncSource(IReferenceClock** out) override;
 
-    // Flushes from this input pin on, or from the one that this output pin is connected to.
-    HRESULT Flush(IPin* pin);
-    // Seeks, and pauses the graph for it when it runs. Stream time begins again at 0.
-    HRESULT SetPositions(IMediaSeeking* seeking, int64_t* current, DWORD flags);
     // See CMediaEventQueue::GetEvent. Takes no lock of the graph.
     HRESULT GetEvent(MediaEvent* out, DWORD milliseconds) { return m_events->GetEvent(out, milliseconds); }
 

@@ -18,7 +18,7 @@ CTableEventThread::CTableEventThread(IsComplete isComplete) : m_shared(std::make
 CTableEventThread::~CTableEventThread() {
     Stop();
     {
-        const std::lock_guard lock(m_shared->filterMutex);
+        CScopedLock lock(&m_shared->filterLock);
         m_shared->closed = true;
     }
     m_shared->sinks.Clear();
@@ -89,7 +89,7 @@ void CTableEventThread::Tell(Shared& shared, const MSG& message) {
 }
 
 bool CTableEventThread::AskComplete(Shared& shared) {
-    const std::lock_guard lock(shared.filterMutex);
+    CScopedLock lock(&shared.filterLock);
     return !shared.closed && shared.isComplete();
 }
 

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 
 #include "Classes/MultiPlatform/GenUtilMP.h"
 #include "Classes/MultiPlatform/LockRanks.h"
@@ -48,7 +47,8 @@ private:
     struct Shared {
         CSinkList sinks;
         IsComplete isComplete;
-        std::mutex filterMutex;           // held while isComplete asks the filter, and to close
+        // Held while isComplete asks the filter, and to close.
+        CCritSec filterLock{"event thread's filter", kRankEventFilter};
         std::atomic<bool> closed{false};  // the filter does not wait any more
         // Counted by what makes an announcement stale; the one that was announced last.
         std::atomic<uint32_t> generation{1};

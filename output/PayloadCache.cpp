@@ -25,7 +25,7 @@ CBlockPool::~CBlockPool() {
 PayloadBlock* CBlockPool::Take() {
     {
         // The last one first: it is likely to be in the processor's cache.
-        const std::lock_guard lock(m_mutex);
+        CScopedLock lock(&m_lock);
         if (!m_free.empty()) {
             PayloadBlock* block = m_free.back();
             m_free.pop_back();
@@ -43,7 +43,7 @@ void CBlockPool::TakeBack(void* taken) {
     if (block->uses.fetch_sub(1, std::memory_order_acq_rel) != 1)
         return;
     {
-        const std::lock_guard lock(m_mutex);
+        CScopedLock lock(&m_lock);
         if (m_free.size() < kMostFree && m_free.size() < m_free.capacity()) {
             m_free.push_back(block);
             return;

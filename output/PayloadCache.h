@@ -4,9 +4,10 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <vector>
 
+#include "Classes/MultiPlatform/GenUtilMP.h"
+#include "Classes/MultiPlatform/LockRanks.h"
 #include "platform/media/MediaSample.h"
 
 namespace tessel {
@@ -33,8 +34,8 @@ public:
     void TakeBack(void* block) override;
 
 private:
-    std::mutex m_mutex;
-    std::vector<PayloadBlock*> m_free;
+    CCritSec m_lock{"free blocks", kRankLeaf};
+    std::vector<PayloadBlock*> m_free OS_GUARDED_BY(m_lock);
 };
 
 // The bytes lie in blocks that have room for several samples. Those of a sample that lie in one block are lent to it,

@@ -118,7 +118,7 @@ HRESULT CTsSource::Load(const OLECHAR* name, const AM_MEDIA_TYPE*) {
             for (const OutputPinPtr& pin : Pins().All())
                 pin->BindWhileStopped();
         }
-        const std::lock_guard lock(m_nameMutex);
+        CScopedLock lock(&m_nameLock);
         m_fileName = std::move(text);
         return S_OK;
     } catch (const std::bad_alloc&) {
@@ -130,7 +130,7 @@ HRESULT CTsSource::GetCurFile(OLECHAR** name, AM_MEDIA_TYPE* type) {
     if (name == nullptr)
         return E_POINTER;
     *name = nullptr;
-    const std::lock_guard lock(m_nameMutex);
+    CScopedLock lock(&m_nameLock);
     if (m_fileName.empty())
         return S_OK;
     *name = CopyToTaskMemory(m_fileName);

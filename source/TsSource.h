@@ -2,7 +2,6 @@
 #pragma once
 
 #include <atomic>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -165,8 +164,8 @@ private:
     ComPtr<IStream> m_stream OS_GUARDED_BY(StreamingLock());
     int64_t m_dataStart = 0;
     const CFileSystem* m_system = &CFileSystem::System();
-    mutable std::mutex m_nameMutex;
-    std::u16string m_fileName;  // with the mutex; empty when no file is open
+    CCritSec m_nameLock{"file name", kRankLeaf};
+    std::u16string m_fileName OS_GUARDED_BY(m_nameLock);  // empty when no file is open
 
     // The services are complete; set by the parsing thread, under the table lock.
     std::atomic<bool> m_tablesReady{false};
@@ -183,8 +182,8 @@ private:
     std::optional<CSeekIndex> m_index OS_GUARDED_BY(m_seekLock);
     Master m_master OS_GUARDED_BY(m_seekLock);
     // The master's pin, for who may not wait for a seek.
-    std::mutex m_masterMutex;
-    std::weak_ptr<CTsOutputPin> m_masterPin;
+    CCritSec m_masterLock{"master pin", kRankLeaf};
+    std::weak_ptr<CTsOutputPin> m_masterPin OS_GUARDED_BY(m_masterLock);
     // What the index says, for the getters.
     std::atomic<bool> m_seekReady{false};
     std::atomic<REFERENCE_TIME> m_duration{0};

@@ -20,7 +20,7 @@ void CTsSource::ForgetFile() {
     m_index.reset();
     m_master = {};
     {
-        const std::lock_guard lock(m_masterMutex);
+        CScopedLock lock(&m_masterLock);
         m_masterPin.reset();
     }
     m_seekReady = false;
@@ -36,7 +36,7 @@ void CTsSource::ForgetFile() {
         m_endPosition = INT64_MAX;
     }
     ApplyOffsets();
-    const std::lock_guard lock(m_nameMutex);
+    CScopedLock lock(&m_nameLock);
     m_fileName.clear();
 }
 

@@ -70,7 +70,7 @@ bool CTsSource::InitSeek() {
     m_index.reset();
     m_master = found ? master : Master{};
     {
-        const std::lock_guard masterLock(m_masterMutex);
+        CScopedLock masterLock(&m_masterLock);
         m_masterPin = m_master.pin;
     }
     if (found) {
@@ -176,7 +176,7 @@ HRESULT CTsSource::SetPositions(int64_t* current, DWORD currentFlags, int64_t*, 
 void CTsSource::NoteMasterTime() {
     OutputPinPtr pin;
     {
-        const std::lock_guard lock(m_masterMutex);
+        CScopedLock lock(&m_masterLock);
         pin = m_masterPin.lock();
     }
     if (const auto content = pin ? pin->Content() : nullptr)

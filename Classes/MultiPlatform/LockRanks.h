@@ -11,6 +11,7 @@ enum LockRank {
     kRankReceive = 20,      // one sample at a time from upstream
     kRankThreads = 25,      // a filter's threads start or rest
     kRankStreaming = 30,    // input buffer and parser
+    kRankEventFilter = 35,  // the event thread asks its filter, which does not go away meanwhile
     kRankTable = 40,        // section filters, table store, service list
     kRankActivation = 45,   // a content's activation, beside one for its program alone
     kRankContentBind = 50,  // a content binds to its program

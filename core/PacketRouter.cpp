@@ -170,7 +170,7 @@ void PacketRouter::NotifyClockChange(const PcrClock& clock) {
     CScopedLock notices(&m_noticeLock);
     for (const auto& sink : m_slots)
         if (sink)
-            sink->NotifyClockChange(clock, 0);
+            sink->NotifyClockChange(clock);
 }
 
 }  // namespace tessel

@@ -22,20 +22,6 @@ constexpr DefaultFilter kPatFilter = {kProgramAssociationTable, 0x0000};
 constexpr DefaultFilter kNameFilters[] = {
     {kServiceDescriptionTable, 0x0011}, {kMasterGuideTable, 0x1FFB}, {kVirtualChannelTable, 0x1FFB}};
 
-const char* NameOfMode(StreamingMode mode) {
-    switch (mode) {
-    case StreamingMode::kLive:
-        return "live";
-    case StreamingMode::kStream:
-        return "strm";
-    case StreamingMode::kRecording:
-        return "rec ";
-    case StreamingMode::kFile:
-        return "file";
-    }
-    return "";
-}
-
 template <class Factory>
 std::unique_ptr<ITableFactory> MakeFactory() {
     return std::unique_ptr<ITableFactory>(new (std::nothrow) Factory);
@@ -71,7 +57,6 @@ HRESULT CTsFilterBase::SetMode(StreamingMode mode, int32_t parameter) {
     m_pins.TakeAll();
     m_mode = mode;
     m_modeParameter = mode == StreamingMode::kLive ? 1 : parameter;
-    m_modeName = NameOfMode(mode);
     m_clocks.SetLive(mode == StreamingMode::kLive);
 
     CScopedLock lock(&m_tableLock);

@@ -73,8 +73,6 @@ public:
     int32_t ModeParameter() const { return m_modeParameter; }
     // Before the first start.
     void SetRules(const ReadingRules& rules) { m_rules = rules; }
-    // "live", "strm", "rec " or "file", for diagnostics.
-    const char* ModeName() const { return m_modeName; }
 
     // PIDs that the input is known to have: a program map does not wait for the first packet of one. Before streaming,
     // and from then on, resets included.
@@ -366,7 +364,6 @@ private:
     std::atomic<int32_t> m_workerPriority{1};
     StreamingMode m_mode = StreamingMode::kStream;
     int32_t m_modeParameter = 1;
-    const char* m_modeName = "";
     ReadingRules m_rules;
     const std::shared_ptr<CDeliveryLock> m_deliveryLock;
 

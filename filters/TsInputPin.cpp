@@ -49,7 +49,6 @@ HRESULT CTsInputPin::Receive(IMediaSample* sample) {
 
 HRESULT CTsInputPin::EndOfStream() {
     CScopedLock lock(&m_receiveLock);
-    m_endOfStream = true;
     // After a type that it refused the pin takes no more samples, but its stream ends. In a flush it does not: that
     // end belongs to what is thrown away.
     const HRESULT result = m_runTimeError ? S_OK : CheckStreaming();
@@ -61,21 +60,12 @@ HRESULT CTsInputPin::EndOfStream() {
 
 HRESULT CTsInputPin::BeginFlush() {
     const HRESULT result = CBaseInputPin::BeginFlush();
-    if (FAILED(result))
-        return result;
-    m_endOfStream = false;
-    return m_splitter.BeginFlush();
+    return FAILED(result) ? result : m_splitter.BeginFlush();
 }
 
 HRESULT CTsInputPin::EndFlush() {
     const HRESULT result = m_splitter.EndFlush();
     return SUCCEEDED(result) ? CBaseInputPin::EndFlush() : result;
-}
-
-HRESULT CTsInputPin::NewSegment(REFERENCE_TIME start, REFERENCE_TIME stop, double rate) {
-    m_endOfStream = false;
-    m_segment = true;
-    return CBaseInputPin::NewSegment(start, stop, rate);
 }
 
 }  // namespace tessel

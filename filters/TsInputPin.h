@@ -24,7 +24,6 @@ public:
     HRESULT EndOfStream() override;
     HRESULT BeginFlush() override;
     HRESULT EndFlush() override;
-    HRESULT NewSegment(REFERENCE_TIME start, REFERENCE_TIME stop, double rate) override;
 
     // Without effect.
     HRESULT SetParam(uint32_t, uint32_t) override { return S_OK; }
@@ -41,9 +40,6 @@ private:
 
     CTsSplitter& m_splitter;
     CCritSec m_receiveLock{"input receive", kRankReceive};
-    // What came since the last flush or segment.
-    std::atomic<bool> m_endOfStream{false};
-    std::atomic<bool> m_segment{false};
 };
 
 }  // namespace tessel

@@ -235,7 +235,6 @@ void CTsSplitter::EndOfStream() {
             ParseRest();
         StopStreaming();
     }
-    m_endOfStream = true;
     if (hasTurn)
         ParseTurn().Release();
     for (const OutputPinPtr& pin : Pins().All())
@@ -302,7 +301,6 @@ HRESULT CTsSplitter::StopStreaming() {
 HRESULT CTsSplitter::SettleThreads() {
     CScopedLock lock(&m_threadsLock);
     if (IsStreaming()) {
-        m_endOfStream = false;
         m_events.Start();
         return m_worker.Start(WorkerPriority(), Hold());
     }

@@ -91,8 +91,6 @@ private:
 
     // The packet size is to be found out before the next packet. Written with the streaming lock held.
     std::atomic<bool> m_resyncPending{true};
-    // All that came has been parsed, and the outputs were told.
-    std::atomic<bool> m_endOfStream{false};
 
     const std::shared_ptr<CEvent> m_dataEvent;
     CEvent m_roomEvent{EventReset::kAuto};

@@ -14,10 +14,6 @@ public:
     // The origin of a stream that starts here.
     void Start(int64_t ptsOrigin, REFERENCE_TIME timeOrigin);
     // Another origin; a clock of unknown time makes the sample times unknown.
-    void SetOrigin(const PcrClock& clock) {
-        m_ptsOrigin = clock.pcrOrigin / 300;
-        m_timeOrigin = clock.timeOrigin;
-    }
     void Follow(const PcrClock& clock) { Start(clock.pcrOrigin / 300, clock.timeOrigin); }
 
     // The time of a raw time stamp, later ones first unwrapped; kUnknown without an origin.

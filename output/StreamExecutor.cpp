@@ -158,14 +158,9 @@ void CStreamExecutor::NotifyDiscontinuity(int32_t code, IEnumPIDMap* mapping) {
     }
 }
 
-void CStreamExecutor::NotifyClockChange(const PcrClock& clock, int32_t immediate) {
+void CStreamExecutor::NotifyClockChange(const PcrClock& clock) {
     if (!IsActive() || clock.pid != GetPcrPid())
         return;
-    if (immediate != 0) {
-        CScopedLock lock(&m_lock);
-        m_sampleClock.SetOrigin(clock);
-        return;
-    }
     CScopedLock lock(&m_noticeLock);
     try {
         if (m_clockChanges.size() >= kMaxQueued)
@@ -413,13 +408,6 @@ void CStreamExecutor::Consumed(int32_t bytes) {
     if (m_bytesOut == m_bytesIn)
         m_full = false;
     m_pin.OnRoomMade();
-}
-
-HRESULT CStreamExecutor::AddPacket(const uint8_t* packet, const TsHeader& header,
-                                   const AdaptationFieldHeader& adaptation) {
-    const OfferedPacket offered{packet, header, adaptation};
-    size_t taken = 0;
-    return AddPackets({&offered, 1}, &taken);
 }
 
 HRESULT CStreamExecutor::AddPackets(std::span<const OfferedPacket> packets, size_t* taken) {

@@ -74,9 +74,8 @@ public:
     // Sends one sample of at most budget bytes; *sent: what left the buffer. S_FALSE: the receiver wants no more.
     virtual HRESULT SendData(int32_t budget, int32_t* sent, bool startPending);
 
-    // E_UNEXPECTED while inactive; E_OUTOFMEMORY when the buffer is full, and nothing was added.
-    HRESULT AddPacket(const uint8_t* packet, const TsHeader& header, const AdaptationFieldHeader& adaptation);
-    // As many as it takes; *taken tells how many. The result is that of the first that it does not take.
+    // Adds as many as it takes, *taken, and returns the result of the first that it does not take: E_UNEXPECTED while
+    // inactive, E_OUTOFMEMORY when the buffer is full.
     HRESULT AddPackets(std::span<const OfferedPacket> packets, size_t* taken);
     virtual HRESULT TakeSection(const TsHeader& header, std::span<const uint8_t> section);
     // Makes room. E_FAIL where that is not done.
@@ -100,7 +99,7 @@ public:
 
     // Notices take a leaf lock only.
     void NotifyDiscontinuity(int32_t code, IEnumPIDMap* mapping);
-    void NotifyClockChange(const PcrClock& clock, int32_t immediate);
+    void NotifyClockChange(const PcrClock& clock);
 
 protected:
     struct TimestampMark {

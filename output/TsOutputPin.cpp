@@ -63,7 +63,7 @@ HRESULT CTsOutputPin::NonDelegatingQueryInterface(const IID& iid, void** out) {
 }
 
 std::shared_ptr<CStreamExecutor> CTsOutputPin::Content() const {
-    const std::lock_guard lock(m_contentMutex);
+    CScopedLock lock(&m_contentLock);
     return m_content;
 }
 
@@ -87,7 +87,7 @@ HRESULT CTsOutputPin::MakeContent(ContentKind kind) {
         return E_OUTOFMEMORY;
     }
     {
-        const std::lock_guard lock(m_contentMutex);
+        CScopedLock lock(&m_contentLock);
         m_content = std::move(content);
         m_kind = kind;
     }

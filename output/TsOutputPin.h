@@ -116,7 +116,7 @@ public:
     std::vector<uint32_t> SectionPids() const override;
     int32_t GetPcrPid() const override;
     void NotifyDiscontinuity(int32_t code, IUnknown* mapping) override;
-    void NotifyClockChange(const PcrClock& clock, int32_t immediate) override;
+    void NotifyClockChange(const PcrClock& clock) override;
 
     // IRALThreadExecutor
     HRESULT OnThreadStart() override { return NameThread("ts-pin"), S_OK; }
@@ -207,9 +207,8 @@ private:
     CCritSec m_activationLock{"content's activation", kRankActivation};
     CPidMap m_map;
     CCritSec m_mapMutex{"pin's map", kRankPinMap};
-    // Innermost: guards the pointer alone.
-    mutable std::mutex m_contentMutex;
-    std::shared_ptr<CStreamExecutor> m_content;
+    mutable CCritSec m_contentLock{"content pointer", kRankLeaf};
+    std::shared_ptr<CStreamExecutor> m_content OS_GUARDED_BY(m_contentLock);
     std::atomic<ContentKind> m_kind{ContentKind::kNone};
 
     // Of the current media type.

@@ -160,9 +160,9 @@ void CTsOutputPin::NotifyDiscontinuity(int32_t code, IUnknown*) {
         content->NotifyDiscontinuity(code, nullptr);
 }
 
-void CTsOutputPin::NotifyClockChange(const PcrClock& clock, int32_t immediate) {
+void CTsOutputPin::NotifyClockChange(const PcrClock& clock) {
     if (const auto content = Content())
-        content->NotifyClockChange(clock, immediate);
+        content->NotifyClockChange(clock);
 }
 
 template <class Write>

@@ -24,7 +24,6 @@ HRESULT DvbServiceDescription::ParseEntry(ByteReader& reader) {
     m_serviceId = reader.U16();
     reader.Skip(1);  // EIT flags
     const uint16_t status = reader.U16();
-    m_runningStatus = status >> 13;
     m_freeCaMode = (status & 0x1000) != 0;
     const auto loop = reader.Take(status & 0x0FFF);
     if (!reader.Ok())

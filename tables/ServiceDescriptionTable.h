@@ -27,7 +27,6 @@ public:
 private:
     uint32_t m_serviceId = 0;
     bool m_freeCaMode = false;
-    uint32_t m_runningStatus = 0;
     const ComPtr<DvbMapping> m_descriptors;
 };
 

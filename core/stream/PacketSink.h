@@ -70,8 +70,8 @@ public:
     // Notices about the clock of that PID. They come from any thread, which may hold the lock of another
     // content, so they take leaves only. mapping: null.
     virtual void NotifyDiscontinuity(int32_t, IUnknown*) {}
-    // Comes for every clock; the content copies the one of its PID. immediate: 0.
-    virtual void NotifyClockChange(const PcrClock&, int32_t) {}
+    // Comes for every clock; the content copies the one of its PID.
+    virtual void NotifyClockChange(const PcrClock&) {}
 
 protected:
     ~IPacketSink() = default;

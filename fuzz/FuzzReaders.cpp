@@ -57,18 +57,10 @@ void ReadDescriptorParam(IGetSetCOMParam& object) {
     ReadDescriptors(*descriptors);
 }
 
-struct Field {
-    uint32_t id;
-    uint32_t most;
-};
-
-template <size_t N>
-void ReadFields(IGetSetParam& object, const Field (&fields)[N]) {
-    for (const Field& field : fields) {
-        uint32_t value = 0;
-        Require(object.GetParam(field.id, &value) == S_OK && value <= field.most);
-        Require(object.GetParam(field.id, nullptr) == E_POINTER);
-    }
+void ReadFields(IGetSetParam& object, std::initializer_list<uint32_t> ids) {
+    uint32_t value = 0;
+    for (const uint32_t id : ids)
+        Require(object.GetParam(id, &value) == S_OK && object.GetParam(id, nullptr) == E_POINTER);
     uint32_t untouched = 0x5A5A5A5A;
     Require(object.GetParam(0x7FFFFFFF, &untouched) == S_FALSE && untouched == 0x5A5A5A5A);
 }
@@ -126,31 +118,19 @@ void Read(IDvbServiceDescriptionTable& sdt, size_t bytesFed) {
         uint32_t serviceId = ~0u;
         Require(service.GetServiceId(&serviceId) == S_OK && serviceId <= kLast16);
         ReadDescriptorsOf(service);
-        ReadFields(*ComPtr<IDvbServiceDescription>(&service).As<IGetSetCOMParam>(), {{param::kScrambled, 1}});
+        ReadFields(*ComPtr<IDvbServiceDescription>(&service).As<IGetSetCOMParam>(), {param::kScrambled});
         return serviceId;
     });
 }
 
 void ReadGuide(IGetSetCOMParam& guide) {
-    ReadFields(guide, {{param::kTableType, kLast16},
-                       {param::kTablePid, kLastPid},
-                       {param::kTableVersion, 31},
-                       {param::kNumberBytes, ~0u}});
+    ReadFields(guide, {param::kTableType, param::kTablePid, param::kTableVersion, param::kNumberBytes});
 }
 
 void ReadChannel(IGetSetCOMParam& channel) {
-    ReadFields(channel, {{param::kMajorChannel, 1023},
-                         {param::kMinorChannel, 1023},
-                         {param::kModulationMode, 255},
-                         {param::kCarrierFrequency, ~0u},
-                         {param::kChannelTsid, kLast16},
-                         {param::kProgramNumber, kLast16},
-                         {param::kEtmLocation, 3},
-                         {param::kAccessControlled, 1},
-                         {param::kHidden, 1},
-                         {param::kHideGuide, 1},
-                         {param::kServiceType, 63},
-                         {param::kSourceId, kLast16}});
+    ReadFields(channel, {param::kMajorChannel, param::kMinorChannel, param::kModulationMode, param::kCarrierFrequency,
+                         param::kChannelTsid, param::kProgramNumber, param::kEtmLocation, param::kAccessControlled,
+                         param::kHidden, param::kHideGuide, param::kServiceType, param::kSourceId});
     CBstr name;
     Require(channel.GetStringParam(param::kShortName, name.Put()) == S_OK && name.View().size() <= 7);
     Require(channel.GetStringParam(param::kShortName, nullptr) == E_POINTER);
@@ -196,12 +176,11 @@ void ReadTable(IDvbTable* table, size_t bytesFed) {
     const auto parameters = any.As<IGetSetCOMParam>();
     Require(bool(parameters));
     if (const auto sdt = any.As<IDvbServiceDescriptionTable>()) {
-        ReadFields(*parameters, {{param::kTableIdExtension, ~0u}});
+        ReadFields(*parameters, {param::kTableIdExtension});
         Read(*sdt, bytesFed);
         return;
     }
-    ReadFields(*parameters,
-               {{param::kTableId, 255}, {param::kTableIdExtension, kLast16}, {param::kVersionNumber, 255}});
+    ReadFields(*parameters, {param::kTableId, param::kTableIdExtension, param::kVersionNumber});
     if (const auto pat = any.As<IDvbProgramAssociationTable>())
         Read(*pat, bytesFed);
     else if (const auto pmt = any.As<IDvbProgramMapTable>())
@@ -224,14 +203,8 @@ void ReadServices(CDvbServices& services) {
         Require(service.GetName(text.Put()) == S_OK && service.GetProviderName(text.Put()) == S_OK);
         Require(service.IsScrambled() == S_OK || service.IsScrambled() == S_FALSE);
         const auto parameters = ComPtr<IDvbService>(&service).As<IGetSetCOMParam>();
-        ReadFields(*parameters, {{param::kServiceId, kLast16},
-                                 {param::kServiceType, 255},
-                                 {param::kPcrPid, kLastPid},
-                                 {param::kPmtPid, kLastPid},
-                                 {param::kScrambled, 1},
-                                 {param::kMajorChannel, 1023},
-                                 {param::kMinorChannel, 1023},
-                                 {param::kSourceId, kLast16}});
+        ReadFields(*parameters, {param::kServiceId, param::kServiceType, param::kPcrPid, param::kPmtPid,
+                                 param::kScrambled, param::kMajorChannel, param::kMinorChannel, param::kSourceId});
         ComPtr<IDvbCollection> components;
         Require(service.GetComponents(components.Put()) == S_OK);
         ReadComponents(*components, DvbService::kMaxComponents);

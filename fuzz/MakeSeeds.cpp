@@ -115,48 +115,6 @@ void AddStreams(Seeds& seeds) {
     }
 }
 
-void AddAssemblies(Seeds& seeds) {
-    constexpr uint8_t kPidIndex[] = {0, 6, 3, 5, 5};
-    for (const TableSeed& table : Tables()) {
-        Bytes twice = {kPidIndex[table.kind]};
-        StreamBuilder stream;
-        stream.Section(1, table.section).Sections(1, {table.section, table.section}).Section(1, table.section);
-        for (size_t at = 0; at < stream.bytes().size(); at += kPacketSize) {
-            const bool start = (stream.bytes()[at + 1] & 0x40) != 0;
-            const auto payload = stream.bytes().begin() + static_cast<ptrdiff_t>(at) + 4;
-            twice = Join({twice, {static_cast<uint8_t>(start ? 0x80 : 0), 184}, Bytes(payload, payload + 184)});
-        }
-        seeds.push_back({"section_assembly_fuzz", twice});
-    }
-}
-
-void AddDescriptors(Seeds& seeds) {
-    const Descriptors descriptors = {VideoStream(),
-                                     Registration("HDMV"),
-                                     ConditionalAccess(0x0500, 0x0300, Text("key")),
-                                     Languages({{"eng", 0}, {"deu", 3}}),
-                                     AvcVideo(),
-                                     ServiceDescriptor(1, Text("Provider"), Text("\x05Name")),
-                                     StreamIdentifier(7),
-                                     Teletext({{"deu", 1, 1, 0x00}, {"deu", 2, 8, 0x50}}),
-                                     Subtitling({{"eng", 0x10, 1, 2}}),
-                                     DataBroadcast({.id = 5, .selector = Text("selector"), .text = Text("Text")}),
-                                     DataBroadcastId(0x0123),
-                                     Ac3({.componentType = 0x42, .bsid = 8})};
-    for (const Bytes& descriptor : descriptors) {
-        char tag[3];
-        std::snprintf(tag, sizeof tag, "%02x", descriptor[0]);
-        seeds.push_back({std::string("descriptor_") + tag + "_fuzz", {descriptor.begin() + 2, descriptor.end()}});
-    }
-    for (const uint8_t context : {0, 1, 2})
-        seeds.push_back({"descriptor_loop_fuzz", Join({{context}, Join(descriptors)})});
-    for (const std::string_view text : {"Plain",
-                                        "\x05Stra\xDF"
-                                        "e",
-                                        "\x10\x00\x02Text", "\x11\x04\x1F", "\x15\xC3\xA9", "\x14\xB0\xA1"})
-        seeds.push_back({"text_fuzz", Text(text)});
-}
-
 bool Write(const std::filesystem::path& folder, const Seeds& seeds) {
     int number = 0;
     for (const Seed& seed : seeds) {
@@ -183,8 +141,6 @@ int main(int argc, char** argv) {
     Seeds seeds;
     AddTables(seeds);
     AddStreams(seeds);
-    AddAssemblies(seeds);
-    AddDescriptors(seeds);
     try {
         if (Write(argv[1], seeds))
             return 0;

@@ -151,7 +151,7 @@ Bytes PmtOfA() {
 Bytes PmtOfB() {
     const Bytes mono = Ac3({.componentType = 0x40, .bsid = 8});
     const std::vector<PmtStream> streams = {
-        {0x1B, kVideoB, {AvcVideo({.profile = 77, .level = 13}), StreamIdentifier(1)}},
+        {0x1B, kVideoB, {AvcVideo(77, 13), StreamIdentifier(1)}},
         {0x06, kEnglishB, {Language("eng"), mono, StreamIdentifier(2)}},
         {0x0F, kFrenchB, {Language("fra"), StreamIdentifier(3)}},
     };

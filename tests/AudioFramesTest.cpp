@@ -106,64 +106,42 @@ const WAVEFORMATEX& FormatOf(FrameParser& parser, const Bytes& bytes) {
     return parser.Format();
 }
 
-// The nominal bit rates in kbit/s as runs of equal steps, which is how the standards' tables are made.
-uint32_t Octaves(uint32_t i) {  // 32 40 48 56, 64 80 96 112, 128 ...
-    return (4 + i % 4) << (3 + i / 4);
-}
-uint32_t AC3Rate(uint32_t i) {
-    return i < 16 ? Octaves(i) : 512 + 64 * (i - 16);
-}
-uint32_t MPARate(uint32_t id, uint32_t layer, uint32_t i) {
-    if (layer == 3 && id == 1)
-        return 32 * i;
-    if (layer == 3)
-        return i == 1 ? 32 : i <= 4 ? 40 + 8 * (i - 1) : i <= 12 ? 16 * i : 32 * (i - 6);
-    if (id == 0)
-        return i <= 8 ? 8 * i : 16 * (i - 4);
-    return layer == 2 && i > 1 ? Octaves(i) : Octaves(i - 1);
-}
-
+// A/52 table 5.18: the first and the last bit rate of each sampling rate, and the two of a pair.
 TEST(AudioFrames, AC3LengthsAreThoseOfTheBitRates) {
-    const uint32_t rates[] = {48'000, 44'100, 32'000};
-    for (uint32_t fscod = 0; fscod < 3; ++fscod) {
-        for (uint32_t code = 0; code < 38; ++code) {
-            // A frame is 1536 samples; where its bits are no whole number of words, every other code rounds up.
-            const uint32_t bits = AC3Rate(code / 2) * 1000 * 96;  // per 16
-            const uint32_t words = bits / rates[fscod] + (bits % rates[fscod] != 0 ? code % 2 : 0);
-            const Bytes frame = AC3(fscod, code).Frame(2 * words);
-            for (const Bytes& bytes : {Join({frame, frame}), Swapped(Join({frame, frame}))}) {
-                CAC3Parser parser;
-                EXPECT_EQ(Find(parser, bytes), (Found{S_OK, 0, 2 * words, 1536, true})) << fscod << " " << code;
-                EXPECT_EQ(parser.Format().nSamplesPerSec, rates[fscod]);
-            }
+    const struct {
+        uint32_t fscod, code, words, rate;
+    } cases[] = {{0, 0, 64, 48'000},     {0, 16, 256, 48'000},  {0, 37, 1'280, 48'000}, {1, 8, 139, 44'100},
+                 {1, 9, 140, 44'100},    {1, 0, 69, 44'100},    {1, 37, 1'394, 44'100}, {2, 1, 96, 32'000},
+                 {2, 30, 1'152, 32'000}, {2, 37, 1'920, 32'000}};
+    for (const auto& [fscod, code, words, rate] : cases) {
+        const Bytes frame = AC3(fscod, code).Frame(2 * words);
+        for (const Bytes& bytes : {Join({frame, frame}), Swapped(Join({frame, frame}))}) {
+            CAC3Parser parser;
+            EXPECT_EQ(Find(parser, bytes), (Found{S_OK, 0, 2 * words, 1536, true})) << fscod << " " << code;
+            EXPECT_EQ(parser.Format().nSamplesPerSec, rate);
         }
     }
-    CAC3Parser parser;
-    EXPECT_EQ(Find(parser, AC3(1, 37).Frame(2788)), (Found{S_OK, 0, 2788, 1536, false}));
-    EXPECT_EQ(Find(parser, AC3(0, 37).Frame(2560)), (Found{S_OK, 0, 2560, 1536, false}));
 }
 
+// ISO/IEC 11172-3 and 13818-3, clauses 2.4.2.3: bit rates of each layer at each of the sampling rates.
 TEST(AudioFrames, MPEGLengthsAreThoseOfTheBitRates) {
-    const uint32_t rates[] = {44'100, 48'000, 32'000};
-    for (uint32_t id = 0; id < 2; ++id) {
-        for (uint32_t layer = 1; layer < 4; ++layer) {
-            for (uint32_t n = 0; n < 14 * 3 * 2; ++n) {
-                const uint32_t index = 1 + n % 14, frequency = n / 14 % 3, padding = n / 42;
-                const uint32_t rate = rates[frequency] / (2 - id);
-                const uint32_t samples = layer == 3 ? 384 : 1152;
-                const uint32_t length =
-                    MPARate(id, layer, index) * 1000 * (samples / 8) / rate + padding * (layer == 3 ? 4 : 1);
-                const Bytes frame = MPA{id, layer, index, frequency, padding}.Frame(length);
-                CMPAParser parser;
-                EXPECT_EQ(Find(parser, Join({frame, frame})), (Found{S_OK, 0, length, samples, true}))
-                    << id << " " << layer << " " << index << " " << frequency << " " << padding;
-                EXPECT_EQ(parser.Format().nSamplesPerSec, rate);
-            }
+    const struct {
+        uint32_t id, layer, index, frequency, kilobits, rate;
+    } cases[] = {{1, 3, 1, 0, 32, 44'100},   {1, 3, 14, 1, 448, 48'000}, {1, 2, 1, 2, 32, 32'000},
+                 {1, 2, 5, 1, 80, 48'000},   {1, 2, 14, 0, 384, 44'100}, {1, 1, 2, 1, 40, 48'000},
+                 {1, 1, 14, 2, 320, 32'000}, {0, 3, 2, 0, 48, 22'050},   {0, 3, 14, 1, 256, 24'000},
+                 {0, 2, 1, 2, 8, 16'000},    {0, 2, 9, 1, 80, 24'000},   {0, 1, 14, 0, 160, 22'050}};
+    for (const auto& c : cases) {
+        for (uint32_t padding = 0; padding < 2; ++padding) {
+            const uint32_t samples = c.layer == 3 ? 384 : 1152;
+            const uint32_t length = c.kilobits * 1000 * (samples / 8) / c.rate + padding * (c.layer == 3 ? 4 : 1);
+            const Bytes frame = MPA{c.id, c.layer, c.index, c.frequency, padding}.Frame(length);
+            CMPAParser parser;
+            EXPECT_EQ(Find(parser, Join({frame, frame})), (Found{S_OK, 0, length, samples, true}))
+                << c.id << " " << c.layer << " " << c.index << " " << padding;
+            EXPECT_EQ(parser.Format().nSamplesPerSec, c.rate);
         }
     }
-    CMPAParser parser;
-    EXPECT_EQ(Find(parser, MPA().Frame(576)), (Found{S_OK, 0, 576, 1152, false}));
-    EXPECT_EQ(Find(parser, MPA{1, 3, 1, 0}.Frame(34)), (Found{S_OK, 0, 34, 384, false}));
 }
 
 TEST(AudioFrames, ImpossibleHeadersAreNoSyncWords) {

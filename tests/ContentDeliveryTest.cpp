@@ -1,4 +1,4 @@
-// The contents of output pins in a graph: what damage costs, when all start, and who waits for whom.
+// The contents of output pins in a graph: when all start, and who waits for whom.
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -19,112 +19,6 @@ using testing::ElementsAre;
 
 constexpr uint16_t kPid = 0x111;
 constexpr uint16_t kOtherPid = 0x112;
-
-build::ElementaryStream Subtitles(uint16_t pid, size_t pesSize) {
-    return {.pid = pid,
-            .streamType = 0x06,
-            .streamId = 0xBD,
-            .pesSize = pesSize,
-            .descriptors = {build::Subtitling({{"eng", 0x10, 1, 1}})}};
-}
-
-enum class Fault { kTwice, kLost, kBrokenStart };
-
-struct Damage {
-    const char* what;
-    MediaClass media;
-    Fault fault;
-    std::vector<size_t> lostPes;          // whole, counted from 0
-    std::pair<size_t, size_t> lostBytes;  // of the damaged one, from and to
-    bool discontinuity;
-};
-
-class Damages : public testing::TestWithParam<Damage> {};
-
-// PES number 40 of 60 is damaged: its fourth packet, or its start.
-TEST_P(Damages, CostNoMoreThanTheyMust) {
-    constexpr size_t kPes = 40;
-    constexpr size_t kSize = 2'000;
-    const Damage& damage = GetParam();
-    const bool isVideo = damage.media == MediaClass::kVideo;
-    const bool isAudio = damage.media == MediaClass::kAudio;
-    const build::ElementaryStream damaged = isVideo   ? Video(kPid, kSize)
-                                            : isAudio ? Audio(kPid, kSize)
-                                                      : Subtitles(kPid, kSize);
-    // Something else for the start to wait for: it needs a time stamp and 64 KiB.
-    ProgrammeBuilder builder({{.streams = {damaged, Audio(kOtherPid)}}});
-    SplitterGraph graph;
-    TestSink& sink = isVideo   ? graph.AddStream(u"s", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kPid)
-                     : isAudio ? graph.AddStream(u"s", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kPid)
-                               : graph.AddStream(u"s", MEDIATYPE_Stream, MEDIASUBTYPE_DVB_SUBTITLE, kPid);
-    graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kOtherPid);
-    ASSERT_EQ(graph.Run(), S_OK);
-
-    const Bytes sent = builder.Tables().Frames(60).Padding().Take();
-    Bytes stream;
-    size_t starts = 0;
-    size_t inPes = 0;
-    for (size_t at = 0; at < sent.size(); at += kPacketSize) {
-        Bytes packet(sent.begin() + static_cast<ptrdiff_t>(at),
-                     sent.begin() + static_cast<ptrdiff_t>(at + kPacketSize));
-        const TsHeader header = DecodeTsHeader(packet.data());
-        bool hit = false;
-        if (header.Pid() == kPid && header.HasPayload()) {
-            inPes = header.PayloadUnitStartIndicator() ? 0 : inPes + 1;
-            starts += inPes == 0;
-            hit = starts == kPes + 1 && inPes == (damage.fault == Fault::kBrokenStart ? 0 : 3);
-        }
-        if (hit && damage.fault == Fault::kLost)
-            continue;
-        if (hit && damage.fault == Fault::kBrokenStart)
-            packet[6] = 0x77;  // in the packet_start_code_prefix
-        stream.insert(stream.end(), packet.begin(), packet.end());
-        if (hit && damage.fault == Fault::kTwice)
-            stream.insert(stream.end(), packet.begin(), packet.end());
-    }
-    ASSERT_EQ(graph.source->Push(stream), S_OK);
-    ASSERT_EQ(graph.End(), S_OK);
-    ASSERT_TRUE(sink.WaitForEnd());
-
-    const Bytes& payload = builder.Payload(kPid);
-    Bytes expected;
-    for (size_t pes = 0; pes < 60; ++pes) {
-        if (std::count(damage.lostPes.begin(), damage.lostPes.end(), pes) != 0)
-            continue;
-        const auto [from, to] = pes == kPes ? damage.lostBytes : std::pair<size_t, size_t>();
-        const uint8_t* bytes = payload.data() + pes * kSize;
-        expected.insert(expected.end(), bytes, bytes + from);
-        expected.insert(expected.end(), bytes + to, bytes + kSize);
-    }
-    EXPECT_EQ(sink.Bytes().size(), expected.size());
-    EXPECT_TRUE(sink.Bytes() == expected);
-    std::vector<size_t> discontinuities;
-    size_t position = 0;
-    for (const ReceivedSample& sample : sink.Samples()) {
-        if (sample.discontinuity)
-            discontinuities.push_back(position);
-        position += sample.bytes.size();
-    }
-    const std::vector<size_t> at = {0, kPes * kSize + damage.lostBytes.first};
-    EXPECT_EQ(discontinuities, damage.discontinuity ? at : std::vector<size_t>{0});
-    // The wrong time would be worse than none.
-    const size_t times = damage.fault == Fault::kBrokenStart && !isVideo ? 59 : 60 - damage.lostPes.size();
-    EXPECT_EQ(sink.Times().size(), times);
-}
-
-// A first packet holds 170 bytes behind its PES header, the others 184.
-INSTANTIATE_TEST_SUITE_P(
-    All, Damages,
-    testing::Values(Damage{"VideoTwice", MediaClass::kVideo, Fault::kTwice, {}, {}, false},
-                    Damage{"VideoLost", MediaClass::kVideo, Fault::kLost, {40}, {}, false},
-                    Damage{"VideoStart", MediaClass::kVideo, Fault::kBrokenStart, {39, 40}, {}, false},
-                    Damage{"AudioTwice", MediaClass::kAudio, Fault::kTwice, {}, {}, false},
-                    Damage{"AudioLost", MediaClass::kAudio, Fault::kLost, {}, {538, 722}, false},
-                    Damage{"AudioStart", MediaClass::kAudio, Fault::kBrokenStart, {}, {0, 170}, false},
-                    Damage{"SubtitleTwice", MediaClass::kSubtitle, Fault::kTwice, {}, {}, false},
-                    Damage{"SubtitleLost", MediaClass::kSubtitle, Fault::kLost, {}, {538, 722}, true},
-                    Damage{"SubtitleStart", MediaClass::kSubtitle, Fault::kBrokenStart, {}, {0, 170}, true}),
-    [](const auto& damage) { return std::string(damage.param.what); });
 
 TEST(StartSync, TheFirstAudioIsTheStartOfAll) {
     struct {
@@ -148,12 +42,13 @@ TEST(StartSync, TheFirstAudioIsTheStartOfAll) {
         }
         ASSERT_EQ(graph.Run(), S_OK);
         ProgrammeBuilder builder({programme});
-        // Audio before the first time stamp of a start is not delivered.
-        builder.Tables().stream().Packet(kOtherPid, Bytes(184, 0xAA));
+        // Before the first time stamp of a start, audio is not delivered, and video goes with the picture behind it.
+        const Bytes before(184, 0xAA);
+        builder.Tables().stream().Packet(kOtherPid, before).Packet(kPid, before);
         ASSERT_EQ(graph.source->Push(builder.Frames(30).Padding().Take()), S_OK);
         ASSERT_EQ(graph.End(), S_OK);
         ASSERT_TRUE(video.WaitForEnd());
-        EXPECT_TRUE(video.Bytes() == builder.Payload(kPid));
+        EXPECT_TRUE(video.Bytes() == build::Join({before, builder.Payload(kPid)}));
         const auto samples = video.Samples();
         ASSERT_EQ(samples.size(), 30u);
         for (size_t i = 0; i < expected.size(); ++i) {
@@ -548,6 +443,32 @@ TEST(Reset, BesideAStalledReceiverWaitsForNobodyAndLosesNoEnd) {
     }
 }
 
+// A receiver that answers only after a reset has spoken of what came before it.
+TEST(Reset, ALateAnswerDoesNotCount) {
+    SplitterGraph graph;
+    TestSink& sink = graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {kPid}, MEDIA_TRANSPORT_PACKET);
+    CEvent asked(EventReset::kManual);
+    CEvent answers(EventReset::kManual);
+    sink.OnSample([&](IMediaSample&) {
+        if (asked.IsSet())
+            return S_OK;
+        asked.Set();
+        EXPECT_TRUE(answers.Wait(kTestWait)) << "waited for the reset";
+        return S_FALSE;
+    });
+    ASSERT_EQ(graph.Run(), S_OK);
+    ProgrammeBuilder builder({{.streams = {Video(kPid)}}});
+    const auto push = [&] { EXPECT_EQ(graph.source->Push(builder.Tables().Frames(3).Padding().Take()), S_OK); };
+    push();
+    ASSERT_TRUE(asked.Wait(kTestWait));
+    ASSERT_EQ(graph.splitter->Reset(), S_OK);
+    answers.Set();
+    push();
+    ASSERT_EQ(graph.End(), S_OK);
+    ASSERT_TRUE(sink.WaitForEnd());
+    EXPECT_FALSE(sink.Bytes().empty());
+}
+
 TEST(Mapping, ChangesAtTheByteWhereItCame) {
     SplitterGraph graph;
     TestSink& sink = graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {kPid}, MEDIA_TRANSPORT_PACKET);
@@ -575,13 +496,9 @@ TEST(Mapping, ChangesAtTheByteWhereItCame) {
     ASSERT_EQ(graph.End(), S_OK);
     ASSERT_TRUE(sink.WaitForEnd());
     std::vector<std::pair<uint8_t, uint8_t>> received;  // low byte of the PID, number
-    std::vector<size_t> discontinuities;
-    for (const ReceivedSample& sample : sink.Samples()) {
-        if (sample.discontinuity)
-            discontinuities.push_back(received.size());
+    for (const ReceivedSample& sample : sink.Samples())
         for (size_t at = 0; at < sample.bytes.size(); at += kPacketSize)
             received.emplace_back(sample.bytes[at + 2], sample.bytes[at + 4]);
-    }
     std::vector<std::pair<uint8_t, uint8_t>> expected;
     for (uint8_t i = 0; i < 90; ++i) {
         expected.emplace_back(0x11, i);
@@ -589,7 +506,7 @@ TEST(Mapping, ChangesAtTheByteWhereItCame) {
             expected.emplace_back(0x12, i);
     }
     EXPECT_EQ(received, expected);
-    EXPECT_THAT(discontinuities, ElementsAre(0, 30));
+    EXPECT_THAT(sink.Discontinuities(), ElementsAre(0, 30 * kPacketSize));
 }
 
 }  // namespace

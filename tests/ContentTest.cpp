@@ -169,13 +169,16 @@ struct LooseContent {
         EXPECT_EQ(filter->Feed(tables.Tables().Padding().Take()), S_OK);
     }
     // Every packet; the first result that is not S_OK.
-    HRESULT Add(const Bytes& packets) {
+    HRESULT Add(const Bytes& packets) { return AddTo(*content, packets); }
+    static HRESULT AddTo(CStreamExecutor& content, const Bytes& packets) {
         for (size_t at = 0; at < packets.size(); at += kPacketSize) {
             const uint8_t* packet = packets.data() + at;
             const TsHeader header = DecodeTsHeader(packet);
             const auto adaptation =
                 header.HasAdaptationField() ? DecodeAdaptationFieldHeader(packet) : AdaptationFieldHeader{};
-            if (const HRESULT result = content->AddPacket(packet, header, adaptation); result != S_OK)
+            const OfferedPacket offered{packet, header, adaptation};
+            size_t taken = 0;
+            if (const HRESULT result = content.AddPackets({&offered, 1}, &taken); result != S_OK)
                 return result;
         }
         return S_OK;
@@ -244,6 +247,14 @@ TEST(ElementaryStream, SkipsAHeaderLongerThanAPacket) {
         EXPECT_EQ(at.Add(std::exchange(at.stream.bytes(), {})), S_OK);
         EXPECT_EQ(at.content->QueuedBytes(), cut ? 0 : 100);
         EXPECT_EQ(at.content->GetFirstTimestamp(), 5);
+        if (cut) {
+            // What follows a gap is no header.
+            const auto counter = static_cast<uint8_t>((at.stream.NextContinuity(kPid) + 3) & 0x0F);
+            at.stream.Packet(kPid, Bytes(184, 0x22), {.continuity = counter});
+            EXPECT_EQ(at.Add(std::exchange(at.stream.bytes(), {})), S_OK);
+            EXPECT_EQ(at.content->QueuedBytes(), 184);
+            EXPECT_EQ(at.content->DropData(184), S_OK);
+        }
         // The next one begins whatever has come of the last one's header.
         EXPECT_EQ(at.AddPes(7, 10), S_OK);
         EXPECT_EQ(at.content->QueuedBytes(), cut ? 10 : 110);
@@ -356,6 +367,37 @@ struct TwoContents {
     std::vector<OutputPinPtr> pins;
 };
 
+TEST(StartSync, WaitsForHalfASecondAnd64KiB) {
+    struct {
+        int64_t pcr;  // of the second one, after 0
+        size_t bytes;
+        HRESULT result;
+    } const cases[] = {{13'499'999, 65'536, E_FAIL}, {13'500'000, 65'535, E_FAIL}, {13'500'000, 65'536, S_OK}};
+    for (const auto& [pcr, bytes, result] : cases) {
+        LooseContent at(2, {kPid});
+        at.Bind(0x02);
+        EXPECT_EQ(at.AddPes(5, bytes), S_OK);
+        at.filter->Feed(StreamBuilder().Pcr(0x101, 0).Pcr(0x101, pcr).Null().Null().bytes());
+        SyncOrigin origin{};
+        SyncSettings settings{};
+        settings.waitsForHalfSecond = true;
+        EXPECT_EQ(StartClock(at.filter->Clocks(), *at.content, {&at.pin, 1}, settings, &origin), result)
+            << pcr << " " << bytes;
+    }
+}
+
+// An output that has failed gets no data any more.
+TEST(StartSync, WaitsForNoStreamThatHasFailed) {
+    TwoContents at(StreamingMode::kRecording);
+    at.Streams() = {Video(kPid), Audio(kOtherPid)};
+    at.Feed(at.video.tables.Tables().stream().Pcr(0x101, 0));
+    EXPECT_EQ(at.video.AddPes(5, 70'000), S_OK);
+    SyncOrigin origin{};
+    EXPECT_EQ(at.Start(*at.video.content, &origin), E_FAIL) << "sound has still to come";
+    at.pins[1]->SetRuntimeError();
+    EXPECT_EQ(at.Start(*at.video.content, &origin), S_OK);
+}
+
 // In a file the program of a mapped stream is known without a connection.
 TEST(StartSync, WaitsForNoStreamThatIsNotPlayed) {
     LooseContent donor(2, {kPid});
@@ -391,9 +433,7 @@ TEST(StartSync, IsTheSameForThoseWhoAskBehindAJump) {
         EXPECT_EQ(at.video.AddPes(300'000, 70'000), S_OK);
         StreamBuilder sound;
         sound.Pes(kOtherPid, 0xC0, Bytes(100), {.pts = 200'000});
-        const TsHeader header = DecodeTsHeader(sound.bytes().data());
-        EXPECT_EQ(at.audio->AddPacket(sound.bytes().data(), header, DecodeAdaptationFieldHeader(sound.bytes().data())),
-                  S_OK);
+        EXPECT_EQ(LooseContent::AddTo(*at.audio, sound.bytes()), S_OK);
         SyncOrigin first{}, second{};
         ASSERT_EQ(at.Start(*at.audio, &first), S_OK);
         at.audio->Inactive();

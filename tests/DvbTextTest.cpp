@@ -104,19 +104,11 @@ TEST(DvbText, Iso6937MarksComposeWithTheLettersThatTakeThem) {
     const Mark marks[] = {
         {0xC0, u' ', "", u""},
         {0xC1, u'`', "AEIOUWYaeiouwy", u"ÀÈÌÒÙẀỲàèìòùẁỳ"},
-        {0xC2, u'´', "ACEILNORSUWYZaceilnorsuwyz", u"ÁĆÉÍĹŃÓŔŚÚẂÝŹáćéíĺńóŕśúẃýź"},
         {0xC3, u'ˆ', "ACEGHIJOSUWYaceghijosuwy", u"ÂĈÊĜĤÎĴÔŜÛŴŶâĉêĝĥîĵôŝûŵŷ"},
-        {0xC4, u'˜', "AEINOUYaeinouy", u"ÃẼĨÑÕŨỸãẽĩñõũỹ"},
         {0xC5, u'ˉ', "AEIOUaeiou", u"ĀĒĪŌŪāēīōū"},
-        {0xC6, u'ˇ', "AEGILOUaegilou", u"ĂĔĞĬĽŎŬăĕğĭľŏŭ"},
-        {0xC7, u'˙', "CEGIZcegiz", u"ĊĖĠİŻċėġİż"},
-        {0xC8, u'¨', "AEIOUWYaeiouwy", u"ÄËÏÖÜẄŸäëïöüẅÿ"},
         {0xC9, u'.', "AEIOUYaeiouy", u"ẠẸỊỌỤỴạẹịọụỵ"},
         {0xCA, u'˚', "AUau", u"ÅŮåů"},
-        {0xCB, u'¸', "CGKLNRSTcgklnrst", u"ÇĢĶĻŅŖŞŢçģķļņŗşţ"},
         {0xCC, u'_', "", u""},
-        {0xCD, u'˝', "OUou", u"ŐŰőű"},
-        {0xCE, u'˛', "AEIUaeiu", u"ĄĘĮŲąęįų"},
         {0xCF, u'ˇ', "ACDEINORSTUZacdeinorstuz", u"ǍČĎĚǏŇǑŘŠŤǓŽǎčďěǐňǒřšťǔž"},
     };
     for (const Mark& mark : marks) {
@@ -194,32 +186,6 @@ TEST(LanguageCode, SynonymsMeetInOneCode) {
     }
     EXPECT_EQ(NormaliseLanguage('D', 'E', 'U'), 0x676572u);
     EXPECT_EQ(NormaliseLanguage(0xC4, '[', '@'), 0xC45B40u) << "only A to Z have a lower case";
-}
-
-TEST(LanguageCode, ANormalisedCodeStaysAsItIs) {
-    const std::string_view characters(
-        "\0"
-        "2abcdefghijklmnopqrstuvwxyz",
-        28);
-    int two = 0;
-    int three = 0;
-    for (const char first : characters) {
-        for (const char second : characters) {
-            for (const char third : characters) {
-                const auto normalise = [](uint32_t b0, uint32_t b1, uint32_t b2) {
-                    return NormaliseLanguage(static_cast<uint8_t>(b0), static_cast<uint8_t>(b1),
-                                             static_cast<uint8_t>(b2));
-                };
-                const auto code = static_cast<uint32_t>(first << 16 | second << 8 | third);
-                const uint32_t normal = normalise(code >> 16, code >> 8, code);
-                EXPECT_EQ(normalise(normal >> 16, normal >> 8, normal), normal) << std::hex << code;
-                if (normal != code)
-                    ++(first == 0 ? two : three);
-            }
-        }
-    }
-    EXPECT_EQ(two, 134);
-    EXPECT_EQ(three, 26);
 }
 
 TEST(LanguageCode, ShowsWhatIsThere) {

@@ -324,6 +324,58 @@ TEST(ProgramMapTables, ShareWhatHasNotChanged) {
     EXPECT_EQ(count, kPrograms - 1);
 }
 
+// What the tables say reaches the services: each step's sections, and what is known after it.
+TEST(FilterBase, ServicesFollowTheTables) {
+    constexpr uint16_t kPcrPid = 0x101;
+    const build::SectionHeader half = {.version = 1, .lastSectionNumber = 1};
+    const build::SectionHeader rest = {.version = 1, .sectionNumber = 1, .lastSectionNumber = 1};
+    const auto sdt = [](const build::SectionHeader& header) {
+        return build::Sdt({.transportStreamId = 5, .services = {{1}}}, header);
+    };
+    const Bytes pat = Pat(5, {{1, 0x100}, {2, 0x100}});
+    const Bytes second = Pmt({.program = 2, .pcrPid = kPcrPid, .streams = {{2, 0x201}}});
+    const Bytes first = Pmt({.program = 1, .pcrPid = kPcrPid, .streams = {{2, 0x201}}});
+    const struct {
+        const char* what;
+        bool pcrPid;  // with a packet of it in front
+        std::vector<std::pair<uint16_t, Bytes>> sections;
+        HRESULT complete;
+        size_t programs;  // whose tables count
+        uint32_t first;   // of them, when it is there
+    } steps[] = {
+        {"no packet of the PCR PID",
+         false,
+         {{0, pat}, {0x100, second}, {0x100, first}, {0x11, sdt({})}},
+         S_FALSE,
+         0,
+         0},
+        {"the tables once more", true, {{0x100, second}}, S_FALSE, 1, 0},
+        {"the lower key comes last", false, {{0x100, first}}, S_OK, 2, 1},
+        {"a version that is changing", false, {{0x11, sdt(half)}}, S_FALSE, 2, 1},
+        {"that has changed", false, {{0x11, sdt(rest)}}, S_OK, 2, 1},
+        {"another transport stream", false, {{0, Pat(6, {{3, 0x300}})}}, S_FALSE, 0, 0},
+    };
+    const auto filter = MakeFilter();
+    TableStream stream;
+    for (const auto& step : steps) {
+        SCOPED_TRACE(step.what);
+        if (step.pcrPid)
+            stream.Packet(kPcrPid, kPayload);
+        for (const auto& [pid, section] : step.sections)
+            stream.Table(pid, section);
+        filter->Feed(stream.Take());
+        EXPECT_EQ(filter->IsServiceInformationComplete(), step.complete);
+        ComPtr<IDvbTable> table;
+        uint32_t program = 0;
+        if (filter->GetFirstTable(2, table.Put()) == S_OK)
+            table.As<IDvbProgramMapTable>()->GetProgramNumber(&program);
+        EXPECT_EQ(program, step.first);
+        size_t programs = 0;
+        filter->CurrentProgramMapTables()->ForEach([&programs](uint32_t, IDvbProgramMapTable&) { ++programs; });
+        EXPECT_EQ(programs, step.programs);
+    }
+}
+
 TEST(FilterBase, OutputsGetASectionAfterTheTablesAndBeforeItsPacket) {
     class Sink final : public IPacketSink {
     public:

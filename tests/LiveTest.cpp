@@ -1,6 +1,5 @@
 // The live splitter: times that follow the arrivals, nothing lost, and a receiver that stalls alone.
 #include <gmock/gmock.h>
-#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -93,39 +92,6 @@ TEST(Live, TimesFollowTheArrivalsAndNothingIsLost) {
     EXPECT_GE(live.video->Times().size(), 249u);
     for (const REFERENCE_TIME distance : live.Distances(*live.video, kVideoPid))
         EXPECT_LE(std::abs(distance), 200'000);
-}
-
-// Against real time, on one core, with the other one busy. What it says of the spread is for people to read.
-TEST(Live, KeepsUpInRealTimeOnOneCore) {
-    std::atomic<bool> stop{false};
-    std::thread busy([&stop] {
-        while (!stop)
-            ;
-    });
-    cpu_set_t cores;
-    CPU_ZERO(&cores);
-    CPU_SET(0, &cores);
-    std::thread([&] {
-        pthread_setaffinity_np(pthread_self(), sizeof(cores), &cores);  // what this thread starts stays there too
-        LiveGraph live(nullptr);
-        EXPECT_EQ(live.graph.source->Push(live.builder.Tables().Take()), S_OK);
-        const auto start = std::chrono::steady_clock::now();
-        for (int frame = 0; frame < 75; ++frame) {
-            live.PushFrame();
-            std::this_thread::sleep_until(start + std::chrono::milliseconds(40) * (frame + 1));
-        }
-        EXPECT_EQ(live.graph.source->Push(live.builder.Padding().Take()), S_OK);
-        EXPECT_EQ(live.graph.End(), S_OK);
-        ASSERT_TRUE(live.video->WaitForEnd());
-        EXPECT_TRUE(live.video->Bytes() == live.builder.Payload(kVideoPid));
-        const auto distances = live.Distances(*live.video, kVideoPid);
-        ASSERT_FALSE(distances.empty());
-        const auto [least, most] = std::minmax_element(distances.begin(), distances.end());
-        std::printf("sample times lie %.1f to %.1f ms from the clock's\n", static_cast<double>(*least) / 10'000,
-                    static_cast<double>(*most) / 10'000);
-    }).join();
-    stop = true;
-    busy.join();
 }
 
 TEST(Live, AStalledReceiverLosesItsOwnDataOnly) {

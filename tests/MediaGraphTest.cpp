@@ -103,28 +103,16 @@ public:
         uint8_t* buffer = nullptr;
         sample->GetPointer(&buffer);
         m_log.Add("sample " + std::to_string(*buffer));
-        const std::lock_guard lock(m_mutex);
-        if (m_keep)
-            m_kept = ComPtr<IMediaSample>(sample);
         return S_OK;
     }
     HRESULT EndOfStream() override {
         m_log.Add("end");
         return m_filter->NotifyEvent(EC_COMPLETE, S_OK, 0);
     }
-    HRESULT BeginFlush() override {
-        CBaseInputPin::BeginFlush();
-        const std::lock_guard lock(m_mutex);
-        m_kept.Reset();
-        return S_OK;
-    }
 
     Log& m_log;
     std::vector<GUID> m_subtypes;
     HRESULT m_complete = S_OK;
-    std::mutex m_mutex;
-    bool m_keep = false;
-    ComPtr<IMediaSample> m_kept;
 };
 
 // A filter with any pins, which may offer a clock.
@@ -327,34 +315,6 @@ TEST(Streaming, AnInputPinTellsWhyItTakesNothing) {
     EXPECT_EQ(rig.out->Send(7), S_OK) << "a flush ends the error";
     rig.graph->Stop();
     EXPECT_EQ(rig.out->Send(8), VFW_E_NOT_COMMITTED);
-}
-
-TEST(Streaming, AFlushAndAStopEndTheWaitOfAThreadThatSends) {
-    Rig rig;
-    ASSERT_EQ(rig.Connect(), S_OK);
-    rig.in->m_keep = true;  // one buffer, which the sink keeps: the second send waits
-    ASSERT_EQ(rig.graph->Run(0), S_OK);
-    rig.log.Take();
-    const auto sender = CThread::Create(0, [&]() -> uint32_t {
-        HRESULT result = S_OK;
-        while (SUCCEEDED(result))
-            result = rig.out->Send(1);
-        return static_cast<uint32_t>(result);
-    });
-    ASSERT_NE(sender, nullptr);
-    const auto waitForSample = [&] {
-        while (rig.log.Take().empty())
-            Sleep(1);
-    };
-    waitForSample();
-    ASSERT_EQ(rig.out->DeliverBeginFlush(), S_OK);
-    ASSERT_EQ(rig.out->DeliverEndFlush(), S_OK);
-    waitForSample();
-    EXPECT_FALSE(sender->Wait(20)) << "it waits again";
-    ASSERT_EQ(rig.graph->Stop(), S_OK);
-    ASSERT_TRUE(sender->Wait(kBound));
-    EXPECT_EQ(static_cast<HRESULT>(sender->ExitCode()), VFW_E_NOT_COMMITTED);
-    rig.in->m_kept.Reset();
 }
 
 TEST(Graph, ChangesStateUpstreamAndKeepsStreamTimeOverAPause) {

@@ -6,14 +6,18 @@
 #include <fstream>
 #include <thread>
 
+#include "core/PropertyPages.h"
+#include "core/TsFilterBase.h"
 #include "filters/module/ClassTable.h"
 #include "filters/module/Module.h"
 #include "platform/com/ClassRegistry.h"
 #include "platform/com/ComPtr.h"
 #include "platform/com/GuidText.h"
+#include "platform/com/TaskMemory.h"
 #include "platform/media/GraphInterfaces.h"
 #include "platform/media/MediaType.h"
 #include "platform/media/SourceInterfaces.h"
+#include "platform/ui/PropertyPage.h"
 #include "tests/support/GraphFixture.h"
 #include "tests/support/Movie.h"
 #include "tests/support/RegistryFolder.h"
@@ -248,15 +252,6 @@ TEST_F(Module, TakesOutWhatItRegisteredAndNoMore) {
     }
 }
 
-TEST_F(Module, LeavesAFileAloneThatIsNoRegistry) {
-    folder.Write("Dear diary,\n");
-    EXPECT_EQ(s_register(), REGDB_E_INVALIDVALUE);
-    EXPECT_EQ(s_unregister(), REGDB_E_INVALIDVALUE);
-    EXPECT_EQ(folder.Text(), "Dear diary,\n");
-    setenv("TESSEL_REGISTRY", (folder.path + "/in/a/file").c_str(), 1);
-    EXPECT_EQ(ErrorOfResult(s_register()), ENOTDIR);
-}
-
 TEST_F(Module, AKilledRegistrationLeavesTheOldFileOrTheNew) {
     folder.Write("# old\n[class {11111111-0000-0000-0000-000000000000}]\nserver = /other.ax\n");
     const std::string before = folder.Text();
@@ -276,6 +271,48 @@ TEST_F(Module, AKilledRegistrationLeavesTheOldFileOrTheNew) {
         GTEST_SKIP() << "this system does not let a process trace another";
     EXPECT_GT(olds, 10u);
     EXPECT_GT(news, 1u);
+}
+
+// In this process, where one can look at what a class is made as.
+TEST(ClassTable, MakesEachClassAsItIsNamed) {
+    const struct {
+        const char16_t* name;
+        StreamingMode mode;
+        int32_t parameter;
+    } filters[] = {{u"Corvane MPEG TS Splitter", StreamingMode::kLive, 1},
+                   {u"Corvane MPEG TS Splitter (Async)", StreamingMode::kStream, 1},
+                   {u"Corvane MPEG TS Splitter (Rec)", StreamingMode::kRecording, 0},
+                   {u"Corvane MPEG TS FileSource", StreamingMode::kFile, 0}};
+    const std::pair<CLSID, const char16_t*> pages[] = {
+        {kPageServices, u"Services"},           {kPageProgramAssociationTable, u"PAT"},
+        {kPageServiceDescriptionTable, u"SDT"}, {kPageNetworkInformationTable, u"NIT"},
+        {kPageServiceGuideTable, u"SGT"},       {kPageGenreLookupTable, u"GLT"},
+        {kPageConditionalAccessTable, u"CAT"},  {kPageVirtualChannelTable, u"VCT"},
+        {kPagePidMapping, u"PID Map"},          {kPageOutputPins, u"OutPins"}};
+    ASSERT_EQ(ModuleClasses().size(), std::size(filters) + std::size(pages));
+    for (const ModuleClass& made : ModuleClasses()) {
+        HRESULT result = E_FAIL;
+        ComPtr<IUnknown> object;
+        made.create(nullptr, &result)
+            ->NonDelegatingQueryInterface(IUnknown::kIid, reinterpret_cast<void**>(object.Put()));
+        if (const auto page = object.As<IPropertyPage>()) {
+            PROPPAGEINFO info;
+            ASSERT_EQ(page->GetPageInfo(&info), S_OK);
+            const auto* row = std::ranges::find(pages, made.id, &std::pair<CLSID, const char16_t*>::first);
+            ASSERT_NE(row, std::end(pages));
+            EXPECT_EQ(std::u16string(info.pszTitle), row->second);
+            CoTaskMemFree(info.pszTitle);
+            continue;
+        }
+        const auto filter = object.As<IBaseFilter>();
+        ASSERT_TRUE(filter);
+        const auto& base = dynamic_cast<CTsFilterBase&>(*filter);
+        const auto* row = std::ranges::find_if(
+            filters, [&made](const auto& at) { return std::u16string_view(at.name) == made.name; });
+        ASSERT_NE(row, std::end(filters));
+        EXPECT_EQ(base.Mode(), row->mode);
+        EXPECT_EQ(base.ModeParameter(), row->parameter);
+    }
 }
 
 class Fragile final : public CUnknown {

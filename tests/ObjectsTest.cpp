@@ -177,7 +177,15 @@ TEST(Service, OnlyScrambledProgrammeStreamsScrambleIt) {
         uint32_t streamType;
         bool marks;
     };
-    for (const Case c : {Case{0x06, false}, Case{0x02, true}, Case{0x11, true}, Case{0x81, false}, Case{0x1B, true}}) {
+    // A radio has nothing but audio.
+    for (const Case c : {Case{0x06, false},
+                         {0x02, true},
+                         {0x03, true},
+                         {0x04, true},
+                         {0x0F, true},
+                         {0x11, true},
+                         {0x81, false},
+                         {0x1B, true}}) {
         const auto service = MakeObject<DvbService>(1);
         service->AddComponent(MakeObject<Component>(c.streamType, false).Get());
         EXPECT_EQ(service->IsScrambled(), S_FALSE);

@@ -242,19 +242,6 @@ TEST_F(StreamFile, AnswersEveryOperation) {
     EXPECT_EQ(result, E_FAIL);
 }
 
-TEST_F(StreamFile, TakesPathsOfAnyLengthThatTheSystemTakes) {
-    for (const size_t length : {259u, 260u, 261u, 1000u}) {
-        std::string path = m_folder.string();
-        while (path.size() + 202 < length)
-            path += "/" + std::string(200, 'd');
-        fs::create_directories(path);
-        path += "/" + std::string(length - path.size() - 1, 'f');
-        ASSERT_EQ(path.size(), length);
-        Append(path, 0, 10);
-        EXPECT_EQ(ReadChecked(Open(path), 20), 10u) << length;
-    }
-}
-
 TEST_F(StreamFile, FollowsAFileThatOthersChange) {
     const fs::path path = m_folder / "a.ts";
     Append(path, 0, 0);

@@ -290,11 +290,7 @@ TEST(Component, TheStreamTypeAndItsDescriptorsGiveTheMediaType) {
     } cases[] = {
         {0x01, {}, &MEDIATYPE_Video, &MEDIASUBTYPE_MPEG1Payload},
         {0x02, {ac3}, &MEDIATYPE_Video, &MEDIASUBTYPE_MPEG2_VIDEO},
-        {0x10, {}, &MEDIATYPE_Video, &MEDIASUBTYPE_MPEG4_VIDEO},
-        {0x1B, {}, &MEDIATYPE_Video, &MEDIASUBTYPE_AVC_VIDEO},
         {0x03, {}, &MEDIATYPE_Audio, &MEDIASUBTYPE_MPEG1Payload},
-        {0x04, {}, &MEDIATYPE_Audio, &MEDIASUBTYPE_MPEG2_AUDIO},
-        {0x0F, {}, &MEDIATYPE_Audio, &MEDIASUBTYPE_AAC_AUDIO},
         {0x81, {}, &MEDIATYPE_Audio, &MEDIASUBTYPE_DOLBY_AC3},
         {0x06, {subtitling, teletext, ac3}, &MEDIATYPE_Audio, &MEDIASUBTYPE_DOLBY_AC3},
         {0x06, {subtitling, teletext}, &KSDATAFORMAT_TYPE_VBI, &KSDATAFORMAT_SUBTYPE_TELETEXT},

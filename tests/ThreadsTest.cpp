@@ -105,24 +105,6 @@ TEST(Event, AutoResetGivesOneWaitASettingAndManualAllUntilReset) {
     EXPECT_FALSE(automatic.IsSet());
 }
 
-TEST(Event, NoSettingIsLostBetweenTwoThreads) {
-    constexpr int kRounds = 200000;
-    CEvent posted(EventReset::kAuto);
-    std::atomic<int> work{0};
-    const auto producer = Spawn([&] {
-        for (int i = 0; i < kRounds; ++i) {
-            ++work;
-            posted.Set();
-        }
-    });
-    for (int done = 0; done < kRounds; done += work.exchange(0)) {
-        if (work == 0) {
-            WAIT_FOR(posted);
-        }
-    }
-    WAIT_FOR(*producer);
-}
-
 // A wait that ends as the setting comes must not keep it from the thread that still waits.
 TEST(Event, EverySettingIsTakenWhileSomeWaitsEnd) {
     CEvent event(EventReset::kAuto);
@@ -297,25 +279,6 @@ TEST(RALThread, AfterAPauseAtMostOneTaskBegins) {
     }
 }
 
-TEST(RALThread, APauseDoesNotHoldBackAStop) {
-    Task task([] { return 0u; });
-    const auto wake = MakeEvent();
-    const auto thread = MakeWoken(task, wake);
-    std::atomic<bool> done{false};
-    const auto pauser = Spawn([&] {
-        while (!done)
-            thread->Pause();
-    });
-    for (int round = 0; round < 100 && !HasFailure(); ++round) {
-        EXPECT_EQ(thread->Start(nullptr, 65536), S_OK);
-        EXPECT_EQ(thread->Stop(), S_OK);
-        EXPECT_TRUE(thread->WaitForEnd(kBound)) << "round " << round;
-    }
-    EXPECT_EQ(task.m_tasks, 0) << "never resumed";
-    done = true;
-    WAIT_FOR(*pauser);
-}
-
 TEST(RALThread, AStopBeforeTheStartNoticeCounts) {
     CEvent coming(EventReset::kManual);
     CEvent release(EventReset::kManual);
@@ -359,22 +322,6 @@ TEST(RALThread, PrioritiesAreTriedAndAnyIsTolerated) {
     // Every system lets a thread step back, so these four took effect.
     EXPECT_TRUE(std::is_sorted(seen.begin(), seen.begin() + 4));
     EXPECT_LT(seen[0], seen[3]);
-}
-
-TEST(RALThread, StopEndsTheLongestSleep) {
-    CSemaphore ran;
-    Task task([&] {
-        ran.Release();
-        return INFINITE - 1;
-    });
-    const auto thread = MakeRALThread<CRALExecutorThread>(&task);
-    ASSERT_EQ(thread->Start(nullptr, 65536), S_OK);
-    thread->Resume(1);
-    WAIT_FOR(ran);
-    EXPECT_EQ(thread->Stop(), S_OK);
-    EXPECT_TRUE(thread->WaitForEnd(kBound));
-    EXPECT_EQ(task.m_tasks, 1);
-    EXPECT_EQ(task.m_ends, 1);
 }
 
 TEST(RALThread, ATaskThatHangsIsLeftWithItsExecutorAlive) {

@@ -2,12 +2,12 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <random>
 #include <thread>
 
 #include "core/PropertyPages.h"
 #include "platform/os/Thread.h"
 #include "services/objects/Collections.h"
+#include "tests/support/ProgramBuilder.h"
 #include "tests/support/SourceFixture.h"
 
 namespace tessel {
@@ -189,6 +189,64 @@ TEST_F(FileSource, AnswersItsInterfaces) {
     EXPECT_TRUE(ItemAs<IDvbService>(services.Get(), 0));
 }
 
+// What clients may ask for, and do, while it plays is there from the start.
+TEST_F(FileSource, IsReadyWhenItPauses) {
+    Movie movie;
+    movie.stream.Section(0x1FFB, build::Mgt({{0x0100, 0x1D00}})).Section(0x1FFB, build::ShortSection(0xFE, {}));
+    movie.Frames(50).Padding();
+    SourceGraph graph;
+    ASSERT_EQ(graph.Load(Write(movie.stream.bytes())), S_OK);
+    graph.AddStreams();
+    ASSERT_TRUE(SUCCEEDED(graph.graph->Pause()));
+    EXPECT_EQ(graph.Duration(), movie.Now()) << "nobody had asked before";
+    EXPECT_EQ(static_cast<CTsSource&>(*graph.filter).AddTablePid(0xCB, 0, 0x1D00), E_ACCESSDENIED)
+        << "the table is known, and what it lists is read again";
+}
+
+// The first pin's stream times the file, whatever comes after it.
+TEST_F(FileSource, TheFirstVideoElseTheFirstAudioIsTheMaster) {
+    for (const bool video : {true, false}) {
+        Movie movie({.video = video, .twins = true});
+        movie.Frames(50).Padding();
+        SourceGraph graph;
+        ASSERT_EQ(graph.Load(Write(movie.stream.bytes())), S_OK);
+        graph.Add(u"a", kAudioPid, MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload);
+        graph.Add(u"b", kAudioTwin, MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload);
+        if (video) {
+            graph.Add(u"v", kVideoPid, MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO);
+            graph.Add(u"w", kVideoTwin, MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO);
+        }
+        // The last audio frame is 24 ms long.
+        EXPECT_EQ(graph.Duration(), video ? movie.Now() : movie.Now() - Movie::kFrameTime + 240'000);
+    }
+}
+
+// The second programme's clock begins late.
+TEST_F(FileSource, ScansUntilEveryProgrammeHasItsClock) {
+    const build::Programme late{
+        .number = 2, .pmtPid = 0x200, .pcrPid = 0x201, .streams = {build::Audio(kAudioTwin, 20'000)}};
+    build::ProgrammeBuilder builder({{.streams = {build::Audio(kAudioPid, 20'000)}}});
+    build::StreamBuilder& stream = builder.stream();
+    stream.Packet(0x101, Bytes(184)).Packet(late.pcrPid, Bytes(184));
+    const std::pair<uint16_t, Bytes> tables[] = {
+        {0, build::Pat(1, {{1, 0x100}, {2, late.pmtPid}})},
+        {0x100, build::Pmt({.program = 1, .pcrPid = 0x101, .streams = {{0x03, kAudioPid}}})},
+        {late.pmtPid, build::Pmt({.program = 2, .pcrPid = late.pcrPid, .streams = {{0x03, kAudioTwin}}})},
+        {0x11, build::Sdt({.transportStreamId = 1, .services = {{1}, {2}}})}};
+    for (const auto& [pid, section] : tables)
+        stream.Section(pid, section).Section(pid, build::ShortSection(0xFE, {}));
+    builder.Frames(20);
+    builder.programmes().push_back(late);
+    constexpr int64_t kFrames = 30;
+    builder.Frames(kFrames).Padding();
+    SourceGraph graph;
+    ASSERT_EQ(graph.Load(Write(builder.Take())), S_OK);
+    graph.Add(u"a", kAudioTwin, MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload);
+    // Of its own first clock, not of the file's.
+    EXPECT_EQ(graph.Duration(),
+              (build::ProgrammeBuilder::kLead + kFrames * build::ProgrammeBuilder::kFrame) * 1000 / 9);
+}
+
 // Another file in the same filter, and pins for what is in it.
 TEST_F(FileSource, PlaysTheServiceThatIsChosen) {
     SourceGraph graph;
@@ -255,63 +313,6 @@ TEST_F(FileSource, TwoChoicesAtOnceMakeOnePairOfPins) {
         other.join();
         ASSERT_EQ(dynamic_cast<CTsSource&>(*graph.filter.Get()).GetPinCount(), 2) << round;
     }
-}
-
-// Plays, seeks, pauses and stops in any order, while another thread asks.
-TEST_F(FileSource, StandsWhateverItsClientsDo) {
-    Movie movie;
-    movie.Frames(300).Padding();
-    SourceGraph graph;
-    ASSERT_EQ(graph.Load(Write(movie.stream.bytes())), S_OK);
-    graph.AddStreams();
-    const REFERENCE_TIME duration = graph.Duration();
-    std::atomic<bool> done{false};
-    std::thread asking([&] {
-        while (!done) {
-            graph.Position();
-            EXPECT_EQ(graph.Duration(), duration);
-            DWORD capabilities = 0;
-            graph.seeking->GetCapabilities(&capabilities);
-            REFERENCE_TIME from = 0;
-            REFERENCE_TIME to = 0;
-            EXPECT_EQ(graph.seeking->GetAvailable(&from, &to), S_OK);
-            EXPECT_EQ(graph.filter.As<IDvbServiceInformation>()->IsServiceInformationComplete(), S_OK);
-        }
-    });
-    std::mt19937 random(7);
-    for (int i = 0; i < 150; ++i) {
-        REFERENCE_TIME target = static_cast<REFERENCE_TIME>(random() % static_cast<uint64_t>(duration));
-        switch (random() % 6) {
-        case 0:
-            ASSERT_TRUE(SUCCEEDED(graph.graph->Run(0)));
-            break;
-        case 1:
-            ASSERT_TRUE(SUCCEEDED(graph.graph->Pause()));
-            break;
-        case 2:
-            ASSERT_EQ(graph.graph->Stop(), S_OK);
-            break;
-        case 3:
-            ASSERT_TRUE(
-                SUCCEEDED(graph.graph->SetPositions(graph.seeking.Get(), &target, AM_SEEKING_AbsolutePositioning)));
-            break;
-        case 4:
-            Sleep(random() % 8);
-            break;
-        default:
-            const HRESULT result = graph.Seek(target, AM_SEEKING_AbsolutePositioning | AM_SEEKING_SeekToKeyFrame);
-            ASSERT_TRUE(result == S_OK || result == E_UNEXPECTED) << std::hex << result;
-        }
-    }
-    done = true;
-    asking.join();
-    ASSERT_EQ(graph.graph->Stop(), S_OK);
-    ASSERT_EQ(graph.Seek(1), S_OK);
-    graph.Forget();
-    graph.Play();
-    EXPECT_EQ(graph.video->Bytes(), movie.video);
-    EXPECT_EQ(graph.audio->Bytes(), movie.audio);
-    EXPECT_EQ(graph.AbortResult(), S_OK);
 }
 
 }  // namespace

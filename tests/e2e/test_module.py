@@ -101,28 +101,6 @@ class Registration(ModuleTest):
                     self.assertFails(text, TOOL, command, "--registry", path)
                     self.assertEqual(path.read_bytes() if path.is_file() else None, before)
 
-    def test_many_at_once(self):
-        commands = [["register"], ["unregister"], ["classes", "--json"]] * 5 + [["register"]] * 5
-        running = [subprocess.Popen([TOOL, "--registry", self.registry, *command], stdout=subprocess.DEVNULL,
-                                    stderr=subprocess.PIPE) for command in commands]
-        for process, command in zip(running, commands):
-            self.assertEqual((process.communicate(timeout=240)[1], process.returncode), (b"", 0), command)
-        self.classes()
-        self.done("register", "--registry", self.registry)
-        self.assertTrue(all(c["registered"] for c in self.classes()))
-
-    def test_a_registration_that_is_killed_breaks_nothing(self):
-        for milliseconds in range(0, 40, 2):
-            process = subprocess.Popen([TOOL, "register", "--registry", self.registry], stdout=subprocess.DEVNULL)
-            try:
-                process.wait(timeout=milliseconds / 1000)
-            except subprocess.TimeoutExpired:
-                process.kill()
-                process.wait(timeout=240)
-            self.assertEqual(len({c["registered"] for c in self.classes()}), 1, "all or nothing")
-            self.done("unregister", "--registry", self.registry)
-
-
 class Modules(ModuleTest):
     def test_one_in_a_lib_folder(self):
         for place in ("lib", "../lib", "../lib/tessel"):

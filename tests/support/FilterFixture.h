@@ -29,6 +29,8 @@ public:
         return result;
     }
 
+    using CTsFilterBase::CurrentProgramMapTables;
+
     REFERENCE_TIME m_time = 0;
 
 private:

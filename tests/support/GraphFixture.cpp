@@ -166,6 +166,17 @@ std::vector<REFERENCE_TIME> TestSink::Times() const {
     return times;
 }
 
+std::vector<size_t> TestSink::Discontinuities() const {
+    std::vector<size_t> places;
+    size_t position = 0;
+    for (const ReceivedSample& sample : Samples()) {
+        if (sample.discontinuity)
+            places.push_back(position);
+        position += sample.bytes.size();
+    }
+    return places;
+}
+
 size_t TestSink::Segments() const {
     const std::lock_guard lock(m_mutex);
     return m_segments;

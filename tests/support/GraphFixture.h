@@ -101,6 +101,8 @@ public:
     std::vector<ReceivedSample> Samples() const;
     build::Bytes Bytes() const;
     std::vector<REFERENCE_TIME> Times() const;
+    // How many bytes had come before each discontinuous sample.
+    std::vector<size_t> Discontinuities() const;
     size_t Segments() const;
     size_t Flushes() const;
     size_t Ends() const;

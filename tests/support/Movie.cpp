@@ -31,6 +31,10 @@ Movie& Movie::Tables(uint16_t transportStreamId) {
     if (m_options.video)
         fields.streams.push_back({type, kVideoPid});
     fields.streams.push_back({0x03, kAudioPid});
+    if (m_options.twins) {
+        fields.streams.push_back({type, kVideoTwin});
+        fields.streams.push_back({0x03, kAudioTwin});
+    }
     Table(kPmtPid, build::Pmt(fields));
     if (m_options.named)
         Table(0x11, build::Sdt({.transportStreamId = transportStreamId, .services = {{1}}}));

@@ -12,6 +12,8 @@ namespace tessel {
 
 constexpr uint16_t kVideoPid = 0x111;
 constexpr uint16_t kAudioPid = 0x112;
+constexpr uint16_t kVideoTwin = 0x113;
+constexpr uint16_t kAudioTwin = 0x114;
 constexpr uint16_t kPcrPid = 0x101;
 constexpr uint16_t kPmtPid = 0x100;
 constexpr uint16_t kOtherPmtPid = 0x200;
@@ -31,6 +33,7 @@ struct MovieOptions {
     uint16_t otherPcrPid = 0;     // of a second programme, if not 0, with audio on kOtherPid
     uint16_t firstReference = 0;  // temporal_reference of the first picture of a group
     bool video = true;
+    bool twins = false;  // the program map table lists a second video and audio stream, of which nothing comes
     size_t pictureSize = 3'000;
     size_t sizes = 1;    // every 100 frames the pictures become larger by pictureSize, so many times, and small again
     size_t leading = 0;  // pictures of a group that are shown before its first

@@ -185,15 +185,15 @@ Bytes Subtitling(const std::vector<SubtitlingEntry>& entries) {
 
 Bytes Ac3(const Ac3Fields& fields) {
     BitWriter out;
-    const auto optional = {fields.componentType, fields.bsid, fields.mainId, fields.asvc};
+    const auto optional = {fields.componentType, fields.bsid};
     for (const auto& field : optional)
         out.Put(field.has_value(), 1);
-    out.Put(0, 4);
+    out.Put(0, 6);
     for (const auto& field : optional) {
         if (field)
             out.Put(*field, 8);
     }
-    return Descriptor(0x6A, out.Put(fields.additional).bytes());
+    return Descriptor(0x6A, out.bytes());
 }
 
 Bytes StreamIdentifier(uint8_t componentTag) {
@@ -210,21 +210,12 @@ Bytes ConditionalAccess(uint16_t systemId, uint16_t pid, const Bytes& privateDat
     return Descriptor(0x09, out.bytes());
 }
 
-Bytes VideoStream(const VideoStreamFields& fields) {
-    BitWriter out;
-    out.Put(fields.multipleFrameRate, 1).Put(fields.frameRateCode, 4).Put(fields.mpeg1Only, 1);
-    out.Put(fields.constrained, 1).Put(fields.stillPicture, 1);
-    if (!fields.mpeg1Only) {
-        out.Put(fields.profileAndLevel, 8).Put(fields.chromaFormat, 2).Put(fields.frameRateExtension, 1).Put(31, 5);
-    }
-    return Descriptor(0x02, out.bytes());
+Bytes VideoStream() {
+    return Descriptor(0x02, {0x18, 0x48, 0x5F});
 }
 
-Bytes AvcVideo(const AvcVideoFields& fields) {
-    BitWriter out;
-    out.Put(fields.profile, 8).Put(fields.constraints, 8).Put(fields.level, 8);
-    out.Put(fields.stillPresent, 1).Put(fields.picture24Hour, 1).Put(63, 6);
-    return Descriptor(0x28, out.bytes());
+Bytes AvcVideo(uint8_t profile, uint8_t level) {
+    return Descriptor(0x28, {profile, 0, level, 0x3F});
 }
 
 Bytes DataBroadcast(const DataBroadcastFields& fields) {

@@ -154,9 +154,6 @@ Bytes Subtitling(const std::vector<SubtitlingEntry>& entries);
 struct Ac3Fields {
     std::optional<uint8_t> componentType = {};
     std::optional<uint8_t> bsid = {};
-    std::optional<uint8_t> mainId = {};
-    std::optional<uint8_t> asvc = {};
-    Bytes additional = {};
 };
 Bytes Ac3(const Ac3Fields& fields = {});
 
@@ -164,26 +161,9 @@ Bytes StreamIdentifier(uint8_t componentTag);
 Bytes Registration(std::string_view formatIdentifier, const Bytes& additional = {});
 Bytes ConditionalAccess(uint16_t systemId, uint16_t pid, const Bytes& privateData = {});
 
-struct VideoStreamFields {
-    bool multipleFrameRate = false;
-    uint8_t frameRateCode = 3;  // 25 Hz
-    bool mpeg1Only = false;     // true leaves out the last three fields
-    bool constrained = false;
-    bool stillPicture = false;
-    uint8_t profileAndLevel = 0x48;  // main profile at main level
-    uint8_t chromaFormat = 1;
-    bool frameRateExtension = false;
-};
-Bytes VideoStream(const VideoStreamFields& fields = {});
-
-struct AvcVideoFields {
-    uint8_t profile = 77;
-    uint8_t constraints = 0;
-    uint8_t level = 30;
-    bool stillPresent = false;
-    bool picture24Hour = false;
-};
-Bytes AvcVideo(const AvcVideoFields& fields = {});
+// MPEG-2 video of main profile at main level, 25 Hz.
+Bytes VideoStream();
+Bytes AvcVideo(uint8_t profile = 77, uint8_t level = 30);
 
 struct DataBroadcastFields {
     uint16_t id = 0;

@@ -105,7 +105,7 @@ StreamBuilder& StreamBuilder::Packet(uint16_t pid, std::span<const uint8_t> payl
     }
     out.Put(payload);
     for (int times = options.duplicate ? 2 : 1; times > 0; --times)
-        Garbage(out.bytes());
+        m_bytes.insert(m_bytes.end(), out.bytes().begin(), out.bytes().end());
     return *this;
 }
 
@@ -165,11 +165,6 @@ StreamBuilder& StreamBuilder::Pes(uint16_t pid, uint8_t streamId, const Bytes& d
         rest = rest.subspan(take);
         packet = {.scrambling = packet.scrambling};
     }
-    return *this;
-}
-
-StreamBuilder& StreamBuilder::Garbage(std::span<const uint8_t> bytes) {
-    m_bytes.insert(m_bytes.end(), bytes.begin(), bytes.end());
     return *this;
 }
 

@@ -76,7 +76,6 @@ public:
     StreamBuilder& Sections(uint16_t pid, const std::vector<Bytes>& sections, const SectionOptions& options = {});
 
     StreamBuilder& Pes(uint16_t pid, uint8_t streamId, const Bytes& data, const PesOptions& options = {});
-    StreamBuilder& Garbage(std::span<const uint8_t> bytes);
 
     // The continuity_counter that the next packet with payload gets.
     uint8_t NextContinuity(uint16_t pid) const { return m_continuity.at(pid); }

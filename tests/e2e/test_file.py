@@ -1,6 +1,5 @@
 """What the tool makes of files that can be sought in: played by the file source, cut by time, and still growing."""
 import json
-import resource
 import signal
 import subprocess
 import time
@@ -319,16 +318,6 @@ class Cuts(TimedTest):
                 self.assertEqual(result.returncode, code, result.stderr)
                 self.assertRegex(result.stderr.decode(), r"\Atessel: [^\n]*" + text + r"[^\n]*\n\Z")
                 self.assertEqual((output.read_bytes(), path.read_bytes()), (b"precious", made("mpeg2").read_bytes()))
-
-    def test_what_cannot_be_finished_is_removed(self):
-        def limit():
-            resource.setrlimit(resource.RLIMIT_FSIZE, (100_000, 100_000))
-
-        path = self.folder / "cut.ts"  # Python ignores the signal of the limit, and the tool shall too
-        result = run("cut", made("mpeg2"), "-o", path, preexec_fn=limit, restore_signals=False)
-        self.assertEqual(result.returncode, 1)
-        self.assertIn(b"cut.ts: cannot write: File too large", result.stderr)
-        self.assertFalse(path.exists())
 
 
 class Recordings(FileTest):

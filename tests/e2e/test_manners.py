@@ -3,6 +3,7 @@ import json
 import os
 import pathlib
 import random
+import resource
 import shutil
 import signal
 import subprocess
@@ -104,14 +105,52 @@ class Outputs(MannersTest):
     def test_output_replaces_what_was_there(self):
         wanted = self.extract(self.stream, [257])
         output = self.file("out.ts", b"x" * (len(wanted) + 1000))
-        self.assertEqual(self.done("extract", self.stream, "--pid", "0x101", "--output", output), b"")
+        output.chmod(0o640)
+        link = self.folder / "link.ts"
+        link.symlink_to(output)
+        self.assertEqual(self.done("extract", self.stream, "--pid", "0x101", "--output", link), b"")
         self.assertTrue(output.read_bytes() == wanted)
+        self.assertEqual((link.is_symlink(), output.stat().st_mode & 0o777), (True, 0o640))
+        self.assertEqual(sorted(self.folder.iterdir()), [link, output])
 
-    def test_wrong_use_leaves_an_output_alone(self):
-        output = self.file("out.ts", b"precious")
-        self.assertFails(2, "is no PID", "extract", self.stream, "--pid", "8192", "-o", output)
-        self.assertFails(1, "cannot open", "extract", self.folder / "missing.ts", "--pid", "1", "-o", output)
-        self.assertEqual(output.read_bytes(), b"precious")
+    def test_an_output_stays_until_something_has_come_for_it(self):
+        for name in ("out.ts", "11-256.m2v", "11-256.m2v.csv"):
+            self.file(name, b"precious")
+        head = self.file("head.ts", self.stream.read_bytes()[:188 * 400])
+        before = {path: path.read_bytes() for path in self.folder.iterdir()}
+        output = ["-o", self.folder / "out.ts"]
+        for code, command in ((2, ["extract", self.stream, "--pid", "8192", *output]),
+                              (1, ["extract", self.folder / "missing.ts", "--pid", "1", *output]),
+                              (1, ["extract", self.stream, "--pid", "8191", *output]),
+                              (1, ["extract", self.stream, "--pid", "8191", "--sections", *output]),
+                              (1, ["extract", "/dev/null", "--pid", "256", *output]),
+                              (1, ["extract", self.stream, "--pid", "256", "--from", "99", *output]),
+                              (1, ["cut", self.stream, "--service", "13", *output]),
+                              (0, ["demux", head, "--push", "--timestamps", "-o", self.folder])):
+            with self.subTest(command):
+                self.assertEqual(run(*command).returncode, code)
+                self.assertEqual({path: path.read_bytes() for path in self.folder.iterdir()}, before)
+
+    def test_what_cannot_be_finished_ends_with_a_whole_packet(self):
+        def limit(size):  # Python ignores the signal of the limit, and the tool shall too
+            return {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (size, size)),
+                    "restore_signals": False}
+
+        path = self.file("long.ts", self.stream.read_bytes() * 8)
+        extract, cut = ["extract", path, "--pid", "256,258", "-o"], ["cut", path, "-o"]
+        output, whole = self.file("out.ts", b"precious"), self.folder / "whole.ts"
+        for command in (extract, cut):
+            self.done(*command, whole)
+            for size, text in ((100_000, "File too large"), (1_500_000, "bytes before that are kept")):
+                with self.subTest(command[0], size=size):
+                    output.write_bytes(b"precious")
+                    self.assertFails(1, text, *command, output, **limit(size))
+                    data = output.read_bytes()
+                    if size < 1 << 20:  # not even the first block
+                        self.assertEqual(data, b"precious")
+                    else:
+                        self.assertEqual((len(data) > 1_000_000, len(data) % 188), (True, 0))
+                        self.assertTrue(whole.read_bytes().startswith(data))
 
     def test_output_that_cannot_be_written(self):
         self.assertFails(1, "cannot write: Is a directory", "extract", self.stream, "--pid", "0", "-o", self.folder)

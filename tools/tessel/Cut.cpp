@@ -12,6 +12,7 @@
 #include "tools/tessel/Failure.h"
 #include "tools/tessel/FilePlayer.h"
 #include "tools/tessel/Interrupt.h"
+#include "tools/tessel/OutputFile.h"
 #include "tools/tessel/ProgramMapLog.h"
 #include "tools/tessel/StreamReader.h"
 #include "tools/tessel/Unreadable.h"
@@ -275,7 +276,10 @@ private:
                 m_streams |= m_map.Streams();
             if (more && m_mapPackets++ >= m_head.taken)
                 Write(view);
-        } else if (m_streams.test(pid) && (m_pes.Take(view, more) || (more && IsClockAlone(view)))) {
+        } else if (m_streams.test(pid) && m_pes.Take(view, more)) {
+            Write(view);
+            m_output.Keep();
+        } else if (m_streams.test(pid) && more && IsClockAlone(view)) {
             Write(view);
         }
     }
@@ -297,6 +301,7 @@ private:
 }  // namespace
 
 void Cut(InputFile& input, const std::optional<std::string>& service, const TimeSpan& span, const std::string& output) {
+    OutputFile file(output, input);
     Feed feed(input);
     PacketMeter meter;
     const FoundServices found = FindServices(feed, meter, [](const ServiceInfo&) { return true; });
@@ -320,13 +325,7 @@ void Cut(InputFile& input, const std::optional<std::string>& service, const Time
     feed.Restart();  // what may be wrong with the file's beginning is none of this part
     FilePackets packets(input, source.Parser().PacketSize());
     const Head head = FindHead(packets, *chosen.pmtPid, chosen.id, range);
-    OutputFile file(output, input);
-    try {
-        Cutter(packets, chosen, head, transportStreamId, range, file).Do();
-    } catch (...) {
-        file.Remove();
-        throw;
-    }
+    Cutter(packets, chosen, head, transportStreamId, range, file).Do();
 }
 
 }  // namespace tessel::tool

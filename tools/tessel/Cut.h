@@ -6,9 +6,9 @@
 
 namespace tessel::tool {
 
-// Writes the packets of the service's program map and its streams, with a PAT that names it alone; output is made only
-// when there is something to write. service: id or name; none for the first that has a program map. Failure when the
-// file source does not open input, or nothing of the service is there; then output is removed.
+// Writes the packets of the service's program map and its streams, with a PAT that names it alone. service: id
+// or name; none for the first that has a program map. Failure when the file source does not open input, or nothing of
+// the service is there.
 void Cut(InputFile& input, const std::optional<std::string>& service, const TimeSpan& span, const std::string& output);
 
 }  // namespace tessel::tool

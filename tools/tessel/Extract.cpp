@@ -34,6 +34,7 @@ public:
 private:
     void Write(std::span<const uint8_t> bytes) {
         m_output.Write(bytes);
+        m_output.Keep();
         ++m_count;
     }
 

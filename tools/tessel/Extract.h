@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/tessel/Files.h"
+#include "tools/tessel/OutputFile.h"
 #include "tools/tessel/TimeRange.h"
 
 namespace tessel::tool {

@@ -28,13 +28,6 @@ std::string Reason() {
     return std::strerror(errno);
 }
 
-bool SameFile(int first, int second) {
-    struct stat a {};
-    struct stat b {};
-    return fstat(first, &a) == 0 && fstat(second, &b) == 0 && S_ISREG(a.st_mode) && a.st_dev == b.st_dev &&
-           a.st_ino == b.st_ino;
-}
-
 // The offset of a file proper, else -1.
 int64_t OffsetOf(int descriptor) {
     struct stat status {};
@@ -170,75 +163,6 @@ std::optional<int64_t> InputFile::Size() const {
     if (!CanRewind() || m_growing || fstat(m_descriptor, &status) != 0)
         return std::nullopt;
     return status.st_size - m_start;
-}
-
-OutputFile::OutputFile(const std::string& path, const InputFile& input, size_t buffer)
-    : m_name(path), m_capacity(buffer) {
-    if (path == "-") {
-        m_name = "standard output";
-        m_descriptor = STDOUT_FILENO;
-        if (isatty(m_descriptor) != 0)
-            throw Misuse("the output is binary and standard output is a terminal; name a file with -o");
-    } else {
-        // Truncated only once it is known not to be the input.
-        m_descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
-        if (m_descriptor < 0)
-            throw Failure(m_name + ": cannot write: " + Reason() + "; choose another file with -o");
-    }
-    if (SameFile(m_descriptor, input.Descriptor()))
-        throw Misuse(m_name + ": is also the input; choose another file with -o");
-    if (path != "-" && ftruncate(m_descriptor, 0) != 0 && errno != EINVAL)
-        throw Failure(m_name + ": cannot write: " + Reason());
-    m_buffer.reserve(m_capacity);
-}
-
-OutputFile::~OutputFile() {
-    if (m_descriptor > STDOUT_FILENO)
-        close(m_descriptor);
-}
-
-void OutputFile::Write(std::span<const uint8_t> bytes) {
-    if (m_buffer.size() + bytes.size() > m_capacity)
-        Flush();
-    if (bytes.size() >= m_capacity)
-        WriteOut(bytes);
-    else
-        m_buffer.insert(m_buffer.end(), bytes.begin(), bytes.end());
-}
-
-void OutputFile::Flush() {
-    WriteOut(m_buffer);
-    m_buffer.clear();
-}
-
-void OutputFile::WriteOut(std::span<const uint8_t> bytes) {
-    while (!bytes.empty()) {
-        const ssize_t count = write(m_descriptor, bytes.data(), bytes.size());
-        if (count >= 0)
-            bytes = bytes.subspan(static_cast<size_t>(count));
-        else if (errno == EPIPE)
-            throw OutputClosed();
-        else if (errno != EINTR)
-            throw Failure(m_name + ": cannot write: " + Reason());
-    }
-}
-
-void OutputFile::Close() {
-    Flush();
-    if (m_descriptor > STDOUT_FILENO) {
-        const int descriptor = m_descriptor;
-        m_descriptor = -1;
-        if (close(descriptor) != 0)
-            throw Failure(m_name + ": cannot write: " + Reason());
-    }
-}
-
-void OutputFile::Remove() {
-    struct stat status {};
-    const bool isFile =
-        m_descriptor > STDOUT_FILENO ? fstat(m_descriptor, &status) == 0 && S_ISREG(status.st_mode) : m_descriptor < 0;
-    if (isFile)
-        unlink(m_name.c_str());
 }
 
 void Print(const std::string& text) {

@@ -1,4 +1,4 @@
-// Input and output of a command: a file, or "-" for standard input and output.
+// What a command reads: a file, or "-" for standard input. And what it prints.
 #pragma once
 
 #include <chrono>
@@ -13,7 +13,7 @@
 
 namespace tessel::tool {
 
-// Both throw Failure with a text that names the file.
+// Throws Failure with a text that names the file.
 class InputFile {
 public:
     explicit InputFile(const std::string& path);
@@ -62,33 +62,6 @@ private:
     std::vector<uint8_t> m_buffer;
     int64_t m_bytesRead = 0;
     int64_t m_left = INT64_MAX;  // of the range
-};
-
-// Throws OutputClosed when the reader of a pipe has gone.
-class OutputFile {
-public:
-    static constexpr size_t kBuffer = 1 << 20;
-
-    // Refuses (Misuse) to overwrite the file that input reads. buffer: bytes gathered before they are written.
-    OutputFile(const std::string& path, const InputFile& input, size_t buffer = kBuffer);
-    ~OutputFile();
-    OutputFile(const OutputFile&) = delete;
-    OutputFile& operator=(const OutputFile&) = delete;
-
-    void Write(std::span<const uint8_t> bytes);
-    // Writes what is buffered and closes; what fails late fails here.
-    void Close();
-    // What could not be finished goes, where it is a file.
-    void Remove();
-
-private:
-    void Flush();
-    void WriteOut(std::span<const uint8_t> bytes);
-
-    std::string m_name;
-    int m_descriptor = -1;
-    const size_t m_capacity;
-    std::vector<uint8_t> m_buffer;
 };
 
 // Writes to standard output at once.

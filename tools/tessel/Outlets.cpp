@@ -1,7 +1,5 @@
 #include "tools/tessel/Outlets.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 
 #include "output/OutputMediaTypes.h"
@@ -113,13 +111,13 @@ void Outlets::DeleteOtherPins(IBaseFilter& filter, size_t index) const {
 }
 
 void Outlets::Add(const StreamPlan& stream, IBaseFilter& filter, const InputFile& input) {
-    Outlet outlet{&stream, std::nullopt, nullptr, nullptr};
+    Outlet outlet{&stream, nullptr, nullptr};
     std::unique_ptr<OutputFile> data, times;
     if (m_request.directory) {
-        outlet.path = *m_request.directory + "/" + stream.FileName();
-        data = std::make_unique<OutputFile>(*outlet.path, input, kFileBuffer);
+        const std::string path = *m_request.directory + "/" + stream.FileName();
+        data = std::make_unique<OutputFile>(path, input, kFileBuffer);
         if (m_request.timestamps && stream.content == Content::kElementary)
-            times = std::make_unique<OutputFile>(*outlet.path + ".csv", input, kFileBuffer);
+            times = std::make_unique<OutputFile>(path + ".csv", input, kFileBuffer);
     }
     const AM_MEDIA_TYPE type = TypeOf(stream);
     outlet.sink = ComPtr(new SinkFilter(type, std::move(data), std::move(times)));
@@ -166,7 +164,8 @@ std::vector<StreamResult> Outlets::Close(const PacketMeter* meter) const {
             stream.dropped = Dropped(*outlet, stream, meter);
             stream.packetsCame = meter == nullptr ? !plan.scrambled : meter->Of(plan.pid).packets != 0;
             stream.timeStampCame = meter == nullptr || meter->Of(plan.pid).timed;
-            Settle(*outlet, stream);
+            if (m_request.directory && stream.counts.bytes != 0)
+                stream.file = plan.FileName();
             ++outlet;
         }
         streams.push_back(std::move(stream));
@@ -186,19 +185,6 @@ std::optional<int64_t> Outlets::Dropped(const Outlet& outlet, const StreamResult
     const int64_t pushed = stream.plan.content == Content::kPackets ? counts.packets * kTransportPacketSize
                                                                     : counts.payload - counts.beforeStart;
     return std::max<int64_t>(pushed - stream.counts.bytes, 0);
-}
-
-// Empty files would only look as if something were in them.
-void Outlets::Settle(const Outlet& outlet, StreamResult& stream) const {
-    if (!outlet.path)
-        return;
-    if (stream.counts.bytes != 0) {
-        stream.file = stream.plan.FileName();
-        return;
-    }
-    unlink(outlet.path->c_str());
-    if (m_request.timestamps && stream.plan.content == Content::kElementary)
-        unlink((*outlet.path + ".csv").c_str());
 }
 
 }  // namespace tessel::tool

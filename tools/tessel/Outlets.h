@@ -22,7 +22,6 @@ public:
 private:
     struct Outlet {
         const StreamPlan* plan;
-        std::optional<std::string> path;
         ComPtr<SinkFilter> sink;
         ComPtr<IPin> pin;
     };
@@ -31,7 +30,6 @@ private:
     bool IsPlanned(uint32_t pid, size_t filter) const;
     void DeleteOtherPins(IBaseFilter& filter, size_t index) const;
     static std::optional<int64_t> Dropped(const Outlet& outlet, const StreamResult& stream, const PacketMeter* meter);
-    void Settle(const Outlet& outlet, StreamResult& stream) const;
 
     CFilterGraph& m_graph;
     const DemuxRequest& m_request;

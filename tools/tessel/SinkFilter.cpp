@@ -85,8 +85,12 @@ HRESULT SinkFilter::Take(IMediaSample* sample) {
             return result;
         const auto length = static_cast<size_t>(sample->GetActualDataLength());
         Note(sample);
-        if (m_data)
+        if (m_data && length != 0) {
             m_data->Write({bytes, length});
+            m_data->Keep();
+            if (m_times)
+                m_times->Keep();
+        }
         m_counts.bytes += static_cast<int64_t>(length);
         m_bytes.store(m_counts.bytes, std::memory_order_relaxed);
         return S_OK;

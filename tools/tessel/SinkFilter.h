@@ -7,7 +7,7 @@
 #include <string>
 
 #include "platform/media/BaseInputPin.h"
-#include "tools/tessel/Files.h"
+#include "tools/tessel/OutputFile.h"
 
 namespace tessel::tool {
 

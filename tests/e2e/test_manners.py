@@ -10,7 +10,9 @@ import subprocess
 import time
 import unittest
 
+import pes
 import support
+import test_file
 from support import Stream, pat, run
 
 BYTE_LIMIT = 10_000_000  # `info` gives up on names after this many
@@ -255,25 +257,86 @@ class Demux(MannersTest):
         self.assertFails(1, "No such file", "demux", path, "-o", self.folder / "no" / "where")
         self.assertFails(1, "is no directory", "demux", path, "-o", path)
 
-    def test_interrupt_keeps_what_is_there(self):
-        folder = self.folder / "out"
-        tool = subprocess.Popen([support.TOOL, "demux", "-", "--json", "-o", folder], stdin=subprocess.PIPE,
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        tool.stdin.write(self.stream.read_bytes())
-        tool.stdin.flush()
-        deadline = time.monotonic() + 60
-        while not folder.is_dir() or not any(file.stat().st_size for file in folder.iterdir()):
-            self.assertLess(time.monotonic(), deadline, "nothing was written")
-            time.sleep(0.01)
-        tool.send_signal(signal.SIGINT)
-        output, error = tool.stdout.read(), tool.stderr.read()
-        self.assertEqual((tool.wait(60), error), (0, b""))
-        for pipe in (tool.stdin, tool.stdout, tool.stderr):
+
+class Signals(MannersTest):
+    def start(self, *command, **options):
+        tool = subprocess.Popen([support.TOOL, *map(str, command)], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                **{"stderr": subprocess.PIPE, **options})
+        for pipe in filter(None, (tool.stdin, tool.stdout, tool.stderr)):
+            self.addCleanup(pipe.close)
+        self.addCleanup(tool.wait)
+        self.addCleanup(tool.kill)
+        return tool
+
+    def start_cut(self):
+        """A cut of programme 1 that waits for the reader of its output, and what came of it. More is left to cut."""
+        fifo = self.folder / "fifo"
+        if not fifo.exists():
+            os.mkfifo(fifo)
+        tool = self.start("cut", test_file.made("mpeg2"), "-o", fifo)
+        pipe = open(fifo, "rb")
+        self.addCleanup(pipe.close)
+        return tool, pipe, pipe.read(1000)
+
+    def assertInterrupted(self, tool):
+        output, error = tool.communicate(timeout=60)
+        self.assertEqual(tool.returncode, 130, error)
+        self.assertRegex(error.decode(), r"\Atessel: interrupted: [^\n]+\n\Z")
+        return output
+
+    def test_an_interrupt_ends_the_input(self):
+        """Of a pipe: all but what the pipe holds has been read when all has been written into it."""
+        data = self.stream.read_bytes()
+        out = self.folder / "out"
+        for number, command in ((signal.SIGINT, ["demux", "-", "--json", "-o", out]),
+                                (signal.SIGTERM, ["extract", "-", "--pid", "256", "-o", out / "256.ts"]),
+                                (signal.SIGHUP, ["frames", "-", "--pid", "257"]),
+                                (signal.SIGINT, ["info", "-", "--pids", "--json"]),
+                                (signal.SIGHUP, ["watch", "-"])):
+            with self.subTest(command[0]):
+                shutil.rmtree(out, ignore_errors=True)
+                out.mkdir()
+                tool = self.start(*command)
+                tool.stdin.write(data)
+                tool.stdin.flush()
+                tool.send_signal(number)
+                output = self.assertInterrupted(tool)
+                if command[0] in ("frames", "watch"):
+                    self.assertTrue(output and self.done(*command, input=data).startswith(output))
+                elif command[0] == "extract":
+                    got = (out / "256.ts").read_bytes()
+                    self.assertTrue(got and len(got) % 188 == 0 and self.extract(self.stream, [256]).startswith(got))
+                elif command[0] == "demux":
+                    summary = json.loads(output)
+                    self.assertIs(summary["interrupted"], True)
+                    self.assertEqual({stream["file"]: stream["bytes"] for stream in summary["streams"]},
+                                     {file.name: file.stat().st_size for file in out.iterdir()})
+
+    def test_an_interrupted_cut_ends_with_whole_pes_packets(self):
+        tool, pipe, got = self.start_cut()
+        tool.send_signal(signal.SIGTERM)
+        got += pipe.read()
+        self.assertInterrupted(tool)
+        whole = pes.elementary_streams(test_file.made("mpeg2").read_bytes(), [256, 257])
+        for pid, stream in pes.elementary_streams(got, [256, 257]).items():
+            self.assertTrue(0 < stream.size < whole[pid].size and whole[pid].payload.startswith(stream.payload))
+            self.assertIn(stream.size, [at for at, _ in whole[pid].starts])
+
+    def test_the_second_of_any_ends_it_at_once(self):
+        for first, second in ((signal.SIGHUP, signal.SIGTERM), (signal.SIGINT, signal.SIGINT)):
+            tool, pipe, _ = self.start_cut()
+            tool.send_signal(first)
+            tool.send_signal(second)
+            while tool.poll() is None:  # two that come at once may be one
+                tool.send_signal(second)
+                time.sleep(0.01)
             pipe.close()
-        summary = json.loads(output)
-        self.assertIs(summary["interrupted"], True)
-        for stream in summary["streams"]:
-            self.assertEqual((folder / stream["file"]).stat().st_size, stream["bytes"])
+            self.assertIn(tool.returncode, (-first, -second))
+        tool = self.start("extract", "-", "--pid", "256", "-o", "-",
+                          preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN))
+        tool.send_signal(signal.SIGHUP)  # as under nohup
+        output, _ = tool.communicate(self.stream.read_bytes(), timeout=60)
+        self.assertTrue(tool.returncode == 0 and output == self.extract(self.stream, [256]))
 
 
 class Arguments(MannersTest):

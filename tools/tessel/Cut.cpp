@@ -42,7 +42,7 @@ public:
         if (!m_reader->MoveTo(begin))
             throw Failure(m_input.Name() + ": cannot be sought in");
         while (const uint8_t* const packet = m_reader->ReadPacket()) {
-            if (m_reader->Position() >= end || Interrupted())
+            if (m_reader->Position() >= end)
                 return;
             const PacketView view(packet);
             if (view.IsClear() && !visit(view, m_reader->Position()))
@@ -190,6 +190,8 @@ Head FindHead(FilePackets& packets, uint32_t pmtPid, uint32_t program, ByteRange
         size_t count = 0;
         bool found = false;
         packets.ForEach(from, to, [&](const PacketView& view, int64_t) {
+            if (Interrupted())
+                return false;
             if (view.header.Pid() != pmtPid)
                 return true;
             found |= log.Take(view);
@@ -249,17 +251,16 @@ public:
     void Do() {
         m_output.Write(m_pat.Next());
         m_output.Write(m_head.packets);
-        const bool endless = m_range.end == INT64_MAX;
-        m_packets.ForEach(m_range.begin, endless ? INT64_MAX : m_range.end + kTail,
-                          [&](const PacketView& view, int64_t position) {
-                              const bool more = endless || position < m_range.end - kLookAheadBytes;
-                              if (!more && !m_pes.AnyOpen())
-                                  return false;
-                              Take(view, more);
-                              return true;
-                          });
-        if (Interrupted())
-            throw Failure("interrupted");
+        int64_t last = m_range.end == INT64_MAX ? INT64_MAX : m_range.end - kLookAheadBytes;
+        m_packets.ForEach(m_range.begin, INT64_MAX, [&](const PacketView& view, int64_t position) {
+            if (Interrupted())
+                last = std::min(last, position);
+            const bool more = position < last;
+            if (!more && (!m_pes.AnyOpen() || position - last > kTail))
+                return false;
+            Take(view, more);
+            return true;
+        });
         if (!m_pes.AnyBegun())
             throw Failure("nothing of the service is in that part, or all of it is scrambled");
         m_output.Close();

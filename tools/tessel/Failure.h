@@ -5,7 +5,8 @@
 
 namespace tessel::tool {
 
-enum ExitCode { kDone = 0, kCouldNot = 1, kWrongUse = 2 };
+// kInterrupted: as shells count a process that SIGINT has ended.
+enum ExitCode { kDone = 0, kCouldNot = 1, kWrongUse = 2, kInterrupted = 130 };
 
 // Could not be done: the text says what, where, and what to do about it.
 class Failure : public std::runtime_error {

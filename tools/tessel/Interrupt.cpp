@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstring>
+#include <string>
 
 #include "tools/tessel/Failure.h"
 
@@ -17,30 +19,43 @@ namespace tessel::tool {
 namespace {
 
 std::atomic<bool> g_interrupted{false};
+Interrupt g_meaning = Interrupt::kCutsShort;
 // Read end and write end: a byte in it ends every poll, whichever thread the signal came to.
 int g_pipe[2] = {-1, -1};
 
-void OnSignal(int) {
+void OnSignal(int number) {
     const int error = errno;
-    g_interrupted = true;
+    if (g_interrupted.exchange(true)) {
+        signal(number, SIG_DFL);
+        raise(number);  // delivered when this returns
+    }
     [[maybe_unused]] const ssize_t written = write(g_pipe[1], "", 1);
     errno = error;
 }
 
 }  // namespace
 
-void CatchInterrupts() {
+void CatchInterrupts(Interrupt meaning) {
     if (pipe2(g_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
-        throw Failure("cannot make a pipe; too many files are open");
+        throw Failure(std::string("cannot make a pipe: ") + std::strerror(errno));
+    g_meaning = meaning;
     struct sigaction action {};
     action.sa_handler = OnSignal;
-    action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND);
+    action.sa_flags = SA_RESTART;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    // Who ignores it, as nohup does, outlives the terminal.
+    struct sigaction before {};
+    if (sigaction(SIGHUP, nullptr, &before) == 0 && before.sa_handler != SIG_IGN)
+        sigaction(SIGHUP, &action, nullptr);
 }
 
 bool Interrupted() {
     return g_interrupted;
+}
+
+bool WasCutShort() {
+    return g_interrupted && g_meaning == Interrupt::kCutsShort;
 }
 
 bool WaitForInput(int descriptor) {

@@ -1,13 +1,18 @@
-// Ctrl-C: a command that asked for it ends with what it has.
+// Ctrl-C ends the input of a command early: what has come until then comes out whole.
 #pragma once
 
 #include <cstdint>
 
 namespace tessel::tool {
 
-// From here on the first SIGINT or SIGTERM only sets the mark; a second one ends the process.
-void CatchInterrupts();
+// What an interrupt is to a command: less than was asked for, or the end that its input has.
+enum class Interrupt { kCutsShort, kIsTheEnd };
+
+// From here on the first SIGINT, SIGTERM or SIGHUP only sets the mark; the second of any ends the process.
+void CatchInterrupts(Interrupt meaning = Interrupt::kCutsShort);
 bool Interrupted();
+// Interrupted, and that was not the end.
+bool WasCutShort();
 
 // Until the descriptor has bytes, its end or an error: true. False once interrupted.
 bool WaitForInput(int descriptor);

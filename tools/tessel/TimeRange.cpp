@@ -6,6 +6,7 @@
 #include "source/PacketReader.h"
 #include "source/StreamFile.h"
 #include "tools/tessel/FilePlayer.h"
+#include "tools/tessel/Interrupt.h"
 #include "tools/tessel/PacketMeter.h"
 #include "tools/tessel/Unreadable.h"
 
@@ -110,7 +111,7 @@ std::optional<int64_t> FindClockReference(CTsSource& source, const std::string& 
     CPacketReader reader(*file.Get(), source.Parser().PacketSize());
     if (!reader.MoveTo(begin))
         return std::nullopt;
-    while (const uint8_t* const packet = reader.ReadPacket()) {
+    for (const uint8_t* packet; !Interrupted() && (packet = reader.ReadPacket()) != nullptr;) {
         const auto pcr = DecodeTsHeader(packet).Pid() == pcrPid ? PcrOf(packet) : std::nullopt;
         if (pcr && ((*pcr - origin) % kPcrWrap + kPcrWrap) % kPcrWrap / 27 * 10 >= time)
             return reader.Position();

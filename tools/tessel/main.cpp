@@ -149,7 +149,9 @@ void CheckFollow(const FollowArguments& arguments, const TimeSpan& span) {
         throw Misuse("--idle says when --follow ends; add --follow");
 }
 
+// A file that grows has no other end than an interrupt.
 void Follow(InputFile& input, const FollowArguments& arguments) {
+    CatchInterrupts(arguments.follow ? Interrupt::kIsTheEnd : Interrupt::kCutsShort);
     if (!arguments.follow)
         return;
     const auto idle = std::chrono::milliseconds(std::llround(arguments.idle * 1000));
@@ -161,8 +163,6 @@ void RunExtract(const ExtractArguments& arguments) {
     const TimeSpan span = ParseSpan(arguments.span, arguments.input);
     CheckFollow(arguments.follow, span);
     InputFile input(arguments.input);
-    if (arguments.follow.follow)
-        CatchInterrupts();
     RunOn(input, arguments.skipUnreadable, [&] {
         Follow(input, arguments.follow);
         if (!span.IsWhole())
@@ -201,7 +201,6 @@ void RunDemux(const DemuxArguments& arguments) {
     if (request.audio && !request.pids.empty() && !request.service)
         throw Misuse("--audio chooses among the streams of services, and --pid names streams; add --service");
     InputFile input(arguments.input);
-    CatchInterrupts();
     RunOn(input, arguments.skipUnreadable, [&] {
         Follow(input, arguments.follow);
         const DemuxResult result = Demux(input, request);
@@ -226,6 +225,7 @@ void RunCut(const CutArguments& arguments) {
 void RunFrames(const FramesArguments& arguments) {
     const uint32_t pid = ParsePid(arguments.pid);
     InputFile input(arguments.input);
+    CatchInterrupts();
     Feed feed(input);
     RunOn(input, arguments.skipUnreadable, [&] { PrintFrames(feed, pid, arguments.json); });
 }
@@ -243,7 +243,7 @@ void RunInspect(const InspectArguments& arguments) {
     auto input = std::make_unique<InputFile>(arguments.input);
     if (request.loop && !input->CanRewind())
         throw Misuse("--loop plays a file again and again; what a pipe has given is gone");
-    CatchInterrupts();
+    CatchInterrupts(Interrupt::kIsTheEnd);
     Inspect(std::move(input), request);
 }
 
@@ -431,7 +431,7 @@ int Run(int argc, char** argv) {
     app.set_help_flag("-h,--help", "Print this help");
     app.require_subcommand(1);
     app.footer(
-        "Exit code: 0 done, 1 could not, 2 wrong use.\n\n"
+        "Exit code: 0 done, 1 could not, 2 wrong use, 130 interrupted.\n\n"
         "Examples:\n"
         "  tessel info recording.ts\n"
         "  tessel extract recording.ts --pid 256 -o video.ts\n"
@@ -473,20 +473,25 @@ int Say(ExitCode code, const std::string& text) {
     return code;
 }
 
+int Fail(const std::string& text) {
+    return WasCutShort() ? Say(kInterrupted, "interrupted: " + text) : Say(kCouldNot, text);
+}
+
 int Main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
     try {
-        return Run(argc, argv);
+        const int code = Run(argc, argv);
+        return WasCutShort() ? Say(kInterrupted, "interrupted: what came before that is complete") : code;
     } catch (const OutputClosed&) {
         return kDone;
     } catch (const Failure& failure) {
-        return Say(kCouldNot, failure.what());
+        return Fail(failure.what());
     } catch (const Misuse& misuse) {
         return Say(kWrongUse, misuse.what());
     } catch (const std::bad_alloc&) {
-        return Say(kCouldNot, "out of memory");
+        return Fail("out of memory");
     } catch (const std::exception& error) {
-        return Say(kCouldNot, error.what());
+        return Fail(error.what());
     }
 }
 

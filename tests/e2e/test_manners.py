@@ -339,6 +339,24 @@ class Signals(MannersTest):
         self.assertTrue(tool.returncode == 0 and output == self.extract(self.stream, [256]))
 
 
+class Descriptors(MannersTest):
+    def test_what_is_closed_at_the_start_is_no_file_of_ours(self):
+        wanted = self.extract(self.stream, [256])
+        output = self.folder / "out.ts"
+        for closed in ((0,), (1,), (2,), (0, 1, 2)):
+            with self.subTest(closed):
+                result = run("extract", self.stream, "--pid", "256,8191", "-o", output,
+                             preexec_fn=lambda: [os.close(number) for number in closed])
+                self.assertTrue(result.returncode == 0 and output.read_bytes() == wanted)
+                result = run("info", self.stream, preexec_fn=lambda: [os.close(number) for number in closed])
+                self.assertEqual(result.returncode, 0)
+        self.assertFails(1, "is empty", "info", "-", preexec_fn=lambda: os.close(0))
+
+    def test_names_do_not_drive_the_terminal(self):
+        self.assertFails(1, "a␛[31m␊b.ts: cannot open", "info", self.folder / "a\x1b[31m\nb.ts")
+        self.assertFails(1, "␛.ts: is empty", "extract", self.file("\x1b.ts", b""), "--pid", "1", "-o", "-")
+
+
 class Arguments(MannersTest):
     def test_bad_pids(self):
         for pid in ("8192", "0x2000", "-1", "", ",", "1,", "1,,2", "abc", "1.5", "0x", "0x-1", "+1", "9" * 11,

@@ -1,4 +1,7 @@
 // The command line: `tessel COMMAND INPUT ...`.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <cmath>
 #include <csignal>
@@ -15,6 +18,7 @@
 #include "tools/tessel/Interrupt.h"
 #include "tools/tessel/PidList.h"
 #include "tools/tessel/Unreadable.h"
+#include "tools/tessel/Utf8.h"
 #include "tools/tessel/Watch.h"
 #include "tools/tessel/inspect/Inspect.h"
 
@@ -468,8 +472,9 @@ int Run(int argc, char** argv) {
     return kDone;
 }
 
+// What is named in it may drive a terminal.
 int Say(ExitCode code, const std::string& text) {
-    std::fprintf(stderr, "tessel: %s\n", text.c_str());
+    std::fprintf(stderr, "tessel: %s\n", ToTerminal(text).c_str());
     return code;
 }
 
@@ -477,7 +482,16 @@ int Fail(const std::string& text) {
     return WasCutShort() ? Say(kInterrupted, "interrupted: " + text) : Say(kCouldNot, text);
 }
 
+// A descriptor that was closed at the start would be given to the next file, and what is printed would go into that.
+void OpenStandardDescriptors() {
+    int descriptor = 0;
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO)
+        descriptor = open("/dev/null", O_RDWR);
+    close(descriptor);
+}
+
 int Main(int argc, char** argv) {
+    OpenStandardDescriptors();
     std::signal(SIGPIPE, SIG_IGN);
     try {
         const int code = Run(argc, argv);

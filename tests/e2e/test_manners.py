@@ -2,11 +2,14 @@
 import json
 import os
 import pathlib
+import pty
 import random
 import resource
+import select
 import shutil
 import signal
 import subprocess
+import threading
 import time
 import unittest
 
@@ -128,7 +131,7 @@ class Outputs(MannersTest):
                               (1, ["extract", "/dev/null", "--pid", "256", *output]),
                               (1, ["extract", self.stream, "--pid", "256", "--from", "99", *output]),
                               (1, ["cut", self.stream, "--service", "13", *output]),
-                              (0, ["demux", head, "--push", "--timestamps", "-o", self.folder])):
+                              (1, ["demux", head, "--push", "--timestamps", "-o", self.folder])):
             with self.subTest(command):
                 self.assertEqual(run(*command).returncode, code)
                 self.assertEqual({path: path.read_bytes() for path in self.folder.iterdir()}, before)
@@ -337,6 +340,33 @@ class Signals(MannersTest):
         tool.send_signal(signal.SIGHUP)  # as under nohup
         output, _ = tool.communicate(self.stream.read_bytes(), timeout=60)
         self.assertTrue(tool.returncode == 0 and output == self.extract(self.stream, [256]))
+
+    def test_progress_is_shown_on_a_terminal(self):
+        data = self.stream.read_bytes()
+        for command in (["extract", "-", "--pid", "256", "-o", "-"], ["frames", "-", "--pid", "257"],
+                        ["info", "-", "--pids"], ["cut"]):
+            with self.subTest(command[0]):
+                terminal, other = pty.openpty()
+                self.addCleanup(os.close, terminal)
+                if command[0] == "cut":
+                    command = ["cut", self.file("long.ts", data * 8), "-o", "-"]
+                tool = self.start(*command, stderr=other)
+                os.close(other)
+                reader = threading.Thread(target=tool.stdout.read)
+                deadline = time.monotonic() + 60
+                if command[0] == "cut":
+                    tool.stdout.read(1)  # it waits for the rest to be taken
+                    time.sleep(0.3)
+                reader.start()
+                while not select.select([terminal], [], [], 0.05)[0]:
+                    self.assertLess(time.monotonic(), deadline, "nothing was shown")
+                    if command[0] != "cut":
+                        tool.stdin.write(data)
+                        tool.stdin.flush()
+                self.assertRegex(os.read(terminal, 1000).decode(), "MB/s")
+                tool.stdin.close()
+                tool.wait(60)
+                reader.join()
 
 
 class Descriptors(MannersTest):

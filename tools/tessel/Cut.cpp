@@ -14,6 +14,7 @@
 #include "tools/tessel/Interrupt.h"
 #include "tools/tessel/OutputFile.h"
 #include "tools/tessel/ProgramMapLog.h"
+#include "tools/tessel/Progress.h"
 #include "tools/tessel/StreamReader.h"
 #include "tools/tessel/Unreadable.h"
 
@@ -24,6 +25,7 @@ namespace {
 // How far back a program map is looked for at first, and how far PES packets reach that have begun before the end.
 constexpr int64_t kLookBack = 4 << 20;
 constexpr int64_t kTail = 8 << 20;
+constexpr int64_t kShownEvery = 256 * 1024;
 
 class FilePackets {
 public:
@@ -248,7 +250,7 @@ public:
           m_pes(range.endTimestamp),
           m_output(output) {}
 
-    void Do() {
+    void Do(Progress& progress) {
         m_output.Write(m_pat.Next());
         m_output.Write(m_head.packets);
         int64_t last = m_range.end == INT64_MAX ? INT64_MAX : m_range.end - kLookAheadBytes;
@@ -258,6 +260,10 @@ public:
             const bool more = position < last;
             if (!more && (!m_pes.AnyOpen() || position - last > kTail))
                 return false;
+            if (position >= m_nextShown) {
+                progress.Show(position - m_range.begin);
+                m_nextShown = position + kShownEvery;
+            }
             Take(view, more);
             return true;
         });
@@ -295,13 +301,15 @@ private:
     ProgramMapLog::Pids m_streams;
     size_t m_mapPackets = 0;
     const ByteRange m_range;
+    int64_t m_nextShown = 0;
     PesLedger m_pes;
     OutputFile& m_output;
 };
 
 }  // namespace
 
-void Cut(InputFile& input, const std::optional<std::string>& service, const TimeSpan& span, const std::string& output) {
+int64_t Cut(InputFile& input, const std::optional<std::string>& service, const TimeSpan& span,
+            const std::string& output) {
     OutputFile file(output, input);
     Feed feed(input);
     PacketMeter meter;
@@ -326,7 +334,10 @@ void Cut(InputFile& input, const std::optional<std::string>& service, const Time
     feed.Restart();  // what may be wrong with the file's beginning is none of this part
     FilePackets packets(input, source.Parser().PacketSize());
     const Head head = FindHead(packets, *chosen.pmtPid, chosen.id, range);
-    Cutter(packets, chosen, head, transportStreamId, range, file).Do();
+    const int64_t end = std::min(range.end, input.Size().value_or(INT64_MAX));
+    Progress progress(end != INT64_MAX ? std::optional(end - range.begin) : std::nullopt);
+    Cutter(packets, chosen, head, transportStreamId, range, file).Do(progress);
+    return range.beginTime;
 }
 
 }  // namespace tessel::tool

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "tools/tessel/Failure.h"
+#include "tools/tessel/Progress.h"
 #include "tools/tessel/ServiceFinder.h"
 #include "tools/tessel/StreamReader.h"
 
@@ -76,8 +77,13 @@ int64_t Extract(InputFile& input, const std::vector<uint32_t>& pids, ExtractWhat
         else
             reader->AddTablePid(0xFFFFFFFF, 0, pid);
     }
-    for (auto bytes = input.Read(); !bytes.empty(); bytes = input.Read())
-        reader->Push(bytes);
+    {
+        Progress progress(input.Size());
+        for (auto bytes = input.Read(); !bytes.empty(); bytes = input.Read()) {
+            reader->Push(bytes);
+            progress.Show(input.BytesRead());
+        }
+    }
     reader->Finish();
     reader->Router().Detach(&sink);
     if (!reader->FoundPackets())

@@ -1,11 +1,14 @@
 #include "tools/tessel/Frames.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
 #include "output/parsers/AudioFrameWalk.h"
 #include "tools/tessel/Failure.h"
 #include "tools/tessel/FrameList.h"
+#include "tools/tessel/Progress.h"
 #include "tools/tessel/Seconds.h"
 #include "tools/tessel/ServiceFinder.h"
 #include "tools/tessel/StreamReader.h"
@@ -71,13 +74,20 @@ void PrintFrames(Feed& feed, uint32_t pid, bool json) {
     reader->Router().Want(&frames, pid, true);
     feed.Restart();
     std::vector<uint8_t> buffer(kReadSize);
+    // On a terminal the lines themselves are progress.
+    std::optional<Progress> progress;
+    if (isatty(STDOUT_FILENO) == 0)
+        progress.emplace(feed.Input().Size());
     for (size_t got = feed.Fill(buffer); got != 0; got = feed.Fill(buffer)) {
         reader->Push(std::span(buffer).first(got));
+        if (progress)
+            progress->Show(feed.Input().BytesRead());
         if (count != 0) {
             Print(text);
             text.clear();
         }
     }
+    progress.reset();
     reader->Finish();
     reader->Router().Detach(&frames);
     frames.Finish();

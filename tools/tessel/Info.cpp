@@ -2,16 +2,20 @@
 
 #include "tables/TableFactory.h"
 #include "tools/tessel/Failure.h"
+#include "tools/tessel/Progress.h"
 
 namespace tessel::tool {
 
 StreamInfo ReadStreamInfo(InputFile& input, bool allPids) {
     TableReader tables;
+    std::optional<Progress> progress(std::in_place, allPids ? input.Size() : std::nullopt);
     for (auto bytes = input.Read(); !bytes.empty(); bytes = input.Read()) {
         tables.Push(bytes);
+        progress->Show(input.BytesRead());
         if (!allPids && (input.BytesRead() >= kByteLimit || tables.IsComplete()))
             break;
     }
+    progress.reset();
     tables.Finish();
     StreamReader& reader = tables.Reader();
     if (!reader.FoundPackets())

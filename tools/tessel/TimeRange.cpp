@@ -76,14 +76,6 @@ std::optional<int64_t> ParseTime(const char* option, const std::string& text) {
     return time;
 }
 
-std::string TimeText(int64_t time) {
-    char text[48];
-    const long long hundredths = time / (kSecond / 100);
-    std::snprintf(text, sizeof(text), "%lld:%02lld:%02lld.%02lld", hundredths / 360'000, hundredths / 6000 % 60,
-                  hundredths / 100 % 60, hundredths % 100);
-    return text;
-}
-
 const ComponentInfo* FindClear(const ServiceInfo& service, const GUID& majortype) {
     for (const ComponentInfo& component : service.components)
         if (!component.scrambled && component.media != nullptr && component.media->extension != nullptr &&
@@ -132,6 +124,14 @@ TimeSpan ParseTimeSpan(const std::string& from, const std::string& to) {
     return span;
 }
 
+std::string TimeText(int64_t time) {
+    char text[48];
+    const long long hundredths = time / (kSecond / 100);
+    std::snprintf(text, sizeof(text), "%lld:%02lld:%02lld.%02lld", hundredths / 360'000, hundredths / 6000 % 60,
+                  hundredths / 100 % 60, hundredths % 100);
+    return text;
+}
+
 std::optional<TimingStream> FindTimingStream(const std::vector<ServiceInfo>& services,
                                              std::optional<uint32_t> serviceId) {
     for (const GUID* const majortype : {&MEDIATYPE_Video, &MEDIATYPE_Audio})
@@ -166,8 +166,9 @@ ByteRange SeekToPart(CTsSource& source, const TimingStream& stream, const TimeSp
     if (span.from && first + *span.from >= end)
         throw Failure(path + ": --from is behind its end, at " + TimeText(end - first));
     ByteRange range;
+    int64_t reached = first;
     const auto seek = [&](int64_t time) {
-        int64_t reached = first + time;
+        reached = first + time;
         if (source.SetPositions(&reached, kToKeyFrame, nullptr, 0) != S_OK)
             throw CannotCut(path, "a time stamp could not be found again");
         return source.StartPosition();
@@ -181,10 +182,12 @@ ByteRange SeekToPart(CTsSource& source, const TimingStream& stream, const TimeSp
         range.end = found ? *found + kLookAheadBytes : INT64_MAX;
         range.endTimestamp = (*origin / 300 + to * 9 / 1000) % kTimestampWrap;
     }
-    if (span.from)
+    if (span.from) {
         range.begin = seek(*span.from);
-    else
+        range.beginTime = reached - first;
+    } else {
         source.StartAtBeginning();
+    }
     if (range.end <= range.begin)
         throw CannotCut(path, "its clock and its time stamps do not fit each other there");
     source.SetEndPosition(range.end);

@@ -25,6 +25,9 @@ struct TimeSpan {
 // "90", "1:30", "0:01:30.5"; an empty text is not given. Misuse for anything else, and where nothing lies between.
 TimeSpan ParseTimeSpan(const std::string& from, const std::string& to);
 
+// "0:01:30.50"
+std::string TimeText(int64_t time);
+
 // The stream by which a file is timed, and the PID with its clock.
 struct TimingStream {
     const ComponentInfo* component;
@@ -45,6 +48,7 @@ inline constexpr int64_t kLookAheadBytes = 7;
 // knows the one before for a whole one.
 struct ByteRange {
     int64_t begin = 0;
+    int64_t beginTime = 0;  // 100 ns, as of TimeSpan
     int64_t end = INT64_MAX;
     // 90 kHz; what is decoded from then on comes within the bytes all the same, for it is sent ahead.
     int64_t endTimestamp = kNoTimestamp;

@@ -103,6 +103,11 @@ struct ModuleArguments {
     bool json = false;
 };
 
+// A line on standard error. What is named in it may drive a terminal.
+void Tell(const std::string& text) {
+    std::fprintf(stderr, "tessel: %s\n", ToTerminal(text).c_str());
+}
+
 // Runs a command on its input. Of what cannot be read the user hears behind what was made of the rest, and before what
 // that lacks.
 template <class Command>
@@ -122,13 +127,13 @@ void RunOn(InputFile& input, bool skipUnreadable, Command command) {
     }
     checkInput();
     if (const PassedOver passedOver = AllPassedOver(); passedOver.bytes != 0)
-        std::fprintf(stderr, "tessel: %s: %lld bytes could not be read and are left out, the first is byte %lld\n",
-                     input.Name().c_str(), static_cast<long long>(passedOver.bytes),
-                     static_cast<long long>(passedOver.first));
+        Tell(input.Name() + ": " + std::to_string(passedOver.bytes) +
+             " bytes could not be read and are left out, the first is byte " + std::to_string(passedOver.first));
 }
 
 void RunInfo(const InfoArguments& arguments) {
     InputFile input(arguments.input);
+    CatchInterrupts();
     RunOn(input, arguments.skipUnreadable, [&] {
         StreamInfo info = ReadStreamInfo(input, arguments.pids);
         if (!arguments.push && arguments.input != "-")
@@ -223,7 +228,11 @@ void RunCut(const CutArguments& arguments) {
     const TimeSpan span = ParseSpan(arguments.span, arguments.input);
     InputFile input(arguments.input);
     CatchInterrupts();
-    RunOn(input, arguments.skipUnreadable, [&] { Cut(input, Given(arguments.service), span, arguments.output); });
+    RunOn(input, arguments.skipUnreadable, [&] {
+        const int64_t begin = Cut(input, Given(arguments.service), span, arguments.output);
+        if (span.from)
+            Tell("the part begins at " + TimeText(begin));
+    });
 }
 
 void RunFrames(const FramesArguments& arguments) {
@@ -472,9 +481,8 @@ int Run(int argc, char** argv) {
     return kDone;
 }
 
-// What is named in it may drive a terminal.
 int Say(ExitCode code, const std::string& text) {
-    std::fprintf(stderr, "tessel: %s\n", ToTerminal(text).c_str());
+    Tell(text);
     return code;
 }
 

@@ -1,5 +1,6 @@
 """What the tool makes of files that can be sought in: played by the file source, cut by time, and still growing."""
 import json
+import pathlib
 import re
 import signal
 import subprocess
@@ -133,12 +134,12 @@ class Unreadable(FileTest):
             with self.subTest(command):
                 code, files, said = self.made_of(command, path, env=faults)
                 self.assertEqual(code, 1)
-                self.assertRegex(said, rf"\Atessel: [^\n]*bad.ts: cannot read byte {bad}: Input/output error[^\n]*\n\Z")
+                self.assertRegex(said, rf"(?m)^tessel: [^\n]*bad.ts: cannot read byte {bad}: Input/output error[^\n]*\n\Z")
                 if not command.startswith("info"):  # which tells how long the file is
                     self.assertEqual(files, self.made_of(command, head)[1])
                 code, files, said = self.made_of(command, path, "--skip-unreadable", env=faults)
                 self.assertEqual(code, 0)
-                self.assertRegex(said, rf"\Atessel: [^\n]*bad.ts: 512 bytes could not be read[^\n]* {bad}\n\Z")
+                self.assertRegex(said, rf"(?m)^tessel: [^\n]*bad.ts: 512 bytes could not be read[^\n]* {bad}\n\Z")
                 self.assertEqual(files, self.made_of(command, hole)[1])
                 self.assertTrue(files and b"" not in files.values())
 
@@ -401,6 +402,37 @@ class Follows(FileTest):
             self.assertDone(tool)
             self.assertEqual(output.read_bytes(), self.done("extract", made("two"), *options, "-o", "-"))
 
+    def test_it_says_what_became_of_the_file(self):
+        whole = made("mpeg2").read_bytes()
+        data = whole[:len(whole) // 376 * 188]
+
+        def replace(path):
+            self.file("new.ts", data).rename(path)
+
+        def cut(path):
+            path.write_bytes(data[:188 * 50])
+
+        cases = [(replace, "--follow", 0, "was replaced, and the old file", data),
+                 (replace, "--follow=name", 0, "was replaced; the new file", data * 2),
+                 (cut, "--follow", 1, "was cut to 9400 bytes when", data),
+                 (cut, "--follow=name", 0, "was cut; it is read", data + data[:188 * 50])]
+        for change, option, code, said, wanted in cases:
+            with self.subTest(said):
+                path = self.file("followed.ts", data)
+                tool = subprocess.Popen([support.TOOL, "extract", path, "--pid", "256", option, "--idle", "2", "-o", "-"],
+                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                self.addCleanup(tool.kill)
+                # Until all has been read, the last block of 128 KiB at once.
+                deadline = time.monotonic() + self.LIMIT
+                while int(pathlib.Path(f"/proc/{tool.pid}/io").read_text().split()[1]) < len(data):
+                    self.assertLess(time.monotonic(), deadline)
+                    time.sleep(0.01)
+                change(path)
+                output, error = tool.communicate(timeout=self.LIMIT)
+                self.assertEqual(tool.returncode, code, error)
+                self.assertRegex(error.decode(), rf"\Atessel: [^\n]*followed.ts: {said}[^\n]*\n\Z")
+                self.assertEqual(output, self.extract(self.file("wanted.ts", wanted), [256]))
+
     def test_an_interrupt_ends_it(self):
         output = self.folder / "out"
         tool = self.follow("mpeg2", ["extract", "{}", "--pid", "256", "--follow", "-o", output])
@@ -418,6 +450,7 @@ class Follows(FileTest):
                  (1, "no services", ["demux", head, "--follow", "--idle", "0.7", *out]),
                  (1, "is empty", ["demux", self.file("empty.ts", b""), "--follow", "--idle", "0.3", *out]),
                  (1, "only a file can be followed", ["extract", "-", "--pid", "1", "--follow", *out]),
+                 (2, "--follow=name", ["extract", path, "--pid", "1", "--follow=x", *out]),
                  (2, "--idle", ["extract", path, "--pid", "1", "--follow", "--idle", "0", *out])]
         for code, text, command in cases:
             with self.subTest(command=command):

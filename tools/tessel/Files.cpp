@@ -9,11 +9,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "source/StreamFile.h"
 #include "tools/tessel/Failure.h"
 #include "tools/tessel/Interrupt.h"
 #include "tools/tessel/Unreadable.h"
+#include "tools/tessel/Utf8.h"
 
 namespace tessel::tool {
 
@@ -98,17 +100,51 @@ size_t InputFile::PassOverUnreadable(std::span<uint8_t> buffer, int error) {
 
 void InputFile::NoteUnreadable(int64_t position, int error) {
     if (!m_unreadable)
-        m_unreadable = m_name + ": cannot read byte " + std::to_string(position) + ": " + std::strerror(error);
+        m_unreadable = m_name + ": cannot read byte " + std::to_string(position) + ": " + std::strerror(error) +
+                       (CanRewind() && !SkipsUnreadable() ? "; --skip-unreadable goes on behind it" : "");
 }
 
-void InputFile::Follow(std::optional<std::chrono::milliseconds> idle) {
+void InputFile::Follow(std::optional<std::chrono::milliseconds> idle, bool byName) {
     if (!CanRewind())
         throw Failure(m_name + ": only a file can be followed; a pipe is read to its end anyhow");
+    OpenGrowing();
+    m_idle = idle;
+    m_byName = byName;
+}
+
+void InputFile::OpenGrowing() {
     HRESULT result = S_OK;
     m_growing = OpenStreamFile(m_name.c_str(), GENERIC_READ, &result, InputFiles());
     if (!m_growing)
         throw Failure(m_name + ": cannot open: " + Reason() + "; check the path");
-    m_idle = idle;
+    m_followed = 0;
+}
+
+bool InputFile::MayGoOn() {
+    struct stat mine {};
+    struct stat named {};
+    if (fstat(m_descriptor, &mine) != 0)
+        return true;
+    const bool cut = mine.st_size < m_followed;
+    // A name that leads nowhere may yet lead to the next one.
+    const bool replaced = stat(m_name.c_str(), &named) == 0 &&
+                          (named.st_dev != mine.st_dev || named.st_ino != mine.st_ino) && S_ISREG(named.st_mode);
+    if (m_byName && (cut || replaced)) {
+        const int descriptor = open(m_name.c_str(), O_RDONLY | O_CLOEXEC);
+        if (descriptor < 0)
+            return true;
+        close(std::exchange(m_descriptor, descriptor));
+        OpenGrowing();
+        Tell(m_name + (replaced ? ": was replaced; the new file is read from its start"
+                                : ": was cut; it is read from its start"));
+    } else if (cut) {
+        m_unreadable = m_name + ": was cut to " + std::to_string(mine.st_size) + " bytes when " +
+                       std::to_string(m_followed) + " had been read; --follow=name reads it from its start";
+        return false;
+    } else if (replaced && !std::exchange(m_saidReplaced, true)) {
+        Tell(m_name + ": was replaced, and the old file is followed; --follow=name reads the new one");
+    }
+    return true;
 }
 
 size_t InputFile::ReadGrowing(std::span<uint8_t> buffer) {
@@ -118,13 +154,16 @@ size_t InputFile::ReadGrowing(std::span<uint8_t> buffer) {
         const HRESULT result = m_growing->Read(buffer.data(), static_cast<ULONG>(buffer.size()), &count);
         if (count != 0) {
             m_bytesRead += count;
+            m_followed += count;
             m_lastGrowth = std::chrono::steady_clock::now();
             return count;
         }
         if (FAILED(result)) {
-            NoteUnreadable(m_bytesRead, EIO);
+            NoteUnreadable(m_followed, EIO);
             break;
         }
+        if (!MayGoOn())
+            break;
         if (m_idle && std::chrono::steady_clock::now() - m_lastGrowth >= *m_idle)
             break;
         SleepUnlessInterrupted(kGrowthPoll);
@@ -136,7 +175,7 @@ bool InputFile::IsReady() const {
     struct stat status {};
     if (m_growing)
         return std::chrono::steady_clock::now() - m_lastGrowth > kGrowthPatience ||
-               (fstat(m_descriptor, &status) == 0 && status.st_size > m_bytesRead);
+               (fstat(m_descriptor, &status) == 0 && status.st_size != m_followed);
     pollfd ready{m_descriptor, POLLIN, 0};
     return poll(&ready, 1, 0) != 0;
 }
@@ -147,6 +186,7 @@ void InputFile::Rewind() {
     if (!moved)
         throw Failure(m_name + ": cannot read from the beginning again: " + Reason());
     m_bytesRead = 0;
+    m_followed = 0;
     m_unreadable.reset();
 }
 
@@ -163,6 +203,10 @@ std::optional<int64_t> InputFile::Size() const {
     if (!CanRewind() || m_growing || fstat(m_descriptor, &status) != 0)
         return std::nullopt;
     return status.st_size - m_start;
+}
+
+void Tell(const std::string& text) {
+    std::fprintf(stderr, "tessel: %s\n", ToTerminal(text).c_str());
 }
 
 void Print(const std::string& text) {

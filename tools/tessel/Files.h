@@ -26,7 +26,7 @@ public:
     std::span<const uint8_t> Read();
     // The same into a buffer of the caller's: the number of bytes.
     size_t Read(std::span<uint8_t> buffer);
-    // A byte that could not be read, as a sentence; what came before it counts. None once rewound.
+    // Why the input ended before its end, as a sentence; what came until then counts. None once rewound.
     const std::optional<std::string>& Unreadable() const { return m_unreadable; }
     // Somebody else who reads the file could not read that byte.
     void NoteUnreadable(int64_t position, int error);
@@ -36,9 +36,10 @@ public:
     // A file proper can be read from its beginning again; what a pipe has given is gone.
     bool CanRewind() const { return m_start >= 0; }
     void Rewind();
-    // The file may still grow: at its end a read waits for more, and gives up when none has come for idle. Failure for
-    // what is no file.
-    void Follow(std::optional<std::chrono::milliseconds> idle);
+    // The file may still grow: at its end a read waits for more, and gives up when none has come for idle. What becomes
+    // of the file is said: one that was cut ends, one that its name no longer leads to may still grow. byName: in both
+    // cases it goes on with what the name leads to, from its start. Failure for what is no file.
+    void Follow(std::optional<std::chrono::milliseconds> idle, bool byName);
     // From here on only these bytes of the file are read.
     void SetRange(int64_t begin, int64_t end);
     // Bytes from the beginning to the end; unknown of a pipe, and of a file that grows.
@@ -49,6 +50,9 @@ public:
 
 private:
     size_t ReadGrowing(std::span<uint8_t> buffer);
+    void OpenGrowing();
+    // When the file followed has been read: false when nothing more can come of it.
+    bool MayGoOn();
     // After a read that failed: the bytes that stand for what cannot be read, or 0.
     size_t PassOverUnreadable(std::span<uint8_t> buffer, int error);
 
@@ -57,12 +61,18 @@ private:
     ComPtr<IStream> m_growing;
     std::optional<std::string> m_unreadable;
     std::optional<std::chrono::milliseconds> m_idle;
+    bool m_byName = false;
+    bool m_saidReplaced = false;
+    int64_t m_followed = 0;  // bytes read of the file that is followed
     std::chrono::steady_clock::time_point m_lastGrowth;
     int64_t m_start = -1;  // where in the file we began; -1 for a pipe
     std::vector<uint8_t> m_buffer;
     int64_t m_bytesRead = 0;
     int64_t m_left = INT64_MAX;  // of the range
 };
+
+// A line on standard error. What is named in it may drive a terminal, so it is guarded.
+void Tell(const std::string& text);
 
 // Writes to standard output at once.
 void Print(const std::string& text);

@@ -18,7 +18,6 @@
 #include "tools/tessel/Interrupt.h"
 #include "tools/tessel/PidList.h"
 #include "tools/tessel/Unreadable.h"
-#include "tools/tessel/Utf8.h"
 #include "tools/tessel/Watch.h"
 #include "tools/tessel/inspect/Inspect.h"
 
@@ -38,9 +37,13 @@ struct SpanArguments {
     std::string to;
 };
 
+// What --follow alone means, as the parser of the command line has it, and with a value.
+const char* const kFollow = "true";
+const char* const kFollowName = "name";
+
 struct FollowArguments {
-    bool follow = false;
-    double idle = 0;  // seconds; 0: not given
+    std::string follow;  // none, kFollow or kFollowName
+    double idle = 0;     // seconds; 0: not given
 };
 
 struct ExtractArguments {
@@ -92,6 +95,7 @@ struct WatchArguments {
 
 struct InspectArguments {
     std::string input;
+    bool skipUnreadable = false;
     std::string listen = "127.0.0.1:8210";
     bool open = false;
     bool loop = false;
@@ -103,19 +107,13 @@ struct ModuleArguments {
     bool json = false;
 };
 
-// A line on standard error. What is named in it may drive a terminal.
-void Tell(const std::string& text) {
-    std::fprintf(stderr, "tessel: %s\n", ToTerminal(text).c_str());
-}
-
 // Runs a command on its input. Of what cannot be read the user hears behind what was made of the rest, and before what
 // that lacks.
 template <class Command>
 void RunOn(InputFile& input, bool skipUnreadable, Command command) {
     const auto checkInput = [&] {
         if (input.Unreadable())
-            throw Failure(*input.Unreadable() +
-                          (input.CanRewind() && !skipUnreadable ? "; --skip-unreadable goes on behind it" : ""));
+            throw Failure(*input.Unreadable());
     };
     if (skipUnreadable)
         SkipUnreadable();
@@ -152,19 +150,21 @@ TimeSpan ParseSpan(const SpanArguments& arguments, const std::string& input) {
 
 // What grows is read as it comes.
 void CheckFollow(const FollowArguments& arguments, const TimeSpan& span) {
-    if (arguments.follow && !span.IsWhole())
+    if (!arguments.follow.empty() && arguments.follow != kFollow && arguments.follow != kFollowName)
+        throw Misuse("--follow=" + arguments.follow + ": there are --follow and --follow=name");
+    if (!arguments.follow.empty() && !span.IsWhole())
         throw Misuse("--from and --to are for a file that is complete; leave out --follow");
-    if (!arguments.follow && arguments.idle > 0)
+    if (arguments.follow.empty() && arguments.idle > 0)
         throw Misuse("--idle says when --follow ends; add --follow");
 }
 
 // A file that grows has no other end than an interrupt.
 void Follow(InputFile& input, const FollowArguments& arguments) {
-    CatchInterrupts(arguments.follow ? Interrupt::kIsTheEnd : Interrupt::kCutsShort);
-    if (!arguments.follow)
+    CatchInterrupts(arguments.follow.empty() ? Interrupt::kCutsShort : Interrupt::kIsTheEnd);
+    if (arguments.follow.empty())
         return;
     const auto idle = std::chrono::milliseconds(std::llround(arguments.idle * 1000));
-    input.Follow(arguments.idle > 0 ? std::optional(idle) : std::nullopt);
+    input.Follow(arguments.idle > 0 ? std::optional(idle) : std::nullopt, arguments.follow == kFollowName);
 }
 
 void RunExtract(const ExtractArguments& arguments) {
@@ -188,9 +188,10 @@ std::optional<std::string> Given(const std::string& text) {
 void RunDemux(const DemuxArguments& arguments) {
     DemuxRequest request;
     // A mode of the splitter asks for the splitter.
-    request.mode = !arguments.mode.empty()                                               ? ParseMode(arguments.mode)
-                   : arguments.push || arguments.follow.follow || arguments.input == "-" ? StreamingMode::kRecording
-                                                                                         : StreamingMode::kFile;
+    request.mode = !arguments.mode.empty() ? ParseMode(arguments.mode)
+                   : arguments.push || !arguments.follow.follow.empty() || arguments.input == "-"
+                       ? StreamingMode::kRecording
+                       : StreamingMode::kFile;
     request.service = Given(arguments.service);
     if (!arguments.audio.empty())
         request.audio = CanonicalLanguage(arguments.audio);
@@ -253,6 +254,8 @@ void RunWatch(const WatchArguments& arguments) {
 void RunInspect(const InspectArguments& arguments) {
     const InspectRequest request{ParseListenAddress(arguments.listen), arguments.open, arguments.loop,
                                  arguments.allowUploads};
+    if (arguments.skipUnreadable)
+        SkipUnreadable();
     auto input = std::make_unique<InputFile>(arguments.input);
     if (request.loop && !input->CanRewind())
         throw Misuse("--loop plays a file again and again; what a pipe has given is gone");
@@ -296,7 +299,9 @@ void AddSpan(CLI::App* command, SpanArguments& span) {
 }
 
 void AddFollow(CLI::App* command, FollowArguments& arguments) {
-    command->add_flag("--follow", arguments.follow, "The file still grows: wait for more at its end, until Ctrl-C");
+    command->add_flag("--follow", arguments.follow,
+                      "The file still grows: wait for more at its end, until Ctrl-C. --follow=name: go on with what "
+                      "takes the file's place, and with what it begins anew with, from its start");
     command->add_option("--idle", arguments.idle, "End when a file that is followed has not grown for so many seconds")
         ->option_text("SECONDS")
         ->check(CLI::Range(0.001, 1e6));
@@ -412,6 +417,7 @@ void AddInspect(CLI::App& app, InspectArguments& arguments) {
     inspect->add_flag("--loop", arguments.loop, "Play a file again and again");
     inspect->add_flag("--allow-uploads", arguments.allowUploads,
                       "Other machines that reach the page may send a stream in place of this one");
+    AddSkipUnreadable(inspect, arguments.skipUnreadable);
     inspect->footer(
         "A file plays at the speed of its clock, and plays on when it grows; a pipe at the speed at which it comes.\n"
         "The pages stay when the input has ended. Ctrl-C ends it.\n\n"

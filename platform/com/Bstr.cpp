@@ -1,7 +1,7 @@
 #include "platform/com/Bstr.h"
 
-#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 
 namespace {
@@ -15,7 +15,7 @@ constexpr size_t kLengthAt = 4;
 
 BSTR SysAllocStringLen(const OLECHAR* text, uint32_t length) {
     const size_t bytes = size_t{length} * sizeof(OLECHAR);
-    auto* block = static_cast<char*>(std::malloc(kPrefix + bytes + sizeof(OLECHAR)));
+    auto* block = static_cast<char*>(::operator new(kPrefix + bytes + sizeof(OLECHAR), std::nothrow));
     if (block == nullptr)
         return nullptr;
     const auto stored = static_cast<uint32_t>(bytes);
@@ -35,7 +35,7 @@ BSTR SysAllocString(const OLECHAR* text) {
 
 void SysFreeString(BSTR text) {
     if (text != nullptr)
-        std::free(reinterpret_cast<char*>(text) - kPrefix);
+        ::operator delete(reinterpret_cast<char*>(text) - kPrefix);
 }
 
 uint32_t SysStringLen(const OLECHAR* text) {

@@ -1,19 +1,19 @@
 // Memory that one side of an interface allocates and the other frees.
 #pragma once
 
-#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string_view>
 
 #include "platform/com/Result.h"
 
 // Null when there is none; aligned for any type.
 inline void* CoTaskMemAlloc(size_t bytes) {
-    return std::malloc(bytes != 0 ? bytes : 1);
+    return ::operator new(bytes, std::nothrow);
 }
 
 inline void CoTaskMemFree(void* memory) {
-    std::free(memory);
+    ::operator delete(memory);
 }
 
 // A terminated copy of text in task memory; null when out of memory.

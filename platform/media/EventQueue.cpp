@@ -1,7 +1,5 @@
 #include "platform/media/EventQueue.h"
 
-#include <new>
-
 #include "platform/media/MediaResult.h"
 
 HRESULT CMediaEventQueue::NonDelegatingQueryInterface(const IID& iid, void** out) {
@@ -18,13 +16,9 @@ HRESULT CMediaEventQueue::Notify(LONG code, LONG_PTR param1, LONG_PTR param2) {
             return S_OK;
         m_pending = m_renderers;  // for the stream after a seek
     }
-    if (m_events.size() >= kMaxEvents)
+    if (m_count == kMaxEvents)
         return E_FAIL;
-    try {
-        m_events.push_back({.code = code, .param1 = param1, .param2 = param2});
-    } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;
-    }
+    m_events[(m_first + m_count++) % kMaxEvents] = {.code = code, .param1 = param1, .param2 = param2};
     m_arrived.notify_one();
     return S_OK;
 }
@@ -33,16 +27,21 @@ HRESULT CMediaEventQueue::GetEvent(MediaEvent* out, DWORD milliseconds) {
     if (out == nullptr)
         return E_POINTER;
     std::unique_lock lock(m_mutex);
-    if (!WaitOn(m_arrived, lock, milliseconds, [this] { return !m_events.empty(); }))
+    if (!WaitOn(m_arrived, lock, milliseconds, [this] { return m_count != 0; }))
         return E_ABORT;
-    *out = m_events.front();
-    m_events.pop_front();
+    *out = m_events[m_first];
+    m_first = (m_first + 1) % kMaxEvents;
+    --m_count;
     return S_OK;
 }
 
 void CMediaEventQueue::Restart(std::vector<LONG_PTR> renderers) {
     const std::lock_guard lock(m_mutex);
-    std::erase_if(m_events, [](const MediaEvent& event) { return event.code == EC_COMPLETE; });
+    size_t kept = 0;
+    for (size_t i = 0; i < m_count; ++i)
+        if (const MediaEvent& event = m_events[(m_first + i) % kMaxEvents]; event.code != EC_COMPLETE)
+            m_events[(m_first + kept++) % kMaxEvents] = event;
+    m_count = kept;
     m_pending = renderers;
     m_renderers = std::move(renderers);
 }

@@ -1,8 +1,8 @@
 // The events of a graph, on their way from its filters to the application.
 #pragma once
 
+#include <array>
 #include <condition_variable>
-#include <deque>
 #include <mutex>
 #include <vector>
 
@@ -37,7 +37,10 @@ private:
     // Guards all below. Not a CCritSec, which cannot be waited on; nothing is called out with it held.
     std::mutex m_mutex;
     std::condition_variable m_arrived;
-    std::deque<MediaEvent> m_events;
+    // A ring: what tells of the end of a stream, or that memory is out, needs none.
+    std::array<MediaEvent, kMaxEvents> m_events;
+    size_t m_first = 0;
+    size_t m_count = 0;
     std::vector<LONG_PTR> m_renderers;
     std::vector<LONG_PTR> m_pending;  // renderers that have not completed; keeps room for all
 };

@@ -84,8 +84,11 @@ CFilterGraph::~CFilterGraph() {
     StopAll();
     while (!m_filters.empty()) {
         const ComPtr<IBaseFilter> filter = m_filters.back().filter;
-        if (FAILED(RemoveFilter(filter.Get())))
-            m_filters.pop_back();
+        if (SUCCEEDED(RemoveFilter(filter.Get())))
+            continue;
+        filter->SetSyncSource(nullptr);
+        filter->JoinFilterGraph(nullptr, nullptr);
+        m_filters.pop_back();
     }
 }
 
@@ -320,14 +323,11 @@ HRESULT CFilterGraph::StopAll() {
         if (FAILED(stopped) && SUCCEEDED(result))
             result = stopped;
     };
-    Filters filters;
-    if (SUCCEEDED(UpstreamOrder(filters))) {
-        for (const auto& filter : filters)
-            stop(*filter);
-    } else {
-        for (const Entry& entry : m_filters)  // in any order rather than not at all
-            stop(*entry.filter);
-    }
+    for (const auto& filter : m_started)
+        stop(*filter);
+    for (const Entry& entry : m_filters)  // one that came, or was started by itself, since
+        stop(*entry.filter);
+    m_started.clear();
     m_state = State_Stopped;
     m_streamTime = 0;
     return result;
@@ -341,13 +341,13 @@ HRESULT CFilterGraph::Pause() {
 HRESULT CFilterGraph::PauseAll() {
     if (m_state == State_Paused)
         return S_OK;
-    Filters filters;
-    HRESULT result = UpstreamOrder(filters);
+    m_started.clear();
+    HRESULT result = UpstreamOrder(m_started);
     if (SUCCEEDED(result) && m_state == State_Stopped)
         result = RestartEvents();
     if (m_state == State_Running && m_clock)
         m_streamTime = Now() - m_start;
-    for (const auto& filter : filters) {
+    for (const auto& filter : m_started) {
         if (SUCCEEDED(result))
             result = filter->Pause();
     }

@@ -76,6 +76,8 @@ private:
     CCritSec m_lock{"filter graph", kMediaGraphRank};
     const ComPtr<CMediaEventQueue> m_events;
     std::vector<Entry> m_filters OS_GUARDED_BY(m_lock);
+    // In the order of the last start, for the stop, which must not need memory.
+    Filters m_started OS_GUARDED_BY(m_lock);
     ComPtr<IReferenceClock> m_clock OS_GUARDED_BY(m_lock);
     FILTER_STATE m_state OS_GUARDED_BY(m_lock) = State_Stopped;
     REFERENCE_TIME m_start OS_GUARDED_BY(m_lock) = 0;

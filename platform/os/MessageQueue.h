@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <optional>
 
 #include "platform/os/Event.h"
 
@@ -28,9 +29,10 @@ public:
     CMessageQueue(const CMessageQueue&) = delete;
     CMessageQueue& operator=(const CMessageQueue&) = delete;
 
-    // Appends a message; false when the queue is full or memory is out. WM_QUIT finds a place in a
-    // full queue too.
+    // Appends a message; false when the queue is full or memory is out. One WM_QUIT finds a place in a full queue too,
+    // needs no memory, and comes when no other message is left.
     bool Post(uint32_t message, uintptr_t wParam = 0, intptr_t lParam = 0);
+    bool IsFull();
     // The first message without waiting; false when there is none.
     bool Peek(MSG* out, bool remove);
     // Waits until there is a message; false when the time is over.
@@ -39,7 +41,12 @@ public:
     MSG Get();
 
 private:
+    bool HasOne() const { return !m_messages.empty() || m_quit; }
+    // There is one.
+    MSG First(bool remove);
+
     std::mutex m_mutex;
     std::condition_variable m_condition;
     std::deque<MSG> m_messages;
+    std::optional<MSG> m_quit;
 };

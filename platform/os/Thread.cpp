@@ -98,10 +98,9 @@ std::shared_ptr<CThread> CThread::Create(size_t stackSize, Procedure procedure) 
         if (error == 0)
             error = pthread_create(&thread->m_handle, &attributes, &CThread::Run, argument.get());
         pthread_attr_destroy(&attributes);
-        if (error != 0) {
-            thread->m_joined = true;
+        if (error != 0)
             return nullptr;
-        }
+        thread->m_joined = false;
         (void)argument.release();
         return thread;
     } catch (const std::bad_alloc&) {

@@ -70,5 +70,5 @@ private:
     const std::shared_ptr<State> m_state;
     pthread_t m_handle{};
     std::mutex m_joinMutex;
-    bool m_joined = false;
+    bool m_joined = true;  // nothing to let go of
 };

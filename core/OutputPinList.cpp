@@ -11,7 +11,7 @@ size_t COutputPinList::Count() const {
 
 OutputPinPtr COutputPinList::At(size_t index) const {
     CScopedLock lock(&m_lock);
-    return index < m_pins.size() ? m_pins[index] : nullptr;
+    return index < m_pins.size() ? m_pins.data()[index] : nullptr;
 }
 
 OutputPinPtr COutputPinList::Find(const std::u16string& name) const {
@@ -21,7 +21,7 @@ OutputPinPtr COutputPinList::Find(const std::u16string& name) const {
     return found != m_pins.end() ? *found : nullptr;
 }
 
-std::vector<OutputPinPtr> COutputPinList::All() const {
+COutputPins COutputPinList::All() const {
     CScopedLock lock(&m_lock);
     return m_pins;
 }
@@ -38,10 +38,7 @@ std::u16string COutputPinList::NextName() {
 
 bool COutputPinList::Add(const OutputPinPtr& pin) {
     CScopedLock lock(&m_lock);
-    if (m_pins.size() >= kMaxPins)
-        return false;
-    m_pins.push_back(pin);
-    return true;
+    return m_pins.Add(pin);
 }
 
 bool COutputPinList::Remove(const CTsOutputPin* pin) {
@@ -51,15 +48,15 @@ bool COutputPinList::Remove(const CTsOutputPin* pin) {
         std::find_if(m_pins.begin(), m_pins.end(), [pin](const OutputPinPtr& other) { return other.get() == pin; });
     if (found == m_pins.end())
         return false;
-    last = std::move(*found);
-    m_pins.erase(found);
+    last = *found;
+    m_pins.Remove(static_cast<size_t>(found - m_pins.begin()));
     return true;
 }
 
-std::vector<OutputPinPtr> COutputPinList::TakeAll() {
+COutputPins COutputPinList::TakeAll() {
     CScopedLock lock(&m_lock);
     m_serial = 0;
-    return std::exchange(m_pins, {});
+    return std::exchange(m_pins, COutputPins());
 }
 
 }  // namespace tessel

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 namespace tessel {
 
@@ -47,6 +48,26 @@ private:
     std::condition_variable m_changed;
     std::thread::id m_owner;
     int m_depth = 0;
+};
+
+// Gives a turn that was taken back, an exception on the way or not.
+class CHeldTurn {
+public:
+    // Null: it was not to be had.
+    explicit CHeldTurn(CParseTurn* turn) : m_turn(turn) {}
+    ~CHeldTurn() { Release(); }
+    CHeldTurn(CHeldTurn&& other) noexcept : m_turn(std::exchange(other.m_turn, nullptr)) {}
+    CHeldTurn(const CHeldTurn&) = delete;
+    CHeldTurn& operator=(const CHeldTurn&) = delete;
+
+    explicit operator bool() const { return m_turn != nullptr; }
+    void Release() {
+        if (CParseTurn* const turn = std::exchange(m_turn, nullptr))
+            turn->Release();
+    }
+
+private:
+    CParseTurn* m_turn;
 };
 
 }  // namespace tessel

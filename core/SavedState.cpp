@@ -94,7 +94,7 @@ HRESULT WritePins(IStream& stream, const std::vector<SavedPin>& pins) {
 HRESULT ReadPins(IStream& stream, std::vector<SavedPin>* out) {
     uint32_t count = 0;
     HRESULT result = ReadNumber(stream, &count);
-    if (FAILED(result) || count > COutputPinList::kMaxPins)
+    if (FAILED(result) || count > COutputPins::kMost)
         return E_FAIL;
     out->resize(count);
     for (SavedPin& pin : *out) {

@@ -138,7 +138,7 @@ void CServiceSelection::FillPins(Pins& pins) {
             return;
         pin = m_file->createPin(name);
         if (pin)
-            m_pins.push_back(pin);
+            m_pins.Add(pin);
     };
     create(pins.video, u"VOut");
     create(pins.audio, u"AOut");

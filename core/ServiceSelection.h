@@ -18,8 +18,8 @@ public:
         std::function<void()> rewind;
     };
 
-    CServiceSelection(std::vector<OutputPinPtr> pins, const PidStatusBits& pidStatus,
-                      IDvbServiceInformationEx& information, std::optional<FileOperations> file)
+    CServiceSelection(COutputPins pins, const PidStatusBits& pidStatus, IDvbServiceInformationEx& information,
+                      std::optional<FileOperations> file)
         : m_pins(std::move(pins)), m_pidStatus(pidStatus), m_information(information), m_file(std::move(file)) {}
 
     // The index-th of the services that have packets; when it has neither video nor audio, the next one that has.
@@ -47,7 +47,7 @@ private:
     Choice Choose(IDvbService& service, std::optional<uint32_t> videoType) const;
     static void Map(const OutputPinPtr& pin, std::optional<uint32_t> pid);
 
-    std::vector<OutputPinPtr> m_pins;
+    COutputPins m_pins;
     const PidStatusBits& m_pidStatus;
     IDvbServiceInformationEx& m_information;
     const std::optional<FileOperations> m_file;

@@ -38,7 +38,8 @@ CTsFilterBase::CTsFilterBase(const char* name, int32_t requestedCapacity, IUnkno
       m_clocks(*this),
       m_sectionFilterSlots(new std::atomic<SectionFilter*>[kPidCount]()),
       m_tables(*this),
-      m_programs(std::make_shared<const ProgramMapTables>()) {}
+      m_noPrograms(std::make_shared<const ProgramMapTables>()),
+      m_programs(m_noPrograms) {}
 
 CTsFilterBase::~CTsFilterBase() {
     Stop();
@@ -122,7 +123,8 @@ void CTsFilterBase::NoteArrival() {
 }
 
 HRESULT CTsFilterBase::ParseData() {
-    if (!TakeParseTurn())
+    const CHeldTurn turn = TakeParseTurn();
+    if (!turn)
         return S_FALSE;
     HRESULT result = S_OK;
     do {
@@ -135,23 +137,19 @@ HRESULT CTsFilterBase::ParseData() {
             m_router.SignalDelivery();
     } while (result == kParsePaused);
     RunDeferred();
-    m_parseTurn.Release();
     return result;
 }
 
 HRESULT CTsFilterBase::ParseInPlace(const uint8_t** data, int32_t* length) {
-    if (!m_parseTurn.TryTake())
+    const CHeldTurn turn(m_parseTurn.TryTake() ? &m_parseTurn : nullptr);
+    if (!turn)
         return S_FALSE;
-    HRESULT result = S_FALSE;
-    {
-        CScopedLock lock(&m_streamingLock);
-        if (IsStreaming() && !m_hasDeferred) {
-            result = m_parser.ParseInPlace(*this, data, length);
-            m_router.FlushPackets();
-            m_router.SignalDelivery();
-        }
-    }
-    m_parseTurn.Release();
+    CScopedLock lock(&m_streamingLock);
+    if (!IsStreaming() || m_hasDeferred)
+        return S_FALSE;
+    const HRESULT result = m_parser.ParseInPlace(*this, data, length);
+    m_router.FlushPackets();
+    m_router.SignalDelivery();
     return result;
 }
 
@@ -304,9 +302,9 @@ void CTsFilterBase::NewTSID(uint32_t transportStreamId) {
 }
 
 HRESULT CTsFilterBase::__ResetTables() {
-    std::vector<TableRecords> tables;
+    TableStore::Detached tables;
     std::vector<ComPtr<IUnknown>> services;
-    std::shared_ptr<const ProgramMapTables> programs = std::make_shared<const ProgramMapTables>();
+    std::shared_ptr<const ProgramMapTables> programs = m_noPrograms;
     CScopedLock lock(&m_tableLock);
     {
         CScopedLock snapshot(&m_programsLock);

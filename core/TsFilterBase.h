@@ -235,13 +235,12 @@ protected:
     CCritSec& StateLock() OS_RETURN_CAPABILITY(m_stateLock) { return m_stateLock; }
     CCritSec& StreamingLock() OS_RETURN_CAPABILITY(m_streamingLock) { return m_streamingLock; }
     CCritSec& TableLock() OS_RETURN_CAPABILITY(m_tableLock) { return m_tableLock; }
-    CParseTurn& ParseTurn() { return m_parseTurn; }
-    // False when the filter is about to stop; see CParseTurn.
-    bool TakeParseTurn() {
-        return m_parseTurn.Take([this] { return IsEnding(); });
+    // Not to be had when the filter is about to stop; see CParseTurn.
+    CHeldTurn TakeParseTurn() {
+        return CHeldTurn(m_parseTurn.Take([this] { return IsEnding(); }) ? &m_parseTurn : nullptr);
     }
     // As TakeParseTurn, also from a parser that waits for a receiver: what there is no room for meanwhile is lost.
-    bool SeizeParseTurn();
+    CHeldTurn SeizeParseTurn();
     COutputPinList& Pins() { return m_pins; }
 
     // A new pin at the end of the list; null when the list is full or memory is out. An empty name: the next number.
@@ -386,6 +385,8 @@ private:
     TableStore m_tables OS_GUARDED_BY(m_tableLock);
     std::unique_ptr<CDvbServices> m_services;
 
+    // What there is after a reset, which needs no memory.
+    const std::shared_ptr<const ProgramMapTables> m_noPrograms;
     CCritSec m_programsLock{"program map tables", kRankLeaf};
     std::shared_ptr<const ProgramMapTables> m_programs OS_GUARDED_BY(m_programsLock);
 

@@ -78,15 +78,21 @@ HRESULT CTsFilterBase::Pause() {
     CScopedLock lock(&StateLock());
     if (State() == State_Paused)
         return S_OK;
-    const bool starts = IsStopped();
-    if (starts) {
-        m_clocks.SetUpdateCount(0);
-        const HRESULT started = StartStreaming();
-        if (FAILED(started))
-            return started;
+    if (!IsStopped())
+        return CBaseFilter::Pause();
+    m_clocks.SetUpdateCount(0);
+    HRESULT result = S_OK;
+    try {
+        result = StartStreaming();
+        if (SUCCEEDED(result))
+            result = CBaseFilter::Pause();
+    } catch (const std::bad_alloc&) {
+        result = E_OUTOFMEMORY;
+        for (const OutputPinPtr& pin : m_pins.All())
+            if (pin->IsConnected())
+                pin->Inactive();
     }
-    const HRESULT result = CBaseFilter::Pause();
-    if (FAILED(result) && starts)
+    if (FAILED(result))
         StopStreaming();
     return result;
 }
@@ -107,13 +113,13 @@ void CTsFilterBase::BeginEnding() {
         pin->OnRoomMade();
 }
 
-bool CTsFilterBase::SeizeParseTurn() {
+CHeldTurn CTsFilterBase::SeizeParseTurn() {
     ++m_seizing;
     for (const OutputPinPtr& pin : m_pins.All())
         pin->OnRoomMade();
-    const bool taken = TakeParseTurn();
+    CHeldTurn turn = TakeParseTurn();
     --m_seizing;
-    return taken;
+    return turn;
 }
 
 HRESULT CTsFilterBase::Stop() {
@@ -123,7 +129,7 @@ HRESULT CTsFilterBase::Stop() {
         return S_OK;
     // A start that went on meanwhile has taken the first one back.
     BeginEnding();
-    const std::vector<OutputPinPtr> pins = m_pins.All();
+    const COutputPins pins = m_pins.All();
     bool connected = false;
     for (const OutputPinPtr& pin : pins)
         connected |= pin->IsConnected();
@@ -282,7 +288,7 @@ HRESULT CTsFilterBase::StartSync(const CStreamExecutor& content, bool inputEnded
                                 .inputEnded = inputEnded,
                                 .hasLiveClock = m_modeParameter != 0,
                                 .streamTime = m_modeParameter != 0 ? CurrentStreamTime() : 0};
-    const std::vector<OutputPinPtr> pins = m_pins.All();
+    const COutputPins pins = m_pins.All();
     SyncOrigin origin{};
     const HRESULT result = StartClock(m_clocks, content, pins, settings, &origin);
     if (result != S_OK)

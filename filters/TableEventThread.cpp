@@ -1,5 +1,8 @@
 #include "filters/TableEventThread.h"
 
+#include <new>
+
+#include "filters/threads/RALThread.h"
 #include "services/objects/ServiceInterfaces.h"
 
 namespace tessel {
@@ -11,8 +14,8 @@ constexpr uint32_t kEndWait = 1000;
 
 }  // namespace
 
-CTableEventThread::CTableEventThread(IsComplete isComplete) : m_shared(std::make_shared<Shared>()) {
-    m_shared->isComplete = std::move(isComplete);
+CTableEventThread::CTableEventThread(Filter filter) : m_shared(std::make_shared<Shared>()) {
+    m_shared->filter = std::move(filter);
 }
 
 CTableEventThread::~CTableEventThread() {
@@ -24,15 +27,16 @@ CTableEventThread::~CTableEventThread() {
     m_shared->sinks.Clear();
 }
 
-void CTableEventThread::Start() {
+HRESULT CTableEventThread::Start() {
     CScopedLock lock(&m_lock);
     if (m_thread)
-        return;
+        return S_OK;
     m_queue = std::make_shared<CMessageQueue>();
     m_thread = CThread::Create(kStackSize, [shared = m_shared, queue = m_queue] {
         NameThread("ts-events");
         return Run(*shared, *queue);
     });
+    return m_thread ? S_OK : kThreadNotCreated;
 }
 
 void CTableEventThread::Stop() {
@@ -51,8 +55,9 @@ void CTableEventThread::Stop() {
 
 void CTableEventThread::Post(uint32_t message, uint32_t tableId, uint32_t key) {
     CScopedLock lock(&m_lock);
-    if (m_queue)
-        m_queue->Post(message, tableId, static_cast<int32_t>(key));
+    // A queue that is full is the client's doing, who does not come back from a callback.
+    if (m_queue && !m_queue->Post(message, tableId, static_cast<int32_t>(key)) && !m_queue->IsFull())
+        throw std::bad_alloc();
 }
 
 void CTableEventThread::ForgetServices() {
@@ -68,7 +73,13 @@ uint32_t CTableEventThread::Run(Shared& shared, CMessageQueue& queue) {
         const MSG message = queue.Get();
         if (message.message == WM_QUIT)
             return static_cast<uint32_t>(message.wParam);
-        Tell(shared, message);
+        try {
+            Tell(shared, message);
+        } catch (const std::bad_alloc&) {
+            CScopedLock lock(&shared.filterLock);
+            if (!shared.closed)
+                shared.filter.outOfMemory();
+        }
         if (shared.closed)
             return 0;
     }
@@ -90,7 +101,7 @@ void CTableEventThread::Tell(Shared& shared, const MSG& message) {
 
 bool CTableEventThread::AskComplete(Shared& shared) {
     CScopedLock lock(&shared.filterLock);
-    return !shared.closed && shared.isComplete();
+    return !shared.closed && shared.filter.isComplete();
 }
 
 void CTableEventThread::AnnounceServices(Shared& shared) {

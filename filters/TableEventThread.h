@@ -20,10 +20,13 @@ inline constexpr uint32_t kMessageTableReady = 0x40B;
 // waits for the thread's end does so for a second, and then leaves it to end behind its callback.
 class CTableEventThread {
 public:
-    // Whether the service list is complete.
-    using IsComplete = std::function<bool()>;
+    // What the thread asks of the filter, and tells it.
+    struct Filter {
+        std::function<bool()> isComplete;   // the service list
+        std::function<void()> outOfMemory;  // clients have missed something
+    };
 
-    explicit CTableEventThread(IsComplete isComplete);
+    explicit CTableEventThread(Filter filter);
     ~CTableEventThread();
 
     CTableEventThread(const CTableEventThread&) = delete;
@@ -32,10 +35,11 @@ public:
     // The sinks are IDvbTableEvents, stored as given.
     CSinkList& Sinks() { return m_shared->sinks; }
 
-    // Nothing happens when the thread runs already, or cannot be made.
-    void Start();
+    // Nothing happens when the thread runs already. kThreadNotCreated.
+    HRESULT Start();
     // What is posted already is told first.
     void Stop();
+    // Throws std::bad_alloc.
     void Post(uint32_t message, uint32_t tableId, uint32_t key);
     // The services may be announced once more.
     void ForgetServices();
@@ -46,8 +50,8 @@ private:
     // What the thread needs. It outlives the filter behind a callback that does not come back.
     struct Shared {
         CSinkList sinks;
-        IsComplete isComplete;
-        // Held while isComplete asks the filter, and to close.
+        Filter filter;
+        // Held while the filter is called, and to close.
         CCritSec filterLock{"event thread's filter", kRankEventFilter};
         std::atomic<bool> closed{false};  // the filter does not wait any more
         // Counted by what makes an announcement stale; the one that was announced last.

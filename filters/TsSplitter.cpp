@@ -4,6 +4,7 @@
 #include <new>
 
 #include "core/PropertyPages.h"
+#include "platform/media/MediaResult.h"
 #include "services/objects/Collections.h"
 
 namespace tessel {
@@ -33,7 +34,8 @@ constexpr CLSID kPages[] = {kPageServices,
 CTsSplitter::CTsSplitter(IUnknown* outer)
     : CTsFilterBase("CTsSplitter", PacketParser::kDefaultCapacity, outer),
       m_wallClock(GetOwner(), &m_clockResult),
-      m_events([this] { return IsServiceInformationComplete() == S_OK; }),
+      m_events({.isComplete = [this] { return IsServiceInformationComplete() == S_OK; },
+                .outOfMemory = [this] { NotifyEvent(EC_ERRORABORT, E_OUTOFMEMORY, 0); }}),
       m_dataEvent(std::make_shared<CEvent>(EventReset::kAuto)),
       m_worker(this, m_dataEvent) {}
 
@@ -113,36 +115,49 @@ HRESULT CTsSplitter::SetSyncSource(IReferenceClock* clock) {
 
 HRESULT CTsSplitter::Reset() {
     // With the turn, so that no table comes between the reset and the contents' restart, which forgets it.
-    const bool hasTurn = SeizeParseTurn();
+    CHeldTurn turn = SeizeParseTurn();
     {
         CScopedLock streaming(&StreamingLock());
         CScopedLock tables(&TableLock());
         InternalReset();
-        if (hasTurn)
+        if (turn)
             DeferRestart();  // else the filter is about to stop, which ends the contents anyway
     }
     RunDeferred();
-    if (hasTurn)
-        ParseTurn().Release();
+    turn.Release();
     m_events.TellReset();
     return S_OK;
 }
 
 uint32_t CTsSplitter::DoOneThreadTask() {
-    if (!TakeParseTurn())
+    CHeldTurn turn = TakeParseTurn();
+    if (!turn)
         return INFINITE;
-    bool synced = false;
-    {
-        CScopedLock lock(&StreamingLock());
-        if (m_resyncPending && SUCCEEDED(DetectPacketSize()))
-            m_resyncPending = false;
-        synced = !m_resyncPending;
+    try {
+        bool synced = false;
+        {
+            CScopedLock lock(&StreamingLock());
+            if (m_resyncPending && SUCCEEDED(DetectPacketSize()))
+                m_resyncPending = false;
+            synced = !m_resyncPending;
+        }
+        if (synced)
+            ParseData();
+    } catch (const std::bad_alloc&) {
+        Abort();
     }
-    if (synced)
-        ParseData();
-    ParseTurn().Release();
+    turn.Release();
     m_roomEvent.Set();
     return INFINITE;
+}
+
+void CTsSplitter::Abort() {
+    if (IsEnding())
+        return;
+    StopStreaming();
+    NotifyEvent(EC_ERRORABORT, E_OUTOFMEMORY, 0);
+    for (const OutputPinPtr& pin : Pins().All())
+        pin->EndOfStream();
 }
 
 void CTsSplitter::ParseRest() {
@@ -156,7 +171,8 @@ void CTsSplitter::ParseRest() {
 
 HRESULT CTsSplitter::TakeDiscontinuity() {
     m_worker.Pause();
-    if (!TakeParseTurn())
+    CHeldTurn turn = TakeParseTurn();
+    if (!turn)
         return S_FALSE;
     ParseRest();
     {
@@ -166,12 +182,21 @@ HRESULT CTsSplitter::TakeDiscontinuity() {
             pin->NotifyDiscontinuity(CStreamExecutor::kDiscontinuity, nullptr);
         m_resyncPending = true;
     }
-    ParseTurn().Release();
+    turn.Release();
     m_worker.Resume(WorkerPriority());
     return S_OK;
 }
 
 HRESULT CTsSplitter::Receive(IMediaSample* sample) {
+    try {
+        return Take(sample);
+    } catch (const std::bad_alloc&) {
+        Abort();
+        return E_OUTOFMEMORY;
+    }
+}
+
+HRESULT CTsSplitter::Take(IMediaSample* sample) {
     if (!IsStreaming())
         return S_FALSE;
     uint8_t* data = nullptr;
@@ -229,14 +254,17 @@ HRESULT CTsSplitter::AddBytes(const uint8_t* data, int32_t length) {
 
 void CTsSplitter::EndOfStream() {
     m_worker.Pause();
-    const bool hasTurn = TakeParseTurn();
+    CHeldTurn turn = TakeParseTurn();
     if (IsStreaming()) {
-        if (hasTurn)
-            ParseRest();
+        try {
+            if (turn)
+                ParseRest();
+        } catch (const std::bad_alloc&) {
+            NotifyEvent(EC_ERRORABORT, E_OUTOFMEMORY, 0);
+        }
         StopStreaming();
     }
-    if (hasTurn)
-        ParseTurn().Release();
+    turn.Release();
     for (const OutputPinPtr& pin : Pins().All())
         pin->EndOfStream();
 }
@@ -254,8 +282,17 @@ HRESULT CTsSplitter::EndFlush() {
         pin->DeliverEndFlush();
     if (IsStopped())
         return S_OK;
-    const HRESULT result = RestartStreaming();
-    return result == S_OK ? SettleThreads() : FAILED(result) ? result : S_OK;
+    HRESULT result = S_OK;
+    try {
+        result = RestartStreaming();
+        if (result == S_OK)
+            result = SettleThreads();
+    } catch (const std::bad_alloc&) {
+        result = E_OUTOFMEMORY;
+    }
+    if (FAILED(result))
+        StopStreaming();
+    return FAILED(result) ? result : S_OK;
 }
 
 HRESULT CTsSplitter::Pause() {
@@ -301,8 +338,8 @@ HRESULT CTsSplitter::StopStreaming() {
 HRESULT CTsSplitter::SettleThreads() {
     CScopedLock lock(&m_threadsLock);
     if (IsStreaming()) {
-        m_events.Start();
-        return m_worker.Start(WorkerPriority(), Hold());
+        const HRESULT result = m_events.Start();
+        return SUCCEEDED(result) ? m_worker.Start(WorkerPriority(), Hold()) : result;
     }
     m_worker.Pause();
     m_events.Stop();

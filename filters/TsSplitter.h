@@ -75,6 +75,9 @@ private:
 
     // Starts the threads, or rests them, as streaming has begun or ended: whichever came last, when both come at once.
     HRESULT SettleThreads();
+    // Memory is out: the stream ends where it is, and the application is told why.
+    void Abort();
+    HRESULT Take(IMediaSample* sample);
     // Parses what there is, however little came since the last break in the stream.
     void ParseRest();
     HRESULT TakeDiscontinuity();

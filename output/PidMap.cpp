@@ -29,6 +29,13 @@ bool CPidMap::Erase(ULONG pid) {
     return m_pids.erase(pid) != 0;
 }
 
+void CPidMap::Clear() {
+    CScopedLock lock(&m_lock);
+    m_allPids = false;
+    m_allTables = false;
+    m_pids.clear();
+}
+
 bool CPidMap::Contains(ULONG pid) const {
     CScopedLock lock(&m_lock);
     return m_pids.contains(pid);
@@ -39,6 +46,11 @@ size_t CPidMap::Count() const {
     return m_pids.size();
 }
 
+std::optional<ULONG> CPidMap::FirstPid() const {
+    CScopedLock lock(&m_lock);
+    return m_pids.empty() ? std::nullopt : std::optional(*m_pids.begin());
+}
+
 std::vector<ULONG> CPidMap::Pids() const {
     CScopedLock lock(&m_lock);
     return {m_pids.begin(), m_pids.end()};
@@ -47,7 +59,6 @@ std::vector<ULONG> CPidMap::Pids() const {
 std::vector<ULONG> CPidMap::Entries() const {
     CScopedLock lock(&m_lock);
     std::vector<ULONG> entries;
-    entries.reserve(m_pids.size() + 1);
     if (AllPids())
         entries.push_back(ALL_PIDS);
     else if (AllTables())

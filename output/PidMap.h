@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -20,6 +21,7 @@ public:
     void Insert(ULONG pid);
     // False when it was not there.
     bool Erase(ULONG pid);
+    void Clear();
 
     bool AllPids() const { return m_allPids.load(std::memory_order_relaxed); }
     bool AllTables() const { return m_allTables.load(std::memory_order_relaxed); }
@@ -27,6 +29,7 @@ public:
     size_t Count() const;  // without the special values
     // No PID and no special value.
     bool IsEmpty() const { return !AllPids() && !AllTables() && Count() == 0; }
+    std::optional<ULONG> FirstPid() const;
     // The mapped PIDs, without the special values.
     std::vector<ULONG> Pids() const;
     // The special value if there is one (ALL_PIDS before ALL_TABLES), then the PIDs.

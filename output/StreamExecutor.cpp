@@ -36,11 +36,13 @@ LONG CStreamExecutor::GetBufferSize() const {
 
 HRESULT CStreamExecutor::Active() {
     ComPtr<IEnumPIDMap> mapping;
-    m_pin.EnumPIDMap(mapping.Put());
+    HRESULT result = m_pin.EnumPIDMap(mapping.Put());
+    if (FAILED(result))
+        return result;
     CScopedLock lock(&m_lock);
     if (IsActive())
         return S_OK;
-    const HRESULT result = OnActive();
+    result = OnActive();
     if (FAILED(result))
         return result;
     m_latestTime = m_pin.StreamOffset();
@@ -73,7 +75,7 @@ void CStreamExecutor::ResetStreamStatus() {
 }
 
 void CStreamExecutor::Reset(IEnumPIDMap* mapping) {
-    std::deque<StreamCommand> commands;
+    std::list<StreamCommand> commands;  // they go after the lock
     ++m_epoch;
     m_bytesIn = 0;
     m_bytesOut = 0;

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <list>
 #include <span>
 
 #include "Classes/MultiPlatform/ByteBuffer.h"
@@ -193,7 +194,7 @@ private:
     bool m_droppingPes OS_GUARDED_BY(m_lock) = false;
 
     CCritSec m_noticeLock;
-    std::deque<StreamCommand> m_commands OS_GUARDED_BY(m_noticeLock);
+    std::list<StreamCommand> m_commands OS_GUARDED_BY(m_noticeLock);
     std::atomic<int32_t> m_queuedJumps{0};  // kClockDiscontinuity among the commands
     std::deque<ClockChange> m_clockChanges OS_GUARDED_BY(m_noticeLock);
 };

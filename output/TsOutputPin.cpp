@@ -250,8 +250,7 @@ HRESULT CTsOutputPin::EnumPIDMap(IEnumPIDMap** out) {
 
 void CTsOutputPin::ResetMapping() {
     CScopedLock lock(&m_mapMutex);
-    for (const ULONG pid : m_map.Entries())
-        m_map.Erase(pid);
+    m_map.Clear();
     DestroyContent();
 }
 

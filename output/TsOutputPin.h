@@ -186,6 +186,8 @@ private:
     void WakeThread();
     void BeginEpoch();
     void RunTask(uint32_t epoch);
+    // Memory is out: the stream goes no further, and the application is told why.
+    void FailTask(uint32_t epoch);
     bool SendSome(CStreamExecutor& content, int32_t budget, uint32_t epoch);
     // What write does at the end of a task, unless the task's epoch is over; then the thread rests.
     template <class Write>

@@ -1,4 +1,6 @@
 // What the output pin does on the parsing thread and on its delivery thread.
+#include <new>
+
 #include "output/TsOutputPin.h"
 #include "platform/media/MediaResult.h"
 
@@ -202,11 +204,20 @@ uint32_t CTsOutputPin::DoOneThreadTask() {
         epoch = m_epoch;
         m_taskEpoch = epoch;
     }
-    RunTask(epoch);
+    try {
+        RunTask(epoch);
+    } catch (const std::bad_alloc&) {
+        FailTask(epoch);
+    }
     const std::lock_guard lock(m_taskMutex);
     m_inTask = false;
     m_taskChanged.notify_all();
     return INFINITE;
+}
+
+void CTsOutputPin::FailTask(uint32_t epoch) {
+    m_filter->NotifyEvent(EC_ERRORABORT, E_OUTOFMEMORY, 0);
+    Rest(epoch, [this] { m_runTimeError = true; });
 }
 
 void CTsOutputPin::RunTask(uint32_t epoch) {

@@ -174,8 +174,10 @@ HRESULT CTsOutputPin::MakeThread() {
     if (!thread || FAILED(thread->SetWake(m_event)))
         return E_FAIL;
     auto hold = m_host.Hold();
-    if (!hold || thread->Start(nullptr, kThreadStack, std::move(hold)) != S_OK)
+    if (!hold)
         return E_FAIL;
+    if (const HRESULT result = thread->Start(nullptr, kThreadStack, std::move(hold)); result != S_OK)
+        return FAILED(result) ? result : kThreadNotCreated;
     m_thread = std::move(thread);
     return S_OK;
 }
@@ -230,7 +232,7 @@ HRESULT CTsOutputPin::Active() {
     HRESULT result = MakeThread();
     if (FAILED(result)) {
         content->Inactive();
-        return E_FAIL;
+        return result;
     }
     result = Activate(*content);
     if (FAILED(result))

@@ -144,6 +144,8 @@ private:
     std::optional<uint32_t> EndInput(uint32_t epoch);
     void EndOutputs(uint32_t epoch);
     void AbortPlayback(uint32_t epoch);
+    // The file ends where it is; of a failure the application is told.
+    void EndPlayback(uint32_t epoch, HRESULT why);
     void ApplyOffsets();
 
     // Seeking

@@ -1,6 +1,8 @@
 // The file source's worker, and what starts and ends it.
 #include <algorithm>
+#include <array>
 #include <bit>
+#include <new>
 
 #include "platform/media/MediaResult.h"
 #include "source/StreamFile.h"
@@ -70,16 +72,10 @@ HRESULT CTsSource::StopStreaming() {
     m_hurry->Set();
     // A task that is under way comes to its end, unless the filter stops: then it may be waiting for a receiver that
     // waits for this thread. It finds the epoch moved on.
-    const bool hasTurn = TakeParseTurn();
-    HRESULT result = S_OK;
-    {
-        CScopedLock lock(&StreamingLock());
-        ++m_inputEpoch;
-        result = CTsFilterBase::StopStreaming();
-    }
-    if (hasTurn)
-        ParseTurn().Release();
-    return result;
+    const CHeldTurn turn = TakeParseTurn();
+    CScopedLock lock(&StreamingLock());
+    ++m_inputEpoch;
+    return CTsFilterBase::StopStreaming();
 }
 
 // Video begins a picture later, so that the picture that is due is still to come.
@@ -139,11 +135,19 @@ CTsSource::Input CTsSource::ReadInput() {
 }
 
 uint32_t CTsSource::DoOneThreadTask() {
+    bool goesOn = true;
     // Whoever ends the input waits for the turn, so it is held for the whole task.
-    bool goesOn = TakeParseTurn();
-    if (goesOn) {
-        goesOn = ReadAndParse();
-        ParseTurn().Release();
+    CHeldTurn turn = TakeParseTurn();
+    if (turn) {
+        const uint32_t epoch = m_inputEpoch;
+        try {
+            goesOn = ReadAndParse();
+        } catch (const std::bad_alloc&) {
+            EndPlayback(epoch, E_OUTOFMEMORY);
+        }
+        turn.Release();
+    } else {
+        goesOn = false;
     }
     if (!goesOn)
         m_hurry->Wait(kRetryWait);
@@ -164,12 +168,7 @@ bool CTsSource::ReadAndParse() {
     if (input == Input::kNone)
         return false;
     if (input == Input::kEnd) {
-        const HRESULT result = m_readResult;
-        const std::optional<uint32_t> ended = EndInput(epoch);
-        if (ended)
-            EndOutputs(*ended);
-        if (ended && FAILED(result))
-            NotifyEvent(EC_ERRORABORT, result, 0);
+        EndPlayback(epoch, m_readResult);
         return true;
     }
     const HRESULT result = ParseData();
@@ -194,21 +193,31 @@ std::optional<uint32_t> CTsSource::EndInput(uint32_t epoch) {
 
 void CTsSource::EndOutputs(uint32_t epoch) {
     // Another start may come at any time: it has activities of its own, which this end is not for.
-    std::vector<std::pair<OutputPinPtr, uint32_t>> activities;
+    const COutputPins pins = Pins().All();
+    std::array<uint32_t, COutputPins::kMost> activities{};
     {
         CScopedLock lock(&StreamingLock());
-        if (epoch == m_inputEpoch)
-            for (const OutputPinPtr& pin : Pins().All())
-                activities.emplace_back(pin, pin->Activity());
+        if (epoch != m_inputEpoch)
+            return;
+        std::transform(pins.begin(), pins.end(), activities.begin(), [](const auto& pin) { return pin->Activity(); });
     }
-    for (const auto& [pin, activity] : activities)
-        pin->EndActivity(activity);
+    for (size_t i = 0; i < pins.size(); ++i)
+        pins.data()[i]->EndActivity(activities[i]);
+}
+
+void CTsSource::EndPlayback(uint32_t epoch, HRESULT why) {
+    const std::optional<uint32_t> ended = EndInput(epoch);
+    if (!ended)
+        return;
+    EndOutputs(*ended);
+    if (FAILED(why))
+        NotifyEvent(EC_ERRORABORT, why, 0);
 }
 
 void CTsSource::AbortPlayback(uint32_t epoch) {
     if (epoch != m_inputEpoch)
         return;
-    const std::vector<OutputPinPtr> pins = Pins().All();
+    const COutputPins pins = Pins().All();
     for (const OutputPinPtr& pin : pins)
         pin->DeliverBeginFlush();
     m_aborted = true;

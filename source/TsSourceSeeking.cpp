@@ -37,13 +37,13 @@ bool CTsSource::FindMaster(Master* out) {
     }
     if (!found)
         return false;
-    const std::vector<ULONG> pids = found->Map().Pids();
+    const std::optional<ULONG> pid = found->Map().FirstPid();
     CMediaType type;
-    if (pids.empty() || FAILED(found->CurrentMediaType(type)))
+    if (!pid || FAILED(found->CurrentMediaType(type)))
         return false;
     out->pin = found;
     out->pcrPid = found->GetPcrPid();
-    out->stream.pid = pids.front();
+    out->stream.pid = *pid;
     out->stream.isAudio = found->Media() == MediaClass::kAudio;
     out->stream.subtype = type.subtype;
 
@@ -147,7 +147,7 @@ HRESULT CTsSource::SetPositions(int64_t* current, DWORD currentFlags, int64_t*, 
         return S_OK;
 
     const bool streams = State() == State_Paused;
-    const std::vector<OutputPinPtr> pins = Pins().All();
+    const COutputPins pins = Pins().All();
     if (streams) {
         for (const OutputPinPtr& pin : pins)
             pin->DeliverBeginFlush();

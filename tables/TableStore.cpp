@@ -129,11 +129,11 @@ std::vector<TableStore::Version> TableStore::Versions() const {
     return versions;
 }
 
-std::vector<TableRecords> TableStore::Detach() {
-    std::vector<TableRecords> detached;
-    for (const auto& decoder : m_slots)
-        if (decoder)
-            detached.push_back(decoder->Detach());
+TableStore::Detached TableStore::Detach() {
+    Detached detached;
+    for (size_t tableId = 0; tableId < m_slots.size(); ++tableId)
+        if (m_slots[tableId])
+            detached[tableId] = m_slots[tableId]->Detach();
     return detached;
 }
 

@@ -86,8 +86,10 @@ public:
     // Every current table, by table_id and key.
     std::vector<Version> Versions() const;
 
+    // By table_id.
+    using Detached = std::array<TableRecords, 256>;
     // Takes every table out of the store, so that the caller can release them after its locks.
-    std::vector<TableRecords> Detach();
+    Detached Detach();
 
 private:
     const TableDecoder* Slot(uint32_t tableId) const;

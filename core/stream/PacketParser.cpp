@@ -23,12 +23,14 @@ HRESULT PacketParser::CreateBuffer() {
     if (!m_buffer)
         return E_OUTOFMEMORY;
     m_buffer->Clear();
-    // Without memory the buffer keeps capacity 0, and AddData says so.
-    m_buffer->Allocate(static_cast<uint32_t>(m_requestedCapacity));
-    return S_OK;
+    if (m_buffer->Allocate(static_cast<uint32_t>(m_requestedCapacity)))
+        return S_OK;
+    m_buffer.reset();
+    return E_OUTOFMEMORY;
 }
 
 void PacketParser::ResetPositions(int64_t position) {
+    m_at = m_end = nullptr;  // a handler may have left by an exception
     m_endPosition = position;
     m_bytesReceived = position;
     m_arrivals.clear();

@@ -13,9 +13,10 @@ HRESULT CFilterWorker::Start(int32_t priority, std::shared_ptr<const void> hold)
     if (!m_thread) {
         auto thread = MakeRALThread<CRALExecutorThread>(m_filter);
         if (!thread || !hold)
-            return E_FAIL;
+            return E_OUTOFMEMORY;
         thread->SetWake(m_wake);
-        thread->Start(nullptr, kStack, std::move(hold));
+        if (const HRESULT result = thread->Start(nullptr, kStack, std::move(hold)); result != S_OK)
+            return FAILED(result) ? result : kThreadNotCreated;
         m_thread = std::move(thread);
     }
     m_thread->Resume(priority);

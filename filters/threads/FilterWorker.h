@@ -14,7 +14,8 @@ public:
     CFilterWorker(IRALThreadExecutor* filter, std::shared_ptr<CEvent> wake)
         : m_filter(filter), m_wake(std::move(wake)) {}
 
-    // Makes the thread when there is none yet, and lets tasks run. hold: on the filter; the thread keeps it. E_FAIL.
+    // Makes the thread when there is none yet, and lets tasks run. hold: on the filter; the thread keeps it.
+    // E_OUTOFMEMORY, kThreadNotCreated.
     HRESULT Start(int32_t priority, std::shared_ptr<const void> hold);
     // As CRALThread; nothing, or true, while there is no thread.
     void Resume(int32_t priority);

@@ -10,6 +10,7 @@
 
 #include "platform/com/GuidText.h"
 #include "tools/tessel/Failure.h"
+#include "tools/tessel/Memory.h"
 #include "tools/tessel/ModuleLibrary.h"
 #include "tools/tessel/Utf8.h"
 
@@ -123,6 +124,7 @@ std::vector<ClassInfo> ReadClasses(const std::string& registry) {
 }
 
 std::string ClassesAsJson(const std::vector<ClassInfo>& classes) {
+    const SpareMemory spare;
     Json list = Json::array();
     for (const ClassInfo& info : classes) {
         Json entry = {{"name", info.entry.name},

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <new>
 
 #include "platform/media/MediaResult.h"
 #include "tools/tessel/Failure.h"
@@ -60,6 +61,8 @@ protected:
         while (m_graph.GetEvent(&event, milliseconds) == S_OK) {
             if (event.code == EC_COMPLETE)
                 return true;
+            if (event.code == EC_ERRORABORT && event.param1 == E_OUTOFMEMORY)
+                throw std::bad_alloc();
             m_errors += event.code == EC_ERRORABORT && event.param1 != VFW_E_INVALID_FILE_FORMAT;
             milliseconds = 0;
         }

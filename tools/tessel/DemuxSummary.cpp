@@ -2,6 +2,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/tessel/DemuxRun.h"
+#include "tools/tessel/Memory.h"
 #include "tools/tessel/Utf8.h"
 
 namespace tessel::tool {
@@ -87,6 +88,7 @@ bool DemuxResult::IsEmpty() const {
 }
 
 std::string DemuxAsJson(const DemuxResult& result) {
+    const SpareMemory spare;
     Json streams = Json::array();
     for (const StreamResult& stream : result.streams)
         streams.push_back(ToJson(stream));

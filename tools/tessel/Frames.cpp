@@ -8,6 +8,7 @@
 #include "output/parsers/AudioFrameWalk.h"
 #include "tools/tessel/Failure.h"
 #include "tools/tessel/FrameList.h"
+#include "tools/tessel/Memory.h"
 #include "tools/tessel/Progress.h"
 #include "tools/tessel/Seconds.h"
 #include "tools/tessel/ServiceFinder.h"
@@ -30,6 +31,7 @@ std::string AsText(const AudioFrame& frame) {
 }
 
 std::string AsJson(const AudioFrame& frame) {
+    const SpareMemory spare;
     using Json = nlohmann::ordered_json;
     return Json{{"position", frame.position}, {"length", frame.length},
                 {"samples", frame.samples},   {"rate", frame.rate},

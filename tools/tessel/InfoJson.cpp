@@ -3,6 +3,8 @@
 #include "tools/tessel/Info.h"
 #include "tools/tessel/Seconds.h"
 
+#include "tools/tessel/Memory.h"
+
 namespace tessel::tool {
 
 namespace {
@@ -51,6 +53,7 @@ Json ToJson(const ServiceInfo& service) {
 }  // namespace
 
 std::string InfoAsJson(const StreamInfo& info, bool withPids) {
+    const SpareMemory spare;
     Json services = Json::array();
     for (const ServiceInfo& service : info.services)
         services.push_back(ToJson(service));

@@ -18,9 +18,12 @@ constexpr ReadingRules kRules{.packetsWaitForProgram = false};
 void Check(HRESULT result, const char* text) {
     if (SUCCEEDED(result))
         return;
-    char code[16];
-    std::snprintf(code, sizeof(code), "0x%08X", static_cast<unsigned>(result));
-    throw Failure(std::string(text) + (result == E_OUTOFMEMORY ? ": out of memory" : std::string(": result ") + code));
+    char code[24];
+    std::snprintf(code, sizeof(code), "result 0x%08X", static_cast<unsigned>(result));
+    throw Failure(std::string(text) + ": " +
+                  (result == E_OUTOFMEMORY       ? "out of memory"
+                   : result == kThreadNotCreated ? "the system makes no more threads"
+                                                 : code));
 }
 
 Pipeline::Pipeline(StreamingMode mode, size_t splitters, const PidSet& latePids)

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "tables/TableFactory.h"
+#include "tools/tessel/Memory.h"
 #include "tools/tessel/Services.h"
 #include "tools/tessel/StreamReader.h"
 #include "tools/tessel/Utf8.h"
@@ -106,6 +107,7 @@ private:
     void Note(const Make& make) {
         if (m_error)
             return;
+        const SpareMemory spare;
         try {
             const Json event = make();
             m_lines += (m_format == WatchFormat::kJson ? event.dump() : AsLine(event)) + "\n";

@@ -16,6 +16,7 @@
 #include "tools/tessel/Frames.h"
 #include "tools/tessel/Info.h"
 #include "tools/tessel/Interrupt.h"
+#include "tools/tessel/Memory.h"
 #include "tools/tessel/PidList.h"
 #include "tools/tessel/Unreadable.h"
 #include "tools/tessel/Watch.h"
@@ -493,7 +494,9 @@ int Say(ExitCode code, const std::string& text) {
 }
 
 int Fail(const std::string& text) {
-    return WasCutShort() ? Say(kInterrupted, "interrupted: " + text) : Say(kCouldNot, text);
+    // What went wrong when memory was out, went wrong for that.
+    const std::string why = RanOutOfMemory() ? "out of memory" : text;
+    return WasCutShort() ? Say(kInterrupted, "interrupted: " + why) : Say(kCouldNot, why);
 }
 
 // A descriptor that was closed at the start would be given to the next file, and what is printed would go into that.
@@ -504,11 +507,12 @@ void OpenStandardDescriptors() {
     close(descriptor);
 }
 
-int Main(int argc, char** argv) {
-    OpenStandardDescriptors();
-    std::signal(SIGPIPE, SIG_IGN);
+int RunAndTell(int argc, char** argv) {
     try {
+        WatchMemory();
         const int code = Run(argc, argv);
+        if (code == kDone && RanOutOfMemory())
+            return Fail({});
         return WasCutShort() ? Say(kInterrupted, "interrupted: what came before that is complete") : code;
     } catch (const OutputClosed&) {
         return kDone;
@@ -520,6 +524,18 @@ int Main(int argc, char** argv) {
         return Fail("out of memory");
     } catch (const std::exception& error) {
         return Fail(error.what());
+    }
+}
+
+int Main(int argc, char** argv) {
+    OpenStandardDescriptors();
+    std::signal(SIGPIPE, SIG_IGN);
+    try {
+        return RunAndTell(argc, argv);
+    } catch (const std::bad_alloc&) {
+        // There was none for the text that says what went wrong.
+        std::fputs("tessel: out of memory\n", stderr);
+        return kCouldNot;
     }
 }
 

@@ -13,7 +13,6 @@ namespace {
 constexpr REFERENCE_TIME kTwoSeconds = 20'000'000;
 constexpr REFERENCE_TIME kTolerance = 100;  // a time so little before a point is the point's
 constexpr int64_t kLeastStep = 10;          // bytes between two points
-constexpr int64_t kSlack = 10'240;
 constexpr REFERENCE_TIME kLeastBiasStep = 10'000;
 constexpr int kMostRounds = 64;
 constexpr int kMostSlowRounds = 2;
@@ -83,7 +82,7 @@ bool CSeekIndex::Build() {
         m_first.endTime = m_last.endTime;
         m_last = m_first;
     }
-    return m_last.time >= m_first.time && m_last.endTime > 0;
+    return m_last.endTime > 0;
 }
 
 bool CSeekIndex::FindLast(int64_t span) {
@@ -92,19 +91,20 @@ bool CSeekIndex::FindLast(int64_t span) {
         return false;
     const auto size = static_cast<int64_t>(status.cbSize);
     REFERENCE_TIME previous = kUnknown;
-    bool found = false;
-    for (int64_t from = size - span; !found; from -= span) {
-        // The bytes in front of the first packet are none of the stream's; from there on all has been looked at.
-        const int64_t start = std::max(from, m_dataStart);
+    for (bool found = false; !found;) {
+        // The bytes in front of the first packet are none of the stream's.
+        const int64_t start = std::max(size - span, m_dataStart);
         SeekPoint point;
-        for (bool more = Find(start, start + span + kSlack, &point); more;
-             more = FindNext(point.filePos + span + kSlack, &point)) {
+        for (bool more = Find(start, size, &point); more; more = FindNext(size, &point)) {
+            if (point.time < m_first.time)
+                continue;  // a wrong time stamp, or another recording
             previous = found ? m_last.time : kUnknown;
             m_last = point;
             found = true;
         }
-        if (!found && (start == m_dataStart || size - start > kSearchLimit))
+        if (!found && (start == m_dataStart || span >= kSearchLimit))
             return false;
+        span = std::min(2 * span, kSearchLimit);
     }
     Refine(&m_last, size, previous);
     return true;

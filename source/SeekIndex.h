@@ -38,8 +38,7 @@ public:
     // The file outlives the index. dataStart: of the first packet.
     CSeekIndex(IStream& file, int32_t packetSize, int64_t dataStart, const SeekMaster& master);
 
-    // The first and the last point. False when there is none, or none near the end, or when the time stamps have gone
-    // back between them.
+    // The first and the last point, which is not earlier. False when there is none, or none near the end.
     bool Build();
 
     // Finds the point to begin at for *target, which is moved into the file, and makes it the current one.

@@ -73,7 +73,7 @@ void CSeekIndex::RefineVideo(SeekPoint* point, int64_t limit) {
 void CSeekIndex::RefineAudio(SeekPoint* point, int64_t limit, REFERENCE_TIME previous) {
     point->frameDuration = 0;
     SeekPoint next;
-    if (Find(point->filePos + m_packetSize, limit, &next)) {
+    if (Find(point->filePos + m_packetSize, limit, &next) && next.time > point->time) {
         point->endTime = next.time;
         return;
     }

@@ -159,8 +159,8 @@ TEST_F(FileSource, SeeksAroundAHole) {
     }
 }
 
-// The duration is what the last stamp says it is; one in front of the first makes a file that cannot be sought in.
-// Played, a stamp that is far off may pass for a jump of the clock.
+// The duration is what the last stamp says it is, unless that is before the beginning. Played, a stamp that is far off
+// may pass for a jump of the clock.
 TEST_F(FileSource, PlaysAndSeeksWithAWrongLastTimeStamp) {
     for (const int64_t by : {int64_t{36'000} * 90'000, int64_t{90'000}, int64_t{-3} * 90'000, int64_t{-9} * 90'000}) {
         SCOPED_TRACE(by);
@@ -171,13 +171,10 @@ TEST_F(FileSource, PlaysAndSeeksWithAWrongLastTimeStamp) {
         SourceGraph graph;
         ASSERT_EQ(graph.Load(Write(movie.stream.bytes())), S_OK);
         graph.AddStreams();
-        const REFERENCE_TIME duration = graph.Duration();
-        const bool seekable = movie.Now() > 0;
-        EXPECT_EQ(duration, seekable ? movie.Now() : 0);
-        if (!seekable) {
-            EXPECT_EQ(graph.Seek(length / 2), S_FALSE);
-            continue;
-        }
+        const bool counts = movie.Now() > 0;
+        if (!counts)
+            movie.points.pop_back();
+        EXPECT_EQ(graph.Duration(), counts ? movie.Now() : length);
         for (const REFERENCE_TIME target : {length / 3, length / 2, length - 5'000'000, REFERENCE_TIME{0}}) {
             ASSERT_EQ(graph.graph->Stop(), S_OK);
             graph.Forget();

@@ -332,6 +332,7 @@ TEST_F(FileSource, FindsPointsThatStandFarApart) {
         int64_t hole;
         int64_t pause;  // between the two, 90 kHz
         bool isSeekable = true;
+        int64_t lead = Movie::kLead;
     } const cases[] = {
         {"12 MB between points", {.gop = 300, .pictureSize = 40'000}, 451, 0, 0},
         {"one point", {.gop = 300, .pictureSize = 40'000}, 149, 0, 0},
@@ -340,13 +341,13 @@ TEST_F(FileSource, FindsPointsThatStandFarApart) {
         {"a hole in a pause", {.gop = 12, .pictureSize = 20'000}, 200, 10'000'000'000, 100 * 90'000},
         {"a hole in sound", {.video = false}, 200, 10'000'000'000, 0},
         {"a hole in a pause of the sound", {.video = false}, 1'000, 3'000'000'000, 100 * 90'000},
-        {"time stamps that go back", {.start = 90'000'000}, 200, 0, -1'000 * 90'000, false},
-        {"time stamps before the clock", {.start = 90'000'000}, 10, 0, -100 * 90'000, false},
+        {"time stamps that go back", {.start = 90'000'000, .pictureSize = 40'000}, 300, 0, -1'000 * 90'000, false},
+        {"time stamps before the clock", {}, 10, 0, 0, false, -90'000},
     };
-    for (const auto& [what, options, frames, hole, pause, isSeekable] : cases) {
+    for (const auto& [what, options, frames, hole, pause, isSeekable, lead] : cases) {
         SCOPED_TRACE(what);
         Movie movie(options);
-        movie.Frames(frames);
+        movie.SetLead(lead).Frames(frames);
         const auto& bytes = movie.stream.bytes();
         const size_t cut = bytes.size();
         movie.Skip(pause).Frames(frames).Padding();

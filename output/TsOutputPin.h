@@ -209,7 +209,7 @@ private:
     CCritSec m_activationLock{"content's activation", kRankActivation};
     CPidMap m_map;
     CCritSec m_mapMutex{"pin's map", kRankPinMap};
-    mutable CCritSec m_contentLock{"content pointer", kRankLeaf};
+    mutable CCritSec m_contentLock{"content pointer", kRankContentRef};
     std::shared_ptr<CStreamExecutor> m_content OS_GUARDED_BY(m_contentLock);
     std::atomic<ContentKind> m_kind{ContentKind::kNone};
 

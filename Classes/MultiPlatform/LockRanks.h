@@ -21,6 +21,7 @@ enum LockRank {
     kRankNotice = 85,       // notices about clocks to the outputs
     kRankPcr = 90,          // PCR clocks
     kRankLeaf = 100,        // lists, counters, queues: taken last, held briefly
+    kRankContentRef = 110,  // the pointer to a pin's content, which is asked for under leaves too
 };
 
 }  // namespace tessel

@@ -34,7 +34,7 @@ public:
     void TakeBack(void* block) override;
 
 private:
-    CCritSec m_lock{"free blocks", kRankLeaf};
+    CCritSec m_lock{"free blocks", kRankMemory};
     std::vector<PayloadBlock*> m_free OS_GUARDED_BY(m_lock);
 };
 

@@ -22,6 +22,7 @@ enum LockRank {
     kRankPcr = 90,          // PCR clocks
     kRankLeaf = 100,        // lists, counters, queues: taken last, held briefly
     kRankContentRef = 110,  // the pointer to a pin's content, which is asked for under leaves too
+    kRankMemory = 1100,     // blocks, which come back wherever their last user goes, under leaves of the platform too
 };
 
 }  // namespace tessel

@@ -382,6 +382,23 @@ class Descriptors(MannersTest):
                 self.assertEqual(result.returncode, 0)
         self.assertFails(1, "is empty", "info", "-", preexec_fn=lambda: os.close(0))
 
+    def test_too_few_descriptors_are_said_and_change_nothing(self):
+        short = 0
+        for command in (["info", self.stream], ["demux", self.stream, "--discard"], ["frames", self.stream, "--pid", "257"],
+                        ["extract", self.stream, "--pid", "256", "--from", "1", "--to", "2", "-o", "-"],
+                        ["cut", self.stream, "--from", "1", "--to", "2", "-o", "-"]):
+            wanted = run(*command).stdout
+            for most in range(4, 10):
+                with self.subTest(command, most=most):
+                    result = run(*command,
+                                 preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (most, most)))
+                    if result.returncode == 0:
+                        self.assertTrue(result.stdout == wanted)
+                    else:
+                        self.assertRegex(result.stderr, rb"\Atessel: [^\n]*: Too many open files[^;\n]*\n\Z")
+                        short += 1
+        self.assertGreater(short, 10)
+
     def test_names_do_not_drive_the_terminal(self):
         self.assertFails(1, "a␛[31m␊b.ts: cannot open", "info", self.folder / "a\x1b[31m\nb.ts")
         self.assertFails(1, "␛.ts: is empty", "extract", self.file("\x1b.ts", b""), "--pid", "1", "-o", "-")

@@ -6,7 +6,6 @@
 
 #include "core/stream/PesHeader.h"
 #include "source/PacketReader.h"
-#include "source/StreamFile.h"
 #include "tables/Crc32.h"
 #include "tools/tessel/Demux.h"
 #include "tools/tessel/Failure.h"
@@ -16,7 +15,6 @@
 #include "tools/tessel/ProgramMapLog.h"
 #include "tools/tessel/Progress.h"
 #include "tools/tessel/StreamReader.h"
-#include "tools/tessel/Unreadable.h"
 
 namespace tessel::tool {
 
@@ -30,11 +28,7 @@ constexpr int64_t kShownEvery = 256 * 1024;
 class FilePackets {
 public:
     FilePackets(InputFile& input, int32_t packetSize)
-        : m_file(OpenStreamFile(input.Name().c_str(), GENERIC_READ, &m_result, InputFiles())),
-          m_input(input),
-          m_packetSize(packetSize) {
-        if (!m_file)
-            throw Failure(input.Name() + ": cannot be opened again");
+        : m_file(OpenInputStream(input.Name())), m_input(input), m_packetSize(packetSize) {
         m_reader.emplace(*m_file.Get(), packetSize);
     }
 
@@ -69,7 +63,6 @@ private:
                 visit(view, position);
     }
 
-    HRESULT m_result = S_OK;
     ComPtr<IStream> m_file;
     InputFile& m_input;
     const int32_t m_packetSize;

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <new>
 
 #include "tools/tessel/Failure.h"
+#include "tools/tessel/Files.h"
 #include "tools/tessel/Pipeline.h"
 #include "tools/tessel/Unreadable.h"
 
@@ -92,6 +94,15 @@ ComPtr<CTsSource> MakeInputSource() {
     return source;
 }
 
+HRESULT LoadInput(CTsSource& source, const std::u16string& name, const std::string& path) {
+    const HRESULT result = source.Load(name.c_str(), nullptr);
+    if (result == E_OUTOFMEMORY)
+        throw std::bad_alloc();
+    if (FAILED(result))
+        InputFile file(path);  // throws what keeps it from being opened
+    return result;
+}
+
 std::unique_ptr<FilePlayer> FilePlayer::Open(const std::string& path, size_t sources, const PidSet& latePids,
                                              std::string* why) {
     const auto name = SourceNameOf(path);
@@ -104,7 +115,7 @@ std::unique_ptr<FilePlayer> FilePlayer::Open(const std::string& path, size_t sou
     for (size_t i = 0; i < sources; ++i) {
         ComPtr<CTsSource> source = MakeInputSource();
         source->ExpectPids(latePids);
-        if (const HRESULT result = source->Load(name->c_str(), nullptr); FAILED(result)) {
+        if (const HRESULT result = LoadInput(*source.Get(), *name, path); FAILED(result)) {
             *why = result == E_INVALIDARG ? "its path is too long" : WhyRefused(*source.Get(), path);
             return nullptr;
         }

@@ -15,6 +15,9 @@ std::optional<std::u16string> SourceNameOf(const std::string& path);
 // A file source that opens files as inputs are opened. Failure when there is no memory.
 ComPtr<CTsSource> MakeInputSource();
 
+// Has the source load path, of that name. Throws where descriptors or memory are out: that says nothing of the file.
+HRESULT LoadInput(CTsSource& source, const std::u16string& name, const std::string& path);
+
 class FilePlayer {
 public:
     // Null when the file source does not open the file; *why then says what it lacks.

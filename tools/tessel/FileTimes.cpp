@@ -46,6 +46,8 @@ bool ClockGoesOn(const std::string& path, size_t packetSize, uint32_t pcrPid, in
     std::error_code error;
     const auto size = static_cast<int64_t>(std::filesystem::file_size(path, error));
     std::ifstream file(path, std::ios::binary);
+    if (!file)
+        throw CannotOpen(path);
     std::vector<uint8_t> bytes(kPlaceSize);
     std::optional<int64_t> last;
     int64_t total = 0;
@@ -64,10 +66,11 @@ bool ClockGoesOn(const std::string& path, size_t packetSize, uint32_t pcrPid, in
     return total <= end / 1'000 * 9 + kSlack;
 }
 
-ComPtr<IMediaSeeking> Open(const std::u16string& name, const ComponentInfo& master, const PidSet& latePids) {
+ComPtr<IMediaSeeking> Open(const std::string& path, const std::u16string& name, const ComponentInfo& master,
+                           const PidSet& latePids) {
     const ComPtr<CTsSource> source = MakeInputSource();
     source->ExpectPids(latePids);
-    if (FAILED(source->Load(name.c_str(), nullptr)) || !MapTimingPin(source.Get(), master))
+    if (FAILED(LoadInput(*source.Get(), name, path)) || !MapTimingPin(source.Get(), master))
         return nullptr;
     return ComPtr<IMediaSeeking>(source.Get());
 }
@@ -78,7 +81,7 @@ FileTimes ReadFileTimes(const std::string& path, int32_t packetSize, const std::
                         const PidSet& latePids) {
     const auto master = FindTimingStream(services);
     const auto name = SourceNameOf(path);
-    const ComPtr<IMediaSeeking> seeking = name && master ? Open(*name, *master->component, latePids) : nullptr;
+    const ComPtr<IMediaSeeking> seeking = name && master ? Open(path, *name, *master->component, latePids) : nullptr;
     DWORD capabilities = 0;
     if (!seeking || FAILED(seeking->GetCapabilities(&capabilities)) || capabilities == 0)
         return {};

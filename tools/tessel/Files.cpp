@@ -9,10 +9,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "source/StreamFile.h"
-#include "tools/tessel/Failure.h"
 #include "tools/tessel/Interrupt.h"
 #include "tools/tessel/Unreadable.h"
 #include "tools/tessel/Utf8.h"
@@ -38,6 +38,25 @@ int64_t OffsetOf(int descriptor) {
 
 }  // namespace
 
+bool LacksResources(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM;
+}
+
+Failure CannotOpen(const std::string& path) {
+    const int error = errno;
+    return Failure(path + ": cannot open: " + std::strerror(error) + (LacksResources(error) ? "" : "; check the path"));
+}
+
+ComPtr<IStream> OpenInputStream(const std::string& path) {
+    HRESULT result = S_OK;
+    ComPtr<IStream> stream = OpenStreamFile(path.c_str(), GENERIC_READ, &result, InputFiles());
+    if (result == E_OUTOFMEMORY)
+        throw std::bad_alloc();
+    if (!stream)
+        throw CannotOpen(path);
+    return stream;
+}
+
 InputFile::InputFile(const std::string& path) : m_name(path) {
     if (path == "-") {
         m_name = "standard input";
@@ -49,7 +68,7 @@ InputFile::InputFile(const std::string& path) : m_name(path) {
     }
     m_descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (m_descriptor < 0)
-        throw Failure(m_name + ": cannot open: " + Reason() + "; check the path");
+        throw CannotOpen(m_name);
     struct stat status {};
     if (fstat(m_descriptor, &status) == 0 && S_ISDIR(status.st_mode)) {
         close(m_descriptor);
@@ -113,10 +132,7 @@ void InputFile::Follow(std::optional<std::chrono::milliseconds> idle, bool byNam
 }
 
 void InputFile::OpenGrowing() {
-    HRESULT result = S_OK;
-    m_growing = OpenStreamFile(m_name.c_str(), GENERIC_READ, &result, InputFiles());
-    if (!m_growing)
-        throw Failure(m_name + ": cannot open: " + Reason() + "; check the path");
+    m_growing = OpenInputStream(m_name);
     m_followed = 0;
 }
 

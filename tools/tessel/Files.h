@@ -10,8 +10,16 @@
 
 #include "platform/com/ComPtr.h"
 #include "platform/com/Stream.h"
+#include "tools/tessel/Failure.h"
 
 namespace tessel::tool {
+
+// Of the system's errors those that the input has no part in: too many files are open, or memory is out.
+bool LacksResources(int error);
+// What the system has just said of opening path.
+Failure CannotOpen(const std::string& path);
+// A reader of its own of an input's file. Throws what keeps it from being opened.
+ComPtr<IStream> OpenInputStream(const std::string& path);
 
 // Throws Failure with a text that names the file.
 class InputFile {

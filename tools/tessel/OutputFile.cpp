@@ -159,7 +159,8 @@ void OutputFile::WriteOut(std::span<const uint8_t> bytes) {
 void OutputFile::ThrowCannotWrite(int error) const {
     const std::string text = m_name + ": cannot write: " + std::strerror(error);
     if (m_written == 0)
-        throw Failure(text + (m_descriptor == STDOUT_FILENO ? "" : "; choose another file with -o"));
+        throw Failure(text +
+                      (m_descriptor == STDOUT_FILENO || LacksResources(error) ? "" : "; choose another file with -o"));
     throw Failure(text + "; the " + std::to_string(m_written) + " bytes before that are kept");
 }
 

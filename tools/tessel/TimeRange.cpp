@@ -4,11 +4,10 @@
 
 #include "platform/media/Mpeg2Demultiplexer.h"
 #include "source/PacketReader.h"
-#include "source/StreamFile.h"
 #include "tools/tessel/FilePlayer.h"
+#include "tools/tessel/Files.h"
 #include "tools/tessel/Interrupt.h"
 #include "tools/tessel/PacketMeter.h"
-#include "tools/tessel/Unreadable.h"
 
 namespace tessel::tool {
 
@@ -96,10 +95,7 @@ std::optional<int64_t> ClockOrigin(CTsSource& source, uint32_t pcrPid) {
 // Where the first packet with a clock reference at or behind time stands, from begin on; none up to the end.
 std::optional<int64_t> FindClockReference(CTsSource& source, const std::string& path, uint32_t pcrPid, int64_t origin,
                                           int64_t begin, REFERENCE_TIME time) {
-    HRESULT result = S_OK;
-    const ComPtr<IStream> file = OpenStreamFile(path.c_str(), GENERIC_READ, &result, InputFiles());
-    if (!file)
-        return std::nullopt;
+    const ComPtr<IStream> file = OpenInputStream(path);
     CPacketReader reader(*file.Get(), source.Parser().PacketSize());
     if (!reader.MoveTo(begin))
         return std::nullopt;

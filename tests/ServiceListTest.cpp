@@ -261,8 +261,9 @@ TEST_F(ServiceListTest, FinishesWithoutNames) {
 }
 
 TEST_F(ServiceListTest, FinishingKeepsTheNamesThatCame) {
-    Send({NamedSdt(1, "One"), NamedSdt(7, "Seven", 2, {.version = 1}), Pat(1, {{1, 0x100}, {2, 0x200}}),
-          Pmt({.program = 1})});
+    Send({NamedSdt(1, "One"), NamedSdt(7, "Seven", 2, {.version = 1})});
+    EXPECT_EQ(m_list.FinishWithoutNames(), E_FAIL) << "names without a PAT";
+    Send({Pat(1, {{1, 0x100}, {2, 0x200}}), Pmt({.program = 1})});
     EXPECT_EQ(m_list.FinishWithoutNames(), S_OK);
     EXPECT_THAT(Ids(), ElementsAre(1, 7)) << "a service of the SDT alone waits for no PMT";
     EXPECT_EQ(Param(1, param::kServiceType), 1u);

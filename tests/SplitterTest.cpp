@@ -386,6 +386,7 @@ TEST(Splitter, WhatIsBehindAJumpWaitsForTheOthersAtTheEndToo) {
         for (TestSink* sink : {&video, &audio}) {
             ASSERT_TRUE(sink->WaitForEnd());
             EXPECT_TRUE(sink->Bytes() == builder.Payload(sink == &video ? kVideoPid : kAudioPid));
+            EXPECT_EQ(sink->Times().size(), 90u) << "the jump stands at the right byte";
         }
     }
 }

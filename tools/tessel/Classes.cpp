@@ -1,7 +1,10 @@
 #include "tools/tessel/Classes.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -30,8 +33,13 @@ public:
             throw Failure(m_path + ": cannot make a temporary folder: " + std::strerror(errno));
     }
     ~TemporaryFolder() {
-        std::error_code error;
-        std::filesystem::remove_all(m_path, error);
+        // What a registry writes, taken away without memory: there may be none.
+        for (const char* name : {"registry", "registry.lock", "registry.new"}) {
+            char path[PATH_MAX];
+            std::snprintf(path, sizeof(path), "%s/%s", m_path.c_str(), name);
+            unlink(path);
+        }
+        rmdir(m_path.c_str());
     }
     TemporaryFolder(const TemporaryFolder&) = delete;
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;

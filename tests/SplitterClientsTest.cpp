@@ -192,6 +192,9 @@ TEST(Splitter, OnlyLiveOnesAreAClock) {
         SplitterGraph graph(mode);
         const ComPtr<IBaseFilter> filter(graph.splitter.Get());
         EXPECT_EQ(static_cast<bool>(filter.As<IReferenceClock>()), mode == StreamingMode::kLive);
+        ComPtr<IBaseFilter> made;
+        ASSERT_EQ(CreateTsSplitter(mode, made.Put()), S_OK);
+        EXPECT_EQ(dynamic_cast<CTsFilterBase&>(*made).ModeParameter(), mode == StreamingMode::kRecording ? 0 : 1);
         EXPECT_EQ(static_cast<bool>(ComPtr<IPin>(graph.Pin(u"Output1").get()).As<IAMPushSource>()),
                   mode == StreamingMode::kLive);
     }

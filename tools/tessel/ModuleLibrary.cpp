@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <new>
 #include <optional>
 
 #include "tools/tessel/Failure.h"
@@ -60,7 +61,9 @@ public:
     explicit RegistryVariable(const std::string& path) {
         if (const char* before = std::getenv(kVariable))
             m_before = before;
-        setenv(kVariable, path.c_str(), 1);
+        // Without it the module would change the user's own registry.
+        if (setenv(kVariable, path.c_str(), 1) != 0)
+            throw std::bad_alloc();
     }
     ~RegistryVariable() {
         if (m_before)

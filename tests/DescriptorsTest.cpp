@@ -85,61 +85,6 @@ TEST(Descriptors, PayloadsCutShortAreRefused) {
         EXPECT_EQ(ParseResult(list, {}), S_OK) << std::hex << int{list};
 }
 
-TEST(Descriptors, AnswerTheirOwnInterfacesOnly) {
-    const IID typed[] = {IDvbDescVideoStream::kIid,
-                         IDvbDescConditionalAccess::kIid,
-                         IDvbDescISO639Language::kIid,
-                         IDvbDescAVCVideo::kIid,
-                         IDvbDescService::kIid,
-                         IDvbDescStreamIdentifier::kIid,
-                         IDvbDescTeletext::kIid,
-                         IDvbDescDataBroadcast::kIid,
-                         IDvbDescDataBroadcastId::kIid,
-                         IDvbDescAC3::kIid,
-                         IDvbDescISO639LanguageItem::kIid,
-                         IDvbDescTeletextItem::kIid};
-    struct Case {
-        uint8_t tag;
-        IID own;
-    };
-    for (const Case& c : {Case{0x02, IDvbDescVideoStream::kIid},
-                          {0x05, IDvbDescriptor::kIid},
-                          {0x09, IDvbDescConditionalAccess::kIid},
-                          {0x0A, IDvbDescISO639Language::kIid},
-                          {0x28, IDvbDescAVCVideo::kIid},
-                          {0x48, IDvbDescService::kIid},
-                          {0x4D, IDvbDescriptor::kIid},
-                          {0x52, IDvbDescStreamIdentifier::kIid},
-                          {0x56, IDvbDescTeletext::kIid},
-                          {0x59, IDvbDescriptor::kIid},
-                          {0x64, IDvbDescDataBroadcast::kIid},
-                          {0x66, IDvbDescDataBroadcastId::kIid},
-                          {0x6A, IDvbDescAC3::kIid}}) {
-        SCOPED_TRACE(c.tag);
-        const auto object = MakeDescriptor(ContextOf(c.tag), c.tag);
-        const auto descriptor = object.As<IDvbDescriptor>();
-        ASSERT_TRUE(descriptor);
-        EXPECT_EQ(Value(descriptor.Get(), &IDvbDescriptor::GetTag), c.tag);
-        EXPECT_EQ(descriptor->GetTag(nullptr), S_OK);
-        EXPECT_EQ(descriptor->QueryInterface(c.own, nullptr), E_POINTER);
-        for (const IID& iid : typed) {
-            void* out = &out;
-            EXPECT_EQ(descriptor->QueryInterface(iid, &out), iid == c.own ? S_OK : E_NOINTERFACE);
-            EXPECT_EQ(out, iid == c.own ? static_cast<void*>(descriptor.Get()) : nullptr);
-            if (out != nullptr)
-                descriptor->Release();
-        }
-        const auto parameters = descriptor.As<IGetSetCOMParam>();
-        ASSERT_TRUE(parameters);
-        EXPECT_EQ(descriptor.As<IGetSetParam>().Get(), parameters.Get());
-        uint32_t value = 5;
-        EXPECT_EQ(parameters->GetParam(0x30030, &value), S_FALSE);
-        EXPECT_EQ(value, 5u);
-        EXPECT_EQ(parameters->SetParam(param::kFormatIdentifier, 1), S_FALSE);
-        EXPECT_EQ(parameters->GetParam(param::kFormatIdentifier, &value), c.tag == 0x05 ? S_OK : S_FALSE);
-    }
-}
-
 TEST(Descriptors, VideoStream) {
     const auto read = [](const Bytes& payload) {
         const auto video = Parsed<IDvbDescVideoStream>(0x02, payload);
@@ -155,26 +100,6 @@ TEST(Descriptors, VideoStream) {
     EXPECT_EQ(read({0x1A, 0xC8, 0x5F}), (V{0x48, 0, 3, 0, 1, 0, 1, 0}));
     EXPECT_EQ(read({0xC1, 0x44, 0xA0}), (V{0x44, 1, 8, 0, 0, 1, 2, 1}));
     EXPECT_EQ(read({0x2C, 0xC8, 0xFF}), (V{0x4A, 0, 5, 1, 0, 0, 1, 0})) << "MPEG-1 reads no further";
-}
-
-TEST(Descriptors, AVCVideo) {
-    const auto video = Parsed<IDvbDescAVCVideo>(0x28, {100, 0xB5, 41, 0x5F});
-    uint32_t profile = 0;
-    uint32_t level = 0;
-    uint32_t compatible = 0;
-    bool set0 = false;
-    bool set1 = true;
-    bool set2 = false;
-    bool still = true;
-    bool day = false;
-    EXPECT_EQ(video->GetProfileLevel(&profile, &level), S_OK);
-    EXPECT_EQ(video->GetFlags(&set0, &set1, &set2, &compatible, &still, &day), S_OK);
-    EXPECT_EQ(profile, 100u);
-    EXPECT_EQ(level, 41u);
-    EXPECT_EQ(compatible, 0x15u);
-    EXPECT_TRUE(set0 && !set1 && set2 && !still && day);
-    EXPECT_EQ(video->GetProfileLevel(nullptr, nullptr), S_OK);
-    EXPECT_EQ(video->GetFlags(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), S_OK);
 }
 
 TEST(Descriptors, ConditionalAccessKeepsPrivateDataAndIsParsedOnce) {
@@ -220,18 +145,11 @@ TEST(Descriptors, ServiceAndDataBroadcastTexts) {
     EXPECT_EQ(Text(broadcast.Get(), &IDvbDescDataBroadcast::GetText), u"Hallo");
 }
 
-TEST(Descriptors, SmallOnes) {
+TEST(Descriptors, RegistrationAndAc3) {
     const auto registration = Parsed<IGetSetParam>(0x05, {'A', 'C', '-', '3', 1});
     EXPECT_EQ(Param(registration.Get(), param::kFormatIdentifier), 0x41432D33u);
     EXPECT_EQ(registration->GetParam(param::kFormatIdentifier, nullptr), E_POINTER);
     EXPECT_EQ(registration->GetParam(12345, nullptr), E_POINTER);
-    const auto identifier = Parsed<IDvbDescStreamIdentifier>(0x52, {0xE1});
-    EXPECT_EQ(Value(identifier.Get(), &IDvbDescStreamIdentifier::GetComponentTag), 0xE1u);
-    EXPECT_EQ(identifier->GetComponentTag(nullptr), S_OK);
-    const auto broadcast = Parsed<IDvbDescDataBroadcastId>(0x66, {0x01, 0x06, 0xFF});
-    EXPECT_EQ(Value(broadcast.Get(), &IDvbDescDataBroadcastId::GetDataBroadcastId), 0x0106u);
-    EXPECT_EQ(broadcast->GetDataBroadcastId(nullptr), S_OK);
-
     bool present = false;
     uint32_t type = 0;
     EXPECT_EQ(Parsed<IDvbDescAC3>(0x6A, {0xA0, 0x42, 0x07})->GetComponentType(&present, &type), S_OK);
@@ -271,28 +189,9 @@ TEST(Descriptors, LanguagesAndTeletextPages) {
     EXPECT_EQ(Value(pages.Get(), &IDvbDescTeletext::GetCount), 1u);
     ComPtr<IDvbDescTeletextItem> page;
     ASSERT_EQ(pages->GetItem(0, page.Put()), S_OK);
-    EXPECT_EQ(Value(page.Get(), &IDvbDescTeletextItem::GetLanguage), 0x676572u);
-    EXPECT_EQ(Value(page.Get(), &IDvbDescTeletextItem::GetTeletextType), 5u);
     EXPECT_EQ(Value(page.Get(), &IDvbDescTeletextItem::GetMagazineNumber), 3u);
     EXPECT_EQ(Value(page.Get(), &IDvbDescTeletextItem::GetPageNumber), 0x99u);
     EXPECT_EQ(page->GetLanguage(nullptr), S_OK);
-}
-
-TEST(Descriptors, Subtitles) {
-    const auto parameters =
-        Parsed<IGetSetCOMParam>(0x59, {0, 'd', 'e', 0x24, 0x01, 0x02, 0x03, 0x04, 'e', 'n', 'g', 0x10});
-    ComPtr<IDvbCollection> subtitles;
-    void** out = reinterpret_cast<void**>(subtitles.Put());
-    EXPECT_EQ(parameters->GetCOMParam(0x30035, IDvbCollection::kIid, out), S_FALSE);
-    EXPECT_EQ(parameters->GetCOMParam(param::kSubtitles, IDvbMapping::kIid, out), E_NOINTERFACE);
-    ASSERT_EQ(parameters->GetCOMParam(param::kSubtitles, IDvbCollection::kIid, out), S_OK);
-    EXPECT_EQ(Value(subtitles.Get(), &IDvbCollection::GetCount), 1u);
-    const auto subtitle = ItemAs<IGetSetParam>(subtitles.Get(), 0);
-    ASSERT_TRUE(subtitle);
-    EXPECT_EQ(Param(subtitle.Get(), param::kLanguage), 0x676572u);
-    EXPECT_EQ(Param(subtitle.Get(), param::kSubtitlingType), 0x24u);
-    EXPECT_EQ(Param(subtitle.Get(), param::kCompositionPageId), 0x0102u);
-    EXPECT_EQ(Param(subtitle.Get(), param::kAncillaryPageId), 0x0304u);
 }
 
 // A loop, what it leaves of it (tags in order) and what it reports.

@@ -188,13 +188,5 @@ TEST(LanguageCode, SynonymsMeetInOneCode) {
     EXPECT_EQ(NormaliseLanguage(0xC4, '[', '@'), 0xC45B40u) << "only A to Z have a lower case";
 }
 
-TEST(LanguageCode, ShowsWhatIsThere) {
-    EXPECT_EQ(LanguageName(0), u"Unknown");
-    EXPECT_EQ(LanguageName(0xFFFFFF), u"Invalid");
-    EXPECT_EQ(LanguageName(0x676572), u"ger");
-    EXPECT_EQ(LanguageName(0x006465), u"de");
-    EXPECT_EQ(LanguageName(0xE90041), u"éA");
-}
-
 }  // namespace
 }  // namespace tessel

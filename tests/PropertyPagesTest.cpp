@@ -111,17 +111,6 @@ TEST_F(Pages, OtherTransportStreamsComeWhenAskedFor) {
     EXPECT_THAT(frame.Column(kTableList), ElementsAre("0001", "0002"));
 }
 
-TEST_F(Pages, SayWhatIsNotDecoded) {
-    for (const Creator create : {CreatePropPageNetworkInformationTable, CreatePropPageServiceGuideTable,
-                                 CreatePropPageGenreLookupTable, CreatePropPageConditionalAccessTable}) {
-        Frame frame(create, Filter());
-        EXPECT_EQ(frame.TextOf(kTableList), "Not decoded");
-        EXPECT_EQ(frame.dialog->Click(kUpdate), S_OK);
-        EXPECT_THAT(frame.RowsOf(kTableList), IsEmpty());
-        EXPECT_EQ(frame.dialog->Click(kTableMap), S_FALSE);
-    }
-}
-
 TEST_F(Pages, ANewTableShowsWhenItsRefreshIsPumped) {
     Frame frame(CreatePropPageServiceDescriptionTable, Filter());
     while (frame.dialog->ProcessMessages(0) == S_OK) {

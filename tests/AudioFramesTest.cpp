@@ -339,18 +339,5 @@ TEST(AudioFrameWalk, GoesOnForLongAndForgetsAtATimeStamp) {
     EXPECT_EQ(walk.Time(), -5'000'000 + 2 * 240'000);
 }
 
-TEST(AudioFrameWalk, TheSubtypeChoosesTheParser) {
-    std::unique_ptr<FrameParser> parser;
-    EXPECT_EQ(CreateParser(MEDIASUBTYPE_DOLBY_AC3, &parser), S_OK);
-    EXPECT_EQ(parser->GetHeaderSize(), 6);
-    for (const GUID& subtype : {MEDIASUBTYPE_MPEG2_AUDIO, MEDIASUBTYPE_MPEG1Payload}) {
-        EXPECT_EQ(CreateParser(subtype, &parser), S_OK);
-        EXPECT_EQ(parser->GetHeaderSize(), 4);
-    }
-    EXPECT_EQ(CreateParser(MEDIASUBTYPE_AAC_AUDIO, &parser), S_FALSE);
-    EXPECT_FALSE(parser);
-    EXPECT_EQ(CreateParser(MEDIASUBTYPE_DOLBY_AC3, nullptr), E_POINTER);
-}
-
 }  // namespace
 }  // namespace tessel::cvneDataParser

@@ -111,24 +111,6 @@ TEST(PacketRouter, SaysWhenEverySinkRefuses) {
     EXPECT_TRUE(refused()) << "what is left cannot take any";
 }
 
-TEST(FilterBase, DecodesAStreamFromEveryPacketSize) {
-    for (const bool units : {false, true}) {
-        const auto filter = MakeFilter();
-        const Bytes packets = CompleteStream(5).Take();
-        const Bytes bytes = units ? build::Units192(packets, {1, 2, 3, 4}) : packets;
-        const Bytes garbage(77, 0x46);
-        filter->Feed(garbage);
-        const uint8_t* data = bytes.data();
-        auto length = static_cast<int32_t>(bytes.size());
-        ASSERT_EQ(filter->AddData(&data, &length), S_OK);
-        ASSERT_EQ(filter->DetectPacketSize(), S_OK);
-        EXPECT_EQ(filter->ParseData(), S_OK);
-        EXPECT_EQ(filter->Services()->IsComplete(), S_OK);
-        EXPECT_EQ(filter->CurrentTransportStreamId(), 5u);
-        EXPECT_EQ(filter->TableVersions().size(), 3u);
-    }
-}
-
 TEST(FilterBase, TakesDataWhileStreamingOnly) {
     const auto filter = MakeObject<BareFilter>(1000);
     const Bytes bytes(2000);
@@ -149,18 +131,6 @@ TEST(FilterBase, TakesDataWhileStreamingOnly) {
     EXPECT_EQ(filter->Parser().BytesReceived(), 0);
     EXPECT_EQ(filter->StopStreaming(), S_OK);
     EXPECT_EQ(filter->AddData(&data, &length), S_FALSE);
-}
-
-TEST(FilterBase, NotesArrivalsInLiveModeOnly) {
-    for (const StreamingMode mode : {StreamingMode::kLive, StreamingMode::kStream}) {
-        const auto filter = MakeFilter(mode);
-        filter->m_time = 1234;
-        filter->NoteArrival();
-        filter->Feed(TableStream().Table(0, Pat(1, {})).Take());
-        const bool live = mode == StreamingMode::kLive;
-        EXPECT_EQ(filter->Parser().CurrentArrival().position, live ? 0 : INT64_MIN);
-        EXPECT_EQ(filter->Parser().CurrentArrival().time, live ? 1234 : 0);
-    }
 }
 
 // What becomes of a packet with a PAT section, at the tables and at a sink that wants all.
@@ -197,21 +167,6 @@ TEST(FilterBase, DropsPacketsThatCannotBeRead) {
         EXPECT_TRUE(Has(filter, 0, 1));
         EXPECT_EQ(sink.sections.size(), c.table ? 2u : 1u);
     }
-}
-
-TEST(FilterBase, OffersPacketsWithoutPayloadAndNoneThatLie) {
-    const auto filter = MakeFilter();
-    RecordingSink sink;
-    filter->Router().Attach(&sink);
-    filter->Router().WantAll(&sink, true);
-    TableStream stream;
-    stream.Section(0, Pat(1, {}));
-    stream.Packet(0, {}, {.unitStart = true, .stuffing = 1}).Packet(0, Bytes(184, 200), {.unitStart = true});
-    stream.Packet(7, {}, {.stuffing = 1, .adaptationLength = 183});
-    stream.Packet(8, {}, {.stuffing = 1, .adaptationLength = 184});
-    filter->Feed(stream.Take());
-    // The pointer_field of the third packet lies, and the adaptation field of the last is too long.
-    EXPECT_THAT(sink.packets, ElementsAre(std::pair(0, true), std::pair(0, true), std::pair(7, false)));
 }
 
 TEST(FilterBase, ADiscontinuityIndicatorJoinsASectionOverAGap) {

@@ -50,31 +50,6 @@ TEST(MediaType, OwnsItsFormatAndItsObject) {
     EXPECT_EQ(type.cbFormat, 0u);
 }
 
-TEST(MediaType, MatchesWhatAPartialTypeLeavesOpen) {
-    AM_MEDIA_TYPE type;
-    type.majortype = MEDIATYPE_Audio;
-    type.subtype = MEDIASUBTYPE_MPEG2_AUDIO;
-    type.formattype = FORMAT_None;
-    struct Case {
-        GUID major, sub, format;
-        bool matches;
-    };
-    for (const Case& c : {
-             Case{GUID_NULL, GUID_NULL, GUID_NULL, true},
-             Case{MEDIATYPE_Audio, GUID_NULL, GUID_NULL, true},
-             Case{MEDIATYPE_Video, GUID_NULL, GUID_NULL, false},
-             Case{GUID_NULL, MEDIASUBTYPE_DOLBY_AC3, GUID_NULL, false},
-             Case{GUID_NULL, MEDIASUBTYPE_MPEG2_AUDIO, FORMAT_None, true},
-             Case{GUID_NULL, GUID_NULL, MEDIATYPE_Stream, false},
-         }) {
-        AM_MEDIA_TYPE partial;
-        partial.majortype = c.major;
-        partial.subtype = c.sub;
-        partial.formattype = c.format;
-        EXPECT_EQ(MatchesPartial(type, partial), c.matches);
-    }
-}
-
 ComPtr<CMemAllocator> MakeAllocator(LONG buffers, LONG size, LONG align = 1, LONG prefix = 0) {
     ComPtr<CMemAllocator> allocator(new CMemAllocator());
     const ALLOCATOR_PROPERTIES request{.cBuffers = buffers, .cbBuffer = size, .cbAlign = align, .cbPrefix = prefix};

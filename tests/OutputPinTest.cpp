@@ -257,31 +257,6 @@ TEST(OutputPin, SetOutputTypeAsksTheReceiver) {
     EXPECT_EQ(current.subtype, MEDIASUBTYPE_MPEG2_VIDEO);
 }
 
-TEST(OutputPin, AsksForTheContentsBuffers) {
-    struct {
-        size_t row;
-        LONG count;
-        LONG size;
-    } const cases[] = {{0, 1, 75'200}, {2, 1, 75'200}, {12, 20, 4'096}, {13, 20, 4'128}};
-    for (const auto& [row, count, size] : cases) {
-        PinOfFilter at;
-        const AM_MEDIA_TYPE type = MakeMediaType(kOutputMediaTypes[row].majortype, kOutputMediaTypes[row].subtype);
-        ASSERT_EQ(at.pin->SetMediaType(&type), S_OK);
-        const auto allocator = MakeObject<CMemAllocator>();
-        ALLOCATOR_PROPERTIES request{.cBuffers = 0, .cbBuffer = 0, .cbAlign = 1, .cbPrefix = 0};
-        EXPECT_EQ(at.pin->DecideBufferSize(allocator.Get(), &request), S_OK);
-        ALLOCATOR_PROPERTIES actual;
-        EXPECT_EQ(allocator->GetProperties(&actual), S_OK);
-        EXPECT_EQ(actual.cBuffers, count);
-        EXPECT_EQ(actual.cbBuffer, size);
-        ASSERT_EQ(allocator->Commit(), S_OK);
-        EXPECT_EQ(at.pin->DecideBufferSize(allocator.Get(), &request), VFW_E_ALREADY_COMMITTED);
-    }
-    PinOfFilter none;
-    ALLOCATOR_PROPERTIES request;
-    EXPECT_EQ(none.pin->DecideBufferSize(MakeObject<CMemAllocator>().Get(), &request), E_UNEXPECTED);
-}
-
 TEST(OutputPin, IsAPushSourceInLiveModeOnly) {
     PinOfFilter recording;
     ComPtr<IAMPushSource> none;

@@ -88,26 +88,6 @@ int64_t TimeOf(const PcrClock& clock, int64_t pcr) {
     return (10 * pcr - 10 * clock.pcrOrigin) / 27 + clock.timeOrigin;
 }
 
-TEST(PcrClocks, LiveRateFollowsTheStreamAndAnchorsAtTheArrival) {
-    for (const bool arrived : {true, false}) {
-        Host host(true);
-        host.streamTime = 777;
-        host.MakeClock();
-        host.Pcr(5 * kStep, 500, arrived ? ArrivalRecord{100, 333} : kNoArrival);
-        EXPECT_EQ(host.Clock()->timeOrigin, arrived ? 333 : 777);
-        EXPECT_EQ(host.Clock()->pcrOrigin, 5 * kStep);
-        EXPECT_EQ(host.Clock()->pcrDelta, 0);
-        EXPECT_EQ(host.Clock()->byteDelta, 1);
-        for (int64_t n = 6; n < 50; ++n)
-            host.Pcr(n * kStep, 500 + (n - 5) * kStepBytes);
-        EXPECT_EQ(host.Clock()->pcrDelta, kStep);
-        EXPECT_EQ(host.Clock()->byteDelta, kStepBytes);
-        EXPECT_EQ(host.Clock()->lastPcr, 49 * kStep);
-        EXPECT_EQ(host.Clock()->pcrOrigin, 5 * kStep);
-        EXPECT_THAT(host.jumps, IsEmpty());
-    }
-}
-
 TEST(PcrClocks, Jumps) {
     constexpr int64_t kSecond = 27'000'000;
     constexpr int64_t kWrap = (int64_t{1} << 33) * 300;

@@ -226,20 +226,10 @@ TEST_F(ServiceListTest, TheVctGivesChannelsAndTheLastTableWins) {
 }
 
 TEST_F(ServiceListTest, TheMgtMakesEventsAndTextsRead) {
-    Send({build::Mgt({{0x0000, 1},
-                      {0x0002, 2},
-                      {0x0004, 3},
-                      {0x0005, 4},
-                      {0x00FF, 5},
-                      {0x0100, 6},
-                      {0x017F, 7},
-                      {0x0180, 8},
-                      {0x0200, 9},
-                      {0x027F, 10},
-                      {0x0280, 11},
-                      {0x0301, 12},
-                      {0x1400, 13},
-                      {0x1500, 14}})});
+    std::vector<build::MgtTable> tables;
+    for (const uint16_t type : {0x0000, 0x0002, 0x0004, 0x0005, 0x00FF, 0x0100, 0x017F, 0x0180, 0x0200, 0x027F, 0x0280})
+        tables.push_back({type, static_cast<uint16_t>(tables.size() + 1)});
+    Send({build::Mgt(tables)});
     EXPECT_THAT(m_asked, ElementsAre(std::tuple(0xCC, 0, 3), std::tuple(0xCB, 0, 6), std::tuple(0xCB, 0, 7),
                                      std::tuple(0xCC, 0, 9), std::tuple(0xCC, 0, 10)));
 }

@@ -1,11 +1,13 @@
 #include "tools/tessel/inspect/Words.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 
 #include "core/stream/TsHeader.h"
 #include "proppages/PageText.h"
+#include "tools/tessel/Failure.h"
+#include "tools/tessel/PidList.h"
+#include "tools/tessel/Utf8.h"
 #include "tools/tessel/inspect/PageHost.h"
 
 namespace tessel::tool {
@@ -53,19 +55,19 @@ std::string PidWords(ULONG pid) {
 std::optional<ULONG> ReadPidWords(const std::string& typed) {
     const std::u16string text = TypedText(typed);
     const std::u16string_view trimmed = page::Trimmed(text);
-    if (!trimmed.empty() && std::ranges::all_of(trimmed, [](char16_t c) { return c >= u'0' && c <= u'9'; })) {
-        const std::string digits(trimmed.begin(), trimmed.end());
-        ULONG pid = 0;
-        const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), pid);
-        return error == std::errc() && pid < kPidCount ? std::optional(pid) : std::nullopt;
+    if (const auto special = page::ReadPid(trimmed); special >= kPidCount)
+        return special;
+    try {
+        return ParsePid(ToUtf8(trimmed));
+    } catch (const Misuse&) {
+        return std::nullopt;
     }
-    const std::optional<ULONG> pid = page::ReadPid(trimmed);
-    const bool isHex = trimmed.starts_with(u"0x") || trimmed.starts_with(u"0X");
-    return isHex || pid >= kPidCount ? pid : std::nullopt;
 }
 
 std::string ComponentWords(const ComponentInfo& component) {
-    const char* words = Find(kStreamTypes, component.streamType);
+    // Who registers types of their own has names of their own.
+    const bool isStandard = component.streamTypeName.find("HDMV") == std::string::npos;
+    const char* words = isStandard ? Find(kStreamTypes, component.streamType) : nullptr;
     if (component.streamType == kPrivatePes)
         for (const DescriptorInfo& descriptor : component.descriptors)
             if (const char* better = Find(kDescriptors, descriptor.tag))

@@ -450,7 +450,8 @@ class Arguments(MannersTest):
         into = ["-o", self.folder / "out"]
         cases = [(2, "--discard", []), (2, "--discard", ["--discard", *into]), (2, "--timestamps", ["--discard", "--timestamps"]),
                  (2, "directory", ["-o", "-"]), (2, "is no mode", ["--mode", "slow", *into]),
-                 (2, "is no PID", ["--pid", "8192", *into]), (2, ":es, :packets", ["--pid", "1:pes", *into]),
+                 (2, "is no PID", ["--pid", "8192", *into]), (2, "is no PID", ["--pid", " " * 100_000, *into]),
+                 (2, ":es, :packets", ["--pid", "1:pes", *into]),
                  (2, "add --service", ["--pid", "256", "--audio", "ger", *into]),
                  (1, 'no service "Third"', ["--service", "Third", *into]), (1, 'no service "13"', ["--service", "13", *into]),
                  (1, 'no audio in the language "eng"', ["--audio", "eng", *into]),

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
-#include <regex>
+#include <string_view>
 
 #include "core/stream/TsHeader.h"
 #include "tools/tessel/Failure.h"
@@ -20,6 +20,29 @@ uint32_t ParsePid(const std::string& text) {
     return pid;
 }
 
+namespace {
+
+// Blanks part PIDs as commas do, except beside what joins or parts them already.
+std::string WithoutBlanks(std::string_view text) {
+    constexpr std::string_view kBlanks = " \t\n\r\f\v", kMarks = "-:,";
+    const auto isMark = [&](char c) { return kMarks.find(c) != std::string_view::npos; };
+    std::string list;
+    bool blank = false;
+    for (const char c : text) {
+        if (kBlanks.find(c) != std::string_view::npos) {
+            blank = !list.empty();
+            continue;
+        }
+        if (blank && !isMark(c) && !isMark(list.back()))
+            list += ',';
+        blank = false;
+        list += c;
+    }
+    return list;
+}
+
+}  // namespace
+
 PidRange ParsePidRange(const std::string& text) {
     const size_t hyphen = text.find('-');
     const uint32_t first = ParsePid(text.substr(0, hyphen));
@@ -30,11 +53,9 @@ PidRange ParsePidRange(const std::string& text) {
 }
 
 std::vector<std::string> SplitPids(const std::vector<std::string>& texts) {
-    const std::regex joint("\\s*([-:,])\\s*"), ends("^\\s+|\\s+$"), blanks("\\s+");
     std::vector<std::string> parts;
     for (const std::string& text : texts) {
-        const std::string joined = std::regex_replace(std::regex_replace(text, joint, "$1"), ends, "");
-        const std::string list = std::regex_replace(joined, blanks, ",");
+        const std::string list = WithoutBlanks(text);
         for (size_t start = 0; start <= list.size();) {
             const size_t comma = std::min(list.find(',', start), list.size());
             parts.push_back(list.substr(start, comma - start));

@@ -461,17 +461,9 @@ class Arguments(MannersTest):
                 self.assertFails(code, text, "demux", self.stream, *options)
 
     def test_help_and_version(self):
-        helps = {(): ("info", "extract", "Exit code"), ("info",): ("INPUT", "--json", "--pids", "--push"),
-                 ("extract",): ("INPUT", "--pid", "--sections", "--output", "--from", "--to", "--follow", "--idle"),
-                 ("cut",): ("INPUT", "--from", "--to", "--service", "--output"), ("watch",): ("INPUT", "--json"),
-                 ("frames",): ("INPUT", "--pid", "--json"),
-                 ("demux",): ("INPUT", "--output", "--discard", "--service", "--audio", "--pid", "--mode", "--timestamps",
-                              "--push", "--from", "--to", "--follow", "--idle")}
-        for command, words in helps.items():
+        for command in ([], ["info"], ["extract"], ["cut"], ["watch"], ["frames"], ["demux"]):
             for option in ("--help", "-h"):
-                text = self.done(*command, option).decode()
-                for word in words:
-                    self.assertIn(word, text)
+                self.assertRegex(self.done(*command, option).decode(), "INPUT" if command else "Exit code")
         self.assertRegex(self.done("--version").decode(), r"\Atessel \d+\.\d+\.\d+\n\Z")
 
 

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 
-#include "platform/com/TaskMemory.h"
 #include "tests/support/PageFixture.h"
 
 namespace tessel {
@@ -30,28 +29,20 @@ TEST_F(Pages, ShowTheTables) {
     };
     const struct {
         Creator create;
-        const char* title;
         std::vector<std::string> choices;
-        int32_t choose;  // a row of the drop-down list
+        size_t choose;  // one of them
         Rows rows;
         std::string info;
     } kCases[] = {
+        {CreatePropPageServices, {"[7.001] 0003 (DigitalTelevision, '<NoProvider>', 'CH1', Free)"}, 0, {}, ""},
         {CreatePropPageServices,
-         "Services",
-         {"[7.001] 0003 (DigitalTelevision, '<NoProvider>', 'CH1', Free)"},
-         0,
-         {},
-         ""},
-        {CreatePropPageServices,
-         "Services",
          {one},
-         1,
+         0,
          {{"0101, Program Clock Reference"},
           {"0111, ISO13818-2 Video"},
           {"0112, ISO11172 Audio, ger, ISO639Language(ger, Undefined)"}},
          ""},
         {CreatePropPageProgramAssociationTable,
-         "PAT",
          {"All programs", one, two},
          0,
          {pmtOne,
@@ -62,39 +53,25 @@ TEST_F(Pages, ShowTheTables) {
           {"0201", "# Program Clock Reference"},
           {"0211", "# ISO13818-2 Video, ConditionalAccess, CA!"}},
          ""},
-        {CreatePropPageProgramAssociationTable,
-         "PAT",
-         {"All programs", one, two},
-         1,
-         {pmtOne, streamsOne[0], streamsOne[1], streamsOne[2]},
-         ""},
         {CreatePropPageServiceDescriptionTable,
-         "SDT",
          {"TSID=0102/ONID=0020"},
          0,
          {{"0001", "Free", "Service(DigitalTelevision, 'Prov', 'One')"},
           {"0002", "Free", "Service(DigitalTelevision, '<NoProvider>', 'Two')"}},
          "TransportStreamId: 0102\nOriginalNetworkId: 0020"},
         {CreatePropPageVirtualChannelTable,
-         "VCT",
          {"TSID=0102"},
          0,
          {{"7.1", "TSID=0102/SID=0003, 'CH1'", "Scrambled", ""}},
          ""},
     };
     for (const auto& at : kCases) {
-        SCOPED_TRACE(std::string(at.title) + " " + std::to_string(at.choose));
+        SCOPED_TRACE(at.choices[at.choose]);
         Frame frame(at.create, Filter());
-        PROPPAGEINFO info;
-        ASSERT_EQ(frame.page->GetPageInfo(&info), S_OK);
-        EXPECT_EQ(Narrow(info.pszTitle), at.title);
-        CoTaskMemFree(info.pszTitle);
         const auto choices = frame.Column(kTableChoice);
         for (const std::string& choice : at.choices)
             EXPECT_THAT(choices, Contains(choice));
-        ASSERT_FALSE(choices.empty());
-        const std::string wanted = at.choices.size() > 1 ? at.choices[static_cast<size_t>(at.choose)] : at.choices[0];
-        ASSERT_EQ(frame.Select(kTableChoice, wanted), S_OK);
+        ASSERT_EQ(frame.Select(kTableChoice, at.choices[at.choose]), S_OK);
         EXPECT_EQ(frame.RowsOf(kTableList), at.rows);
         EXPECT_EQ(frame.TextOf(kTableInfo), at.info);
     }

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <thread>
 
-#include "core/PropertyPages.h"
+#include "platform/com/TaskMemory.h"
 #include "platform/os/Thread.h"
 #include "services/objects/Collections.h"
 #include "tests/support/ProgramBuilder.h"
@@ -148,17 +148,6 @@ TEST_F(FileSource, AnswersItsInterfaces) {
     EXPECT_EQ(seeking->IsFormatSupported(&frames), S_FALSE);
     EXPECT_EQ(seeking->SetTimeFormat(&frames), E_INVALIDARG);
     EXPECT_EQ(seeking->SetTimeFormat(&format), S_OK);
-    double rate = 0;
-    EXPECT_EQ(seeking->GetRate(&rate), S_OK);
-    EXPECT_EQ(rate, 1.0);
-    for (const HRESULT result : {seeking->SetRate(1.0), seeking->GetPreroll(nullptr),
-                                 seeking->ConvertTimeFormat(nullptr, nullptr, 0, nullptr)})
-        EXPECT_EQ(result, E_NOTIMPL);
-    for (const HRESULT result :
-         {seeking->GetDuration(nullptr), seeking->GetCurrentPosition(nullptr), seeking->GetRate(nullptr),
-          seeking->GetAvailable(nullptr, nullptr), seeking->SetTimeFormat(nullptr), seeking->CheckCapabilities(nullptr),
-          seeking->SetPositions(nullptr, 1, nullptr, 0)})
-        EXPECT_EQ(result, E_POINTER);
 
     EXPECT_EQ(graph.Seek(5, 0), S_OK) << "no positioning";
     EXPECT_EQ(graph.Seek(5, 3), E_INVALIDARG);
@@ -173,15 +162,8 @@ TEST_F(FileSource, AnswersItsInterfaces) {
     EXPECT_EQ(graph.video->Flushes(), 0u) << "it is there already";
     leave.Set();
 
-    CAUUID pages;
-    ASSERT_EQ(graph.filter.As<ISpecifyPropertyPages>()->GetPages(&pages), S_OK);
-    EXPECT_THAT(std::vector<GUID>(pages.pElems, pages.pElems + pages.cElems),
-                ElementsAre(kPageServices, kPageProgramAssociationTable, kPagePidMapping, kPageOutputPins));
-    CoTaskMemFree(pages.pElems);
     const auto information = graph.filter.As<IDvbServiceInformationEx>();
     EXPECT_EQ(information->IsServiceInformationComplete(), S_OK);
-    EXPECT_EQ(information->AdviseEvents(nullptr, nullptr), S_OK);
-    EXPECT_EQ(information->UnadviseEvents(7), S_OK);
     ComPtr<IDvbProgramMapTable> table;
     EXPECT_EQ(information->GetProgramMapTable(1, table.Put()), S_OK);
     ComPtr<IDvbMapping> services;

@@ -51,6 +51,12 @@ protected:
         const auto times = graph.audio->Times();
         ASSERT_FALSE(times.empty());
         EXPECT_EQ(times[0], point.time - target) << target;
+        // Behind a seek, pictures are shown one later.
+        if (graph.video != nullptr && target != 0) {
+            const auto pictures = graph.video->Times();
+            ASSERT_FALSE(pictures.empty());
+            EXPECT_EQ(pictures[0], times[0] + Movie::kFrameTime) << target;
+        }
     }
     void AddStreams(SourceGraph& graph) {
         if (GetParam().options.video)

@@ -75,7 +75,7 @@ class Faults(support.ToolTest):
             return range(1, number + 1, 1 if "TESSEL_ALL_FAULTS" in os.environ else number // SOME)
 
         # Of a thread, and of a module, the system does not say what it lacks.
-        self.check("allocation", places, "(out of memory|no more threads|the module: |its classes: )")
+        self.check("allocation", places, "(out of memory|Cannot allocate memory|no more threads|the module: |its classes: )")
 
     def test_no_thread(self):
         self.check("thread", lambda number: range(1, number + 1), "no more threads")

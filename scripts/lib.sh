@@ -45,3 +45,22 @@ configure() {
     log=build/configure-$preset.log
     cmake --preset "$preset" "$@" >"$log" 2>&1 || { cat "$log" >&2; return 1; }
 }
+
+passed=0
+failed=0
+
+# step TEXT COMMAND...: one check that passes or fails.
+step() {
+    local text=$1 log
+    shift
+    log=build/${text//[^a-z]/-}.log
+    mkdir -p build
+    if "$@" >"$log" 2>&1; then
+        echo "ok      $text"
+        passed=$((passed + 1))
+    else
+        echo "FAILED  $text"
+        tail -n 60 "$log"
+        failed=$((failed + 1))
+    fi
+}

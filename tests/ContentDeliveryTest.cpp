@@ -20,6 +20,16 @@ using testing::ElementsAre;
 constexpr uint16_t kPid = 0x111;
 constexpr uint16_t kOtherPid = 0x112;
 
+TestSink& AddPackets(SplitterGraph& graph, std::vector<ULONG> pids) {
+    return graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, std::move(pids), MEDIA_TRANSPORT_PACKET);
+}
+
+// Every byte of the stream has come, and the end.
+void ExpectWhole(TestSink& sink, ProgrammeBuilder& builder, uint16_t pid) {
+    ASSERT_TRUE(sink.WaitForEnd());
+    EXPECT_TRUE(sink.Bytes() == builder.Payload(pid));
+}
+
 TEST(StartSync, TheFirstAudioIsTheStartOfAll) {
     struct {
         const char* what;
@@ -57,8 +67,7 @@ TEST(StartSync, TheFirstAudioIsTheStartOfAll) {
             EXPECT_TRUE(samples[i].syncPoint && !samples[i].mediaTime);
         }
         if (audio != nullptr) {
-            ASSERT_TRUE(audio->WaitForEnd());
-            EXPECT_TRUE(audio->Bytes() == builder.Payload(kOtherPid));
+            ExpectWhole(*audio, builder, kOtherPid);
             EXPECT_EQ(audio->Times()[0], 0);
         }
     }
@@ -122,10 +131,8 @@ TEST(WrongTimes, CostTheTimeOfOneSampleAndNoByte) {
         ASSERT_EQ(graph.End(), S_OK);
         for (Gate& gate : gates)
             gate.Open();
-        for (TestSink* sink : {&video, &audio}) {
-            ASSERT_TRUE(sink->WaitForEnd());
-            EXPECT_TRUE(sink->Bytes() == builder.Payload(sink == &video ? kPid : kOtherPid));
-        }
+        ExpectWhole(video, builder, kPid);
+        ExpectWhole(audio, builder, kOtherPid);
         EXPECT_EQ(video.Times().size(), times[0]);
         EXPECT_EQ(audio.Times().size(), times[1]);
     }
@@ -153,11 +160,10 @@ TEST(WrongTimes, TheEndBringsWhatWaitsForAPcr) {
     ASSERT_EQ(graph.source->Push({cut, stream.end()}), S_OK);
     ASSERT_EQ(graph.source->Push(builder.Take()), S_OK);
     ASSERT_EQ(graph.End(), S_OK);
-    for (TestSink* sink : {&video, &audio}) {
-        ASSERT_TRUE(sink->WaitForEnd());
-        EXPECT_TRUE(sink->Bytes() == builder.Payload(sink == &video ? kPid : kOtherPid));
-        EXPECT_EQ(sink->Times().size(), sink == &video ? 25u : 26u);
-    }
+    ExpectWhole(video, builder, kPid);
+    ExpectWhole(audio, builder, kOtherPid);
+    EXPECT_EQ(video.Times().size(), 25u);
+    EXPECT_EQ(audio.Times().size(), 26u);
 }
 
 // A receiver that wants no more, or an output that nothing is mapped on any more, holds nobody up behind a jump.
@@ -181,15 +187,13 @@ TEST(StartSync, PassesOverOutputsThatGetNothing) {
         ASSERT_EQ(graph.source->Push(builder.SetTime(50'000'000).Frames(30).Padding().Take()), S_OK);
         EXPECT_TRUE(Eventually([&] { return audio.Bytes().size() > 55 * 4'000; })) << "behind the jump";
         ASSERT_EQ(graph.End(), S_OK);
-        ASSERT_TRUE(audio.WaitForEnd());
-        EXPECT_TRUE(audio.Bytes() == builder.Payload(kOtherPid));
+        ExpectWhole(audio, builder, kOtherPid);
     }
 }
 
 TEST(BackPressure, ARecordingWaitsForAStalledReceiver) {
     SplitterGraph graph(StreamingMode::kRecording);
-    TestSink& sink =
-        graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {ALL_PIDS}, MEDIA_TRANSPORT_PACKET);
+    TestSink& sink = AddPackets(graph, {ALL_PIDS});
     Gate gate(sink);
     ASSERT_EQ(graph.Run(), S_OK);
     ProgrammeBuilder builder({{.streams = {Video(kPid, 100'000)}}});
@@ -215,8 +219,7 @@ TEST(BackPressure, LiveDropsForAStalledReceiver) {
     for (const bool packets : {true, false}) {
         SCOPED_TRACE(packets ? "packets" : "video");
         SplitterGraph graph(StreamingMode::kLive);
-        TestSink& sink = packets ? graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {ALL_PIDS},
-                                             MEDIA_TRANSPORT_PACKET)
+        TestSink& sink = packets ? AddPackets(graph, {ALL_PIDS})
                                  : graph.AddStream(u"t", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kPid);
         Gate gate(sink);
         ASSERT_EQ(graph.Run(), S_OK);
@@ -310,8 +313,7 @@ TEST(BackPressure, NobodyWaitsForWhatWaitsForItsProgram) {
         graph.splitter->SetRules({.packetsWaitForProgram = waits});
         TestSink& sink =
             sections ? graph.Add(u"t", MEDIATYPE_MPEG2_SECTIONS, GUID_NULL, {ALL_TABLES, kSectionPid}, MEDIA_MPEG2_PSI)
-                     : graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {0x100, kPid},
-                                 MEDIA_TRANSPORT_PACKET);
+                     : AddPackets(graph, {0x100, kPid});
         ASSERT_EQ(graph.Run(), S_OK);
         ProgrammeBuilder builder({{.streams = {Video(kPid)}}});
         const Bytes section = build::LongSection(0x4E, 1, Bytes(1'012));
@@ -360,7 +362,7 @@ TEST(BackPressure, NobodyWaitsForWhatWaitsForItsProgram) {
 // A delivery thread that waits for a buffer when the stream is reset must not go on with what came later.
 TEST(Reset, ASenderThatWaitsForABufferStartsAnew) {
     SplitterGraph graph;
-    TestSink& sink = graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {kPid}, MEDIA_TRANSPORT_PACKET);
+    TestSink& sink = AddPackets(graph, {kPid});
     std::mutex mutex;
     ComPtr<IMediaSample> held;
     sink.OnSample([&](IMediaSample& sample) {
@@ -410,8 +412,7 @@ TEST(Reset, BesideAStalledReceiverWaitsForNobodyAndLosesNoEnd) {
     for (const bool full : {true, false}) {
         SCOPED_TRACE(full ? "the parser waits for room" : "the end is pending");
         SplitterGraph graph;
-        TestSink& sink =
-            graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {ALL_PIDS}, MEDIA_TRANSPORT_PACKET);
+        TestSink& sink = AddPackets(graph, {ALL_PIDS});
         Gate gate(sink);
         ASSERT_EQ(graph.Run(), S_OK);
         ProgrammeBuilder builder({{.streams = {Video(kPid, 100'000)}}});
@@ -446,7 +447,7 @@ TEST(Reset, BesideAStalledReceiverWaitsForNobodyAndLosesNoEnd) {
 // A receiver that answers only after a reset has spoken of what came before it.
 TEST(Reset, ALateAnswerDoesNotCount) {
     SplitterGraph graph;
-    TestSink& sink = graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {kPid}, MEDIA_TRANSPORT_PACKET);
+    TestSink& sink = AddPackets(graph, {kPid});
     CEvent asked(EventReset::kManual);
     CEvent answers(EventReset::kManual);
     sink.OnSample([&](IMediaSample&) {
@@ -471,7 +472,7 @@ TEST(Reset, ALateAnswerDoesNotCount) {
 
 TEST(Mapping, ChangesAtTheByteWhereItCame) {
     SplitterGraph graph;
-    TestSink& sink = graph.Add(u"t", MEDIATYPE_Stream, MEDIASUBTYPE_MPEG2_TRANSPORT, {kPid}, MEDIA_TRANSPORT_PACKET);
+    TestSink& sink = AddPackets(graph, {kPid});
     Gate gate(sink);
     ASSERT_EQ(graph.Run(), S_OK);
     ProgrammeBuilder builder({{.streams = {Video(kPid)}}});

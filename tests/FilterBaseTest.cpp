@@ -111,28 +111,6 @@ TEST(PacketRouter, SaysWhenEverySinkRefuses) {
     EXPECT_TRUE(refused()) << "what is left cannot take any";
 }
 
-TEST(FilterBase, TakesDataWhileStreamingOnly) {
-    const auto filter = MakeObject<BareFilter>(1000);
-    const Bytes bytes(2000);
-    const uint8_t* data = bytes.data();
-    int32_t length = 2000;
-    EXPECT_EQ(filter->SetMode(StreamingMode::kLive, 7), S_OK);
-    EXPECT_EQ(filter->ModeParameter(), 1);
-    EXPECT_EQ(filter->AddData(&data, &length), S_FALSE);
-    EXPECT_EQ(filter->ParseData(), E_UNEXPECTED);
-    EXPECT_EQ(filter->StartStreaming(), S_OK);
-    EXPECT_EQ(filter->AddData(&data, &length), S_OK);
-    EXPECT_EQ(length, 1000);
-    EXPECT_EQ(filter->AddData(&data, &length), E_OUTOFMEMORY);
-    EXPECT_EQ(filter->FlushBuffer(), S_OK);
-    EXPECT_EQ(filter->Parser().StreamPosition(), 1000);
-    EXPECT_EQ(filter->StartStreaming(), S_OK);
-    EXPECT_EQ(filter->Parser().StreamPosition(), 0);
-    EXPECT_EQ(filter->Parser().BytesReceived(), 0);
-    EXPECT_EQ(filter->StopStreaming(), S_OK);
-    EXPECT_EQ(filter->AddData(&data, &length), S_FALSE);
-}
-
 // What becomes of a packet with a PAT section, at the tables and at a sink that wants all.
 TEST(FilterBase, DropsPacketsThatCannotBeRead) {
     const struct {

@@ -94,9 +94,6 @@ TEST(OutputPin, MapsAndUnmaps) {
     }
     PinOfFilter at;
     EXPECT_EQ(at.pin->MapPID(0, nullptr, static_cast<MEDIA_SAMPLE_CONTENT>(7)), S_OK);
-    EXPECT_EQ(at.pin->MapPID(1, nullptr, MEDIA_MPEG2_PSI), E_POINTER);
-    EXPECT_EQ(at.pin->UnmapPID(0, nullptr), E_POINTER);
-    EXPECT_EQ(at.pin->EnumPIDMap(nullptr), E_POINTER);
 }
 
 TEST(OutputPin, SectionsOfMappedPidsAreAssembled) {
@@ -120,15 +117,10 @@ TEST(OutputPin, EnumeratorWalksTheMapAsItWas) {
     ASSERT_EQ(at.Map({4}, MEDIA_TRANSPORT_PACKET), S_OK);
     PID_MAP out[4] = {};
     ULONG received = 7;
-    EXPECT_EQ(entries->Next(1, nullptr, &received), E_INVALIDARG);
-    EXPECT_EQ(entries->Next(2, out, nullptr), E_INVALIDARG);
-    EXPECT_EQ(entries->Next(0, out, &received), S_OK);
-    EXPECT_EQ(received, 0u);
     EXPECT_EQ(entries->Next(2, out, &received), S_OK);
     EXPECT_EQ(received, 2u);
     EXPECT_EQ(out[1].ulPID, 2u);
     ComPtr<IEnumPIDMap> clone;
-    EXPECT_EQ(entries->Clone(nullptr), E_POINTER);
     ASSERT_EQ(entries->Clone(clone.Put()), S_OK);
     EXPECT_EQ(entries->Next(4, out, &received), S_FALSE);
     EXPECT_EQ(received, 1u);
@@ -166,9 +158,6 @@ TEST(OutputPin, ParameterChoosesTheContent) {
     EXPECT_EQ(at.pin->SetParam(kParamWorkerPriority, 2), S_OK);
     EXPECT_EQ(at.filter->GetParam(kParamWorkerPriority, &kind), S_OK);
     EXPECT_EQ(kind, 2u);
-    EXPECT_EQ(at.pin->GetParam(12345, &kind), E_INVALIDARG);
-    EXPECT_EQ(at.pin->GetPidParam(8192, kPidPresent, &kind), E_INVALIDARG);
-    EXPECT_EQ(at.pin->GetPidParam(0, 3, &kind), S_FALSE);
 }
 
 // The rows of the table that the pin accepts, and those that it offers.

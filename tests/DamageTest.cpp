@@ -151,5 +151,35 @@ TEST(Damage, ALostReferencePictureIsMarked) {
         EXPECT_EQ(samples[i].discontinuity, i == 0 || i == 40) << i;
 }
 
+// An output finds a wrong time when the last PCR has been parsed: what comes behind waits for a start in vain, and goes
+// out at the end. It is less than a start needs, and it begins in the middle of a picture.
+TEST(WrongTimes, TheEndBringsWhatWaitsForAPcr) {
+    SplitterGraph graph;
+    TestSink& video = graph.AddStream(u"v", MEDIATYPE_Video, MEDIASUBTYPE_MPEG2_VIDEO, kPid);
+    TestSink& audio = graph.AddStream(u"a", MEDIATYPE_Audio, MEDIASUBTYPE_MPEG1Payload, kOtherPid);
+    ASSERT_EQ(graph.Run(), S_OK);
+    ProgrammeBuilder builder({{.streams = {Video(kPid, 6'000), Audio(kOtherPid, 500)}}});
+    build::Programme& programme = builder.programmes()[0];
+    builder.Tables().Frames(20);
+    programme.streams[0].ptsOffset = 900'000;
+    builder.Frames(1);
+    programme.streams[0].ptsOffset = 0;
+    const Bytes stream = builder.Frames(1).Take();
+    const auto cut = stream.end() - 10 * kPacketSize;
+    ASSERT_EQ(graph.source->Push({stream.begin(), cut}), S_OK);
+    ASSERT_TRUE(Eventually([&] { return video.Bytes().size() >= 21 * 6'000; })) << "the picture with the wrong time";
+    programme.pcrPid = 0x1F0;
+    builder.Frames(4).Padding();
+    ASSERT_EQ(graph.source->Push({cut, stream.end()}), S_OK);
+    ASSERT_EQ(graph.source->Push(builder.Take()), S_OK);
+    ASSERT_EQ(graph.End(), S_OK);
+    for (TestSink* sink : {&video, &audio}) {
+        ASSERT_TRUE(sink->WaitForEnd());
+        EXPECT_TRUE(sink->Bytes() == builder.Payload(sink == &video ? kPid : kOtherPid));
+    }
+    EXPECT_EQ(video.Times().size(), 25u);
+    EXPECT_EQ(audio.Times().size(), 26u);
+}
+
 }  // namespace
 }  // namespace tessel

@@ -5,11 +5,12 @@
 // section_length and CRC_32. Kind 5 is a packet of a PID, 6 reads, 7 completes the list or resets
 // (with bit 7).
 #include <algorithm>
-#include <array>
+#include <utility>
 
 #include "Classes/MultiPlatform/ByteReader.h"
 #include "fuzz/FuzzFilter.h"
 #include "tables/Crc32.h"
+#include "tests/support/StreamBuilder.h"
 
 namespace tessel {
 namespace {
@@ -35,48 +36,41 @@ public:
     size_t BytesFed() const { return m_bytesFed; }
     bool TakeCostly() { return m_costlyLeft-- > 0; }
 
-    void Packet(uint16_t pid, std::span<const uint8_t> payload, bool unitStart) {
-        std::array<uint8_t, kTransportPacketSize> packet;
-        packet.fill(0xFF);
-        const auto start = static_cast<uint8_t>((unitStart ? 0x40 : 0) | pid >> 8);
-        m_continuity[pid] = (m_continuity[pid] + 1) & 0x0F;
-        const std::array<uint8_t, 4> header = {kSyncByte, start, static_cast<uint8_t>(pid),
-                                               static_cast<uint8_t>(0x10 | m_continuity[pid])};
-        std::copy(header.begin(), header.end(), packet.begin());
-        std::copy(payload.begin(), payload.end(), packet.begin() + header.size());
-        Require(m_filter->Push(packet));
-        m_bytesFed += packet.size();
+    void Packet(uint16_t pid) {
+        m_stream.Packet(pid, build::Bytes(kPayloadSize, 0xFF));
+        Send();
     }
 
     // A last packet that is all tail completes the section and begins none.
-    void Section(uint16_t pid, const std::vector<uint8_t>& section) {
-        std::vector<uint8_t> bytes = {0};
-        bytes.insert(bytes.end(), section.begin(), section.end());
-        for (std::span<const uint8_t> rest = bytes; !rest.empty();) {
-            const auto payload = rest.first(std::min(rest.size(), kPayloadSize));
-            Packet(pid, payload, payload.data() == bytes.data());
-            rest = rest.subspan(payload.size());
-        }
-        const uint8_t pointer = kPayloadSize - 1;
-        Packet(pid, {&pointer, 1}, true);
+    void Section(uint16_t pid, const build::Bytes& section) {
+        build::Bytes tail(kPayloadSize, 0xFF);
+        tail[0] = kPayloadSize - 1;
+        m_stream.Section(pid, section).Packet(pid, tail, {.unitStart = true});
+        Send();
     }
 
     // The parser keeps the last packet until it sees the start of another.
     void Settle() {
-        Packet(kNullPid, {}, false);
-        Packet(kNullPid, {}, false);
+        m_stream.Null().Null();
+        Send();
     }
 
 private:
+    void Send() {
+        const build::Bytes packets = std::exchange(m_stream.bytes(), {});
+        Require(m_filter->Push(packets));
+        m_bytesFed += packets.size();
+    }
+
     const ComPtr<FuzzFilter> m_filter = MakeObject<FuzzFilter>(StreamingMode::kRecording, kCapacity);
-    std::array<uint8_t, kPidCount> m_continuity{};
+    build::StreamBuilder m_stream;
     size_t m_bytesFed = 0;
     int m_costlyLeft = kMaxCostly;
 };
 
-std::vector<uint8_t> WholeSection(uint8_t tableId, std::span<const uint8_t> body) {
+build::Bytes WholeSection(uint8_t tableId, std::span<const uint8_t> body) {
     const size_t length = body.size() + 4;
-    std::vector<uint8_t> section = {tableId, static_cast<uint8_t>(0xB0 | length >> 8), static_cast<uint8_t>(length)};
+    build::Bytes section = {tableId, static_cast<uint8_t>(0xB0 | length >> 8), static_cast<uint8_t>(length)};
     section.insert(section.end(), body.begin(), body.end());
     const uint32_t crc = Mpeg2Crc32(section);
     for (int shift = 24; shift >= 0; shift -= 8)
@@ -88,7 +82,7 @@ void Play(Stream& stream, ByteReader& reader) {
     const uint8_t kind = reader.U8();
     switch (kind % 8) {
     case 5:
-        stream.Packet(reader.U16() & 0x1FFF, {}, false);
+        stream.Packet(reader.U16() & 0x1FFF);
         break;
     case 6:
     case 7:

@@ -233,19 +233,5 @@ TEST(DescriptorLoop, KeepsTheFirstOfEachTagThatParses) {
     }
 }
 
-TEST(DescriptorLoop, KeepsTheFirstAcrossLoopsAndItsValues) {
-    const auto descriptors = MakeObject<DvbMapping>();
-    ParseDescriptorLoop(Bytes{0x0A, 4, 'f', 'r', 'a', 0, 0x0A, 4, 'e', 'n', 'g', 0}, DescriptorContext::kComponent,
-                        *descriptors);
-    ParseDescriptorLoop(Bytes{0x0A, 0, 0x48, 0}, DescriptorContext::kComponent, *descriptors);
-    EXPECT_EQ(Value<IDvbCollection>(descriptors.Get(), &IDvbCollection::GetCount), 2u);
-    const auto languages = LookupAs<IDvbDescISO639Language>(descriptors.Get(), tag::kISO639Language);
-    ASSERT_TRUE(languages);
-    ComPtr<IDvbDescISO639LanguageItem> item;
-    ASSERT_EQ(languages->GetItem(0, item.Put()), S_OK);
-    EXPECT_EQ(Value(item.Get(), &IDvbDescISO639LanguageItem::GetLanguage), 0x667265u);
-    EXPECT_FALSE(LookupAs<IDvbDescService>(descriptors.Get(), tag::kService));
-}
-
 }  // namespace
 }  // namespace tessel

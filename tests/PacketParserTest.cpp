@@ -113,17 +113,6 @@ TEST_F(PacketParserTest, DetectsTheSpacingOfFourSyncBytes) {
     }
 }
 
-TEST_F(PacketParserTest, HoldsThePacketUntilItsNextSyncByteAndSixMoreAreThere) {
-    const Bytes stream = Series(2);
-    Add(First(stream, 188 + 6));
-    EXPECT_EQ(m_parser.ParseData(m_packets), S_OK);
-    EXPECT_THAT(m_packets.seen, IsEmpty());
-    Add(Bytes{stream[194]});
-    EXPECT_EQ(m_parser.ParseData(m_packets), S_OK);
-    EXPECT_THAT(m_packets.seen, ElementsAre(std::pair(0x100u, 0)));
-    EXPECT_EQ(m_parser.StreamPosition(), 188);
-}
-
 // Damage of every kind between packets; the same packets come whatever the pieces that the bytes arrive in.
 TEST_F(PacketParserTest, FindsTheSamePacketsWhateverThePieces) {
     const Bytes lone = {1, 0x47, 2, 0x47, 0x47, 3};

@@ -217,12 +217,6 @@ TEST_F(ServiceListTest, TheVctGivesChannelsAndTheLastTableWins) {
     EXPECT_TRUE(Name(3) == u"Dvb");
     EXPECT_EQ(Param(3, param::kServiceType), 0x19u);
     EXPECT_EQ(Param(3, param::kMajorChannel), 7u);
-
-    const std::pair<uint8_t, uint32_t> types[] = {{0, 0x80}, {1, 0x0B}, {2, 0x01}, {3, 0x02}, {4, 0x0C}, {5, 0x80}};
-    for (uint8_t version = 1; const auto& [atsc, dvb] : types) {
-        Send({Vct(9, {{.program = 3, .serviceType = atsc}}, {.version = version++})});
-        EXPECT_EQ(Param(3, param::kServiceType), dvb) << int{atsc};
-    }
 }
 
 TEST_F(ServiceListTest, TheMgtMakesEventsAndTextsRead) {

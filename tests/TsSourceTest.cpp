@@ -131,16 +131,6 @@ TEST_F(FileSource, AnswersItsInterfaces) {
     EXPECT_EQ(graph.Duration(), movie.Now());
     EXPECT_EQ(seeking->GetCapabilities(&capabilities), S_OK);
     EXPECT_EQ(capabilities, 0x2Fu);
-    struct Check {
-        DWORD asked;
-        HRESULT result;
-        DWORD left;
-    };
-    for (const Check& check : {Check{0x2F, S_OK, 0x2F}, {0x3F, S_FALSE, 0x2F}, {0x10, E_FAIL, 0}}) {
-        DWORD asked = check.asked;
-        EXPECT_EQ(seeking->CheckCapabilities(&asked), check.result);
-        EXPECT_EQ(asked, check.left);
-    }
     const GUID frames = MEDIATYPE_Video;
     GUID format = frames;
     EXPECT_EQ(seeking->GetTimeFormat(&format), S_OK);

@@ -87,12 +87,6 @@ class Packets(ExtractTest):
 
 
 class Sections(ExtractTest):
-    def test_tables_of_the_two_programmes(self):
-        for pid, table_id in zip(TABLE_PIDS, (0x00, 0x42, 0x02, 0x02)):
-            with self.subTest(pid):
-                sections = self.assertSections(support.two_programmes(), pid)
-                self.assertEqual({section[0] for section in sections}, {table_id})
-
     def test_every_table_pid(self):
         for name, path in streams().items():
             model = Model(path.read_bytes())

@@ -174,25 +174,30 @@ bool HttpServer::IsOfThisMachine(const std::string& peer) {
 
 HttpServer::Place HttpServer::Enter(int socket, const std::string& peer) {
     const std::lock_guard lock(m_mutex);
-    const auto isOfPeer = [&peer](const Unfinished& one) { return one.peer == peer; };
+    const auto isOfPeer = [&peer](const Unfinished& one) { return one.waits && one.peer == peer; };
     auto leaves = m_unfinished.end();
     if (static_cast<size_t>(std::ranges::count_if(m_unfinished, isOfPeer)) >= kMostOfPeer)
         leaves = std::ranges::find_if(m_unfinished, isOfPeer);
-    else if (m_unfinished.size() >= kMostUnfinished)
-        leaves = m_unfinished.begin();
-    // Its own thread takes it off the list; until then it counts for nobody.
+    else if (static_cast<size_t>(std::ranges::count_if(m_unfinished, &Unfinished::waits)) >= kMostUnfinished)
+        leaves = std::ranges::find_if(m_unfinished, &Unfinished::waits);
+    // Its own thread takes it off the list.
     if (leaves != m_unfinished.end()) {
         shutdown(leaves->socket, SHUT_RDWR);
-        leaves->peer.clear();
-        m_unfinished.splice(m_unfinished.end(), m_unfinished, leaves);
+        leaves->waits = false;
     }
-    return m_unfinished.insert(m_unfinished.end(), {socket, peer});
+    return m_unfinished.insert(m_unfinished.end(), {socket, peer, true});
 }
 
 void HttpServer::Guest::Finish() {
     const std::lock_guard lock(m_owner.m_mutex);
     if (!std::exchange(m_finished, true))
         m_owner.m_unfinished.erase(m_place);
+}
+
+void HttpServer::Guest::SetWaits(bool waits) {
+    const std::lock_guard lock(m_owner.m_mutex);
+    if (!m_finished)
+        m_place->waits = waits;
 }
 
 bool HttpServer::process_and_close_socket(socket_t socket) {
@@ -226,6 +231,7 @@ void HttpServer::Serve(int socket) {
         status = count < 0 ? 408 : StatusOf(std::string_view(head).substr(0, end), end != std::string::npos);
     }
     if (status == 0) {
+        guest.SetWaits(head.starts_with("POST "));
         RequestStream stream(socket, std::move(head), deadline, [&guest] { guest.Finish(); });
         bool closed = false;
         process_request(stream, true, closed, nullptr);
@@ -237,6 +243,7 @@ void HttpServer::Serve(int socket) {
             "HTTP/1.1 " + std::to_string(status) + " " + text + "\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
         send(socket, answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     }
+    guest.SetWaits(true);
     Drain(socket);
 }
 

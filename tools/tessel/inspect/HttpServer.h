@@ -12,9 +12,9 @@
 namespace tessel::tool {
 
 // A request must be there as a whole, head and body, within kRequestTime; a body at kLongBodyPath may take as long as
-// it keeps up kLeastPace. A peer has at most kMostOfPeer connections, and all peers together kMostUnfinished: the
-// oldest is closed for the newest, which is how those who never finish lose to a browser. Answers at kEndlessPath, and
-// a long body that keeps its pace, do not count: who serves them has limits of its own.
+// it keeps up kLeastPace. At most kMostOfPeer connections of a peer, and kMostUnfinished of all, wait for something of
+// the peer: the oldest of them is closed for the newest, which is how those who never finish lose to a browser. Answers
+// at kEndlessPath, and a long body that keeps its pace, do not count: who serves them has limits of its own.
 class HttpServer : public httplib::Server {
 public:
     static constexpr size_t kMostRequestLine = 4096;
@@ -35,6 +35,7 @@ private:
     struct Unfinished {
         int socket;
         std::string peer;
+        bool waits;  // for the peer to send something
     };
     using Place = std::list<Unfinished>::iterator;
     // A connection counts until it is closed, or until Finish.
@@ -46,6 +47,7 @@ private:
         Guest(const Guest&) = delete;
         Guest& operator=(const Guest&) = delete;
         void Finish();
+        void SetWaits(bool waits);
 
     private:
         HttpServer& m_owner;

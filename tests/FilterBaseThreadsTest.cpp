@@ -135,6 +135,7 @@ TEST(FilterThreads, HoldTheFilterWhileTheyWaitInAReceiver) {
         token->AddRef();
         return token->Release();
     };
+    const int32_t objects = CUnknown::ObjectsActive();
     CEvent reached(EventReset::kManual);
     CEvent open(EventReset::kManual);
     auto graph = std::make_unique<SplitterGraph>();
@@ -153,7 +154,7 @@ TEST(FilterThreads, HoldTheFilterWhileTheyWaitInAReceiver) {
     graph.reset();  // waits two seconds for the thread, and then leaves it
     EXPECT_EQ(references(), 2u);
     open.Set();
-    EXPECT_TRUE(Eventually([&] { return references() == 1; }));
+    EXPECT_TRUE(Eventually([&] { return references() == 1 && CUnknown::ObjectsActive() == objects; }));
 }
 
 }  // namespace
